@@ -1,0 +1,299 @@
+/* zenr.h - libzenrpx: performance primitives for realistic rendering. This header is the manual.
+ *
+ * Every function works on memory of the caller's, checks its arguments in the order in which its statuses are listed
+ * (the first that fails decides, and nothing is written then), and is complete when it returns. There is nothing to
+ * initialise and no state: any function may be called from any number of threads at once, on the same inputs too, as
+ * long as their outputs do not overlap. Nothing but what is listed is checked.
+ *
+ * Results are defined to the bit: they do not depend on the processor, the number of threads, the shape of a block or
+ * the position in an array, and are the same in the 32-bit and the 64-bit library (docs/numeric.md).
+ *
+ * Words used throughout
+ *   planar        three arrays, one each for x, y and z: `const float* const v[3]`, element i of each belongs to ray i.
+ *   mesh          vertices: float triples x y z. Triangles: four ints each - the indices of the three vertices, then a
+ *                 word that no function reads (a material number, say). A triangle's number is its position.
+ *   ray block     width * height rays in row-major order without padding; sizes below 1 mean no rays.
+ *   ray mask      one int per ray: active when >= 0. A kernel that switches a ray off writes -1.
+ *   distance      in multiples of the ray's direction, which need not have unit length.
+ *   weights       barycentric: hit[0] is the weight of the triangle's first vertex, hit[1] of its second; the third has
+ *                 1 - hit[0] - hit[1].
+ */
+#ifndef ZENR_H
+#define ZENR_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Statuses: 0 success, negative errors, positive warnings (acceptable arguments, nothing written). ------------ */
+
+typedef enum ZenStatus {
+    zenStsRoiOutside = 40,        /* warning: a source region starts outside its volume */
+    zenStsNoOperation = 1,        /* warning: the destination region left after trimming is empty */
+    zenStsNoErr = 0,              /* success */
+    zenStsMemAllocErr = -4,       /* no memory, or a memory limit given by the caller is too small */
+    zenStsBadArgErr = -5,         /* a parameter record carries an unknown tag */
+    zenStsSizeErr = -6,           /* a size or count that is zero or negative where it must not be */
+    zenStsBadTypeErr = -7,        /* an unknown computation type, or an order above its limit */
+    zenStsNullPtrErr = -8,        /* a required pointer is null */
+    zenStsNoMemErr = -9,          /* a builder's memory budget ran out during the work */
+    zenStsOutOfRangeErr = -11,    /* a parameter outside its range */
+    zenStsInterpolationErr = -22, /* an unsupported interpolation mode */
+    zenStsResizeFactorErr = -23,  /* an unusable resize factor */
+    zenStsNumChannelsErr = -53,   /* an unsupported number of channels or planes */
+    zenStsCoeffErr = -56          /* unusable transform coefficients: singular or degenerate */
+} ZenStatus;
+
+/* ---- Version ----------------------------------------------------------------------------------------------------- */
+
+typedef struct ZenrLibraryVersion {
+    int32_t major;
+    int32_t minor;
+    int32_t majorBuild;
+    int32_t build;
+    char targetCpu[4];       /* processor code, NUL-padded */
+    const char* name;        /* soname of the library */
+    const char* version;     /* version as text */
+    const char* buildDate;
+} ZenrLibraryVersion;
+
+/* The version record: constant, always the same address, never to be freed. */
+const ZenrLibraryVersion* zenrGetLibVersion(void);
+
+/* ---- Shared records ---------------------------------------------------------------------------------------------- */
+
+/* Size of a block of rays. Passed by value. */
+typedef struct ZenrSize {
+    int32_t width;
+    int32_t height;
+} ZenrSize;
+
+/* ---- Scene: bounding box and triangle records -------------------------------------------------------------------- */
+
+/* Bounding box of `count` vertices (float triples), slightly enlarged.
+ *   box  out: minimum x, y, z, maximum x, y, z. Each bound is moved outwards by 0.0001f times the largest magnitude
+ *        among the six extremes (at least the smallest normal float). A NaN coordinate is passed over.
+ * count < 1 gives an inverted box, which every ray misses. `box` is not tested.
+ * Statuses: zenStsNullPtrErr (vertices). */
+ZenStatus zenrSetBoundBox_32f(const float* vertices, int count, float* box);
+
+/* One record per triangle: its plane and edges, projected along the dominant axis k of its normal N onto the axes a, b.
+ * With the vertices P0, P1, P2: E1 = P0 - P2, E2 = P1 - P2, N = E1 x E2, s = -1 for k = y, otherwise 1. */
+typedef struct ZenrTriangleAccel {
+    uint32_t axes; /* 16*k + 4*a + b, bit 31 set when the plane is perpendicular to axis k; 0: degenerate triangle */
+    float nA;      /* N[a] / N[k] */
+    float pK;      /* P2[k] */
+    float nB;      /* N[b] / N[k] */
+    float pA;      /* P2[a] */
+    float pB;      /* P2[b] */
+    float e2A;     /* s * E2[a] / N[k] */
+    float e2B;     /* s * E2[b] / N[k] */
+    float e1A;     /* s * E1[a] / N[k] */
+    float e1B;     /* s * E1[b] / N[k] */
+} ZenrTriangleAccel;
+
+/* Bytes of one ZenrTriangleAccel (40). Statuses: zenStsNullPtrErr (size). */
+ZenStatus zenrTriangleAccelGetSize(int* size);
+
+/* Fills `count` records, one per triangle, in order; below 1 nothing. Nothing is checked: pointers must be valid and
+ * indices within the vertex array. A triangle without area gets a record of zeros, which no ray hits. Always
+ * zenStsNoErr. */
+ZenStatus zenrTriangleAccelInit(ZenrTriangleAccel* accel, const float* vertices, const int* triangles, int count);
+
+/* ---- kd-tree ----------------------------------------------------------------------------------------------------- */
+
+/* A node of the packed tree. The tree is one block that refers to itself by byte offsets only, so that it may be copied,
+ * moved, stored in a file and used by either flavour of the library. A block starts with the root and two zero words;
+ * child pairs follow, then the leaves' lists.
+ *
+ *   interior   w0: 0 | offset to the pair of children, bits 3..30 | 0 | axis, bits 0..1      w1: split position (float)
+ *              children: the lower side first, the upper side 8 bytes later
+ *   general    w0: minus the byte offset to the list (bit 31 set)                             w1: count >= 0
+ *   leaf       list: `count` triangle numbers
+ *   inline     w0: 1 | 31 bits                       w1: 1 | b, bits 2..30 | count, bits 0..1
+ *   leaf       count 1: triangle w0 bits 0..30.  2: w0 bits 0..30, and b.
+ *              3: b - (w0 bits 16..30), b, b + (w0 bits 0..15) */
+typedef struct ZenrKDTreeNode {
+    uint32_t w0;
+    uint32_t w1;
+} ZenrKDTreeNode;
+
+/* The two builders, as tags of ZenrKDTreeBuildParams. */
+enum {
+    zenKDTBuildSimple = 0x499D3DC2, /* one leaf with all triangles: for a handful of triangles, and for testing */
+    zenKDTBuildSAH = 0x2D07705B     /* surface-area heuristic, within a memory budget */
+};
+
+typedef struct ZenrKDTreeBuildParams {
+    uint32_t tag;           /* zenKDTBuildSimple: only this and the next field are read; or zenKDTBuildSAH */
+    int32_t maxDepth;       /* greatest number of interior levels, 0..50 */
+    float optimizationRatio; /* 0..1: 0 a small tree that is quick to build, 1 the most subdivided */
+    uint32_t memoryLimitMB; /* working memory for the build in MiB, from 33 up */
+    const float* pBoundBox; /* scene box (minimum x, y, z, maximum x, y, z), or null: the box of all vertices */
+} ZenrKDTreeBuildParams;
+
+/* Builds the tree of a mesh.
+ *   pDstKDTree      out: the root, first word of a new block; release it with zenrKDTreeFree
+ *   pSrcVert        srcVertSize vertices (float triples)
+ *   pSrcTriInx      srcTriSize triangles (four ints each); the indices are trusted
+ *   pDstKDTreeSize  out: size of the block in bytes
+ *   pParam          a ZenrKDTreeBuildParams
+ * Zero vertices or triangles are allowed. On failure neither output is written.
+ * Statuses, in check order:
+ *   zenStsNullPtrErr     pDstKDTree, pSrcVert, pSrcTriInx, pDstKDTreeSize null
+ *   zenStsSizeErr        srcVertSize < 0; srcTriSize < 0
+ *   zenStsNullPtrErr     pParam null
+ *   zenStsBadArgErr      unknown tag
+ *   zenStsOutOfRangeErr  maxDepth outside 0..50; SAH: optimizationRatio < 0 or > 1 (a NaN passes)
+ *   zenStsMemAllocErr    SAH: memoryLimitMB * 2^19 modulo 2^32 below 2^24 (values below 32, and multiples of 8192), or
+ *                        below what the mesh needs at least; or no memory for the block
+ *   zenStsNoMemErr       SAH: the budget ran out during the build */
+ZenStatus zenrKDTreeBuildAlloc(ZenrKDTreeNode** pDstKDTree, const float* pSrcVert, const int* pSrcTriInx,
+                               int srcVertSize, int srcTriSize, int* pDstKDTreeSize, const void* pParam);
+
+/* Releases a tree of zenrKDTreeBuildAlloc; null is allowed. */
+void zenrKDTreeFree(ZenrKDTreeNode* pTree);
+
+/* ---- Intersection of ray blocks ---------------------------------------------------------------------------------- */
+
+/* The scene as the intersectors read it; may be shared by any number of concurrent calls. */
+typedef struct ZenrIntersectContext {
+    const float* boundBox;                  /* six floats of zenrSetBoundBox_32f */
+    const ZenrTriangleAccel* triangleAccel; /* records of zenrTriangleAccelInit */
+    const ZenrKDTreeNode* rootNode;         /* tree over the same triangles */
+} ZenrIntersectContext;
+
+/* The intersectors run on the calling thread, allocate nothing and check nothing; they always return zenStsNoErr. A
+ * ray's result does not depend on which other rays are in its block.
+ *
+ * To know: records hold edges rounded to float, so that a ray aimed exactly at the edge between two triangles can pass
+ * between them. A direction component of at most 2^-23 in size takes a stand-in reciprocal. Up to 50 far children can
+ * be pending for a ray, which is what trees of depth 50 need; should a foreign tree need more, the ray ends with what
+ * it has found so far. */
+
+/* Nearest hit, each ray with its own origin.
+ *   origin, direction  planar
+ *   distance           in: greatest distance; out: distance of the hit. A hit must be nearer than the distance by more
+ *                      than 1e-5
+ *   hit                out: two planes of weights
+ *   triangle           out: number of the triangle, or -1
+ * distance and hit stay as they are where nothing is hit. */
+ZenStatus zenrIntersectMO_32f(const float* const origin[3], const float* const direction[3], float* distance,
+                              float* const hit[2], int* triangle, const ZenrIntersectContext* context,
+                              ZenrSize blockSize);
+
+/* Nearest hit of rays that share one origin (x, y, z). As zenrIntersectMO_32f, but any hit nearer than the distance
+ * counts. */
+ZenStatus zenrIntersectEyeSO_32f(const float origin[3], const float* const direction[3], float* distance,
+                                 float* const hit[2], int* triangle, const ZenrIntersectContext* context,
+                                 ZenrSize blockSize);
+
+/* Is anything on the segment from origin to origin + direction, its ends excluded?
+ *   triangle  out: number of the first blocker found (not the nearest), or -1
+ *   mask      in: rays with a negative mask are not traced (triangle -1); out: -1 for blocked rays
+ * The context's boundBox is not read. */
+ZenStatus zenrIntersectAnySO_32f(const float origin[3], const float* const direction[3], int* triangle, int* mask,
+                                 ZenrSize blockSize, const ZenrIntersectContext* context);
+
+/* Up to maxHits successive hits of rays that share one origin.
+ *   distance, hit, triangle  maxHits layers of width * height elements each: layer L of ray i is element
+ *                            L * width * height + i
+ *   distance                 in: layer 0 holds each ray's greatest distance to its first hit (later ones are limited by
+ *                            the box alone); out: distance of each hit from the origin. The layer that ends a ray's
+ *                            search without a hit (other than layer 0) holds FLT_MAX; layers after it are not written
+ *   triangle                 out: numbers, -1 in all layers from the first without a hit on
+ * A triangle is not reported twice in a row, nor while among the first (L mod 8) entries of the ring of the last 8. */
+ZenStatus zenrIntersectMultipleSO_32f(const float origin[3], const float* const direction[3], float* distance,
+                                      float* const hit[2], int* triangle, ZenrSize blockSize, int maxHits,
+                                      const ZenrIntersectContext* context);
+
+/* ---- Rays and hit points ----------------------------------------------------------------------------------------- */
+
+/* All kernels of this and the next section: a count below 1 is zenStsNoErr and writes nothing, after the null checks.
+ * The tests for null cover just the arguments listed. Arithmetic is in double and rounded once when stored. Outputs may
+ * be the inputs themselves (element for element), but must not overlap them otherwise. */
+
+/* Directions of the eye rays of one tile: direction[k][r*width + c] = heightStep[k]*y + imagePlaneOrigin[k] +
+ * widthStep[k]*x, with x = c + tileWidth*tileColumn and y = r + tileHeight*tileRow: points of the image plane seen from
+ * the eye, not normalised.
+ * Statuses: zenStsNullPtrErr (direction). */
+ZenStatus zenrCastEye_32f(const float imagePlaneOrigin[3], const float widthStep[3], const float heightStep[3],
+                          int tileWidth, int tileHeight, int tileColumn, int tileRow, float* const direction[3],
+                          ZenrSize blockSize);
+
+/* reflected = I - N * 2(I.N) for active rays, 0 for the others; nothing is normalised.
+ * Statuses: zenStsNullPtrErr (incident, mask, normal, reflected). */
+ZenStatus zenrCastReflectionRay_32f(const float* const incident[3], const int* mask, const float* const normal[3],
+                                    float* const reflected[3], int count);
+
+/* Shadow rays from a point light to surface points: shadowDirection = P - L, so that a blocker lies between 0 and 1.
+ *   side             per ray, a signed factor: the dot product of the viewing direction with the same normal, typically
+ *   mask             in, out: -1 where N.(P - L) is below pi/1800 in size, or side * N.(P - L) is not positive
+ *   cosine           out: |N.(P - L)| of the rays that stay active, otherwise 0
+ *   shadowDirection  out: 0 for inactive rays
+ * Statuses: zenStsNullPtrErr (side, normal, point, mask, cosine, shadowDirection). */
+ZenStatus zenrCastShadowSO_32f(const float light[3], const float* side, const float* const normal[3],
+                               const float* const point[3], int* mask, float* cosine,
+                               float* const shadowDirection[3], int count);
+
+/* hitPoint = direction * eps * distance + origin for active rays, 0 for the others. eps is a factor: slightly below 1 it
+ * pulls the point off the surface, towards the origin. S0: one origin; M0: one per ray.
+ * Statuses: zenStsNullPtrErr (S0: direction, distance, mask, hitPoint; M0: origin too). */
+ZenStatus zenrHitPoint3DEpsS0_32f_M(const float origin[3], const float* const direction[3], const float* distance,
+                                    const int* mask, float* const hitPoint[3], int count, float eps);
+ZenStatus zenrHitPoint3DEpsM0_32f_M(const float* const origin[3], const float* const direction[3],
+                                    const float* distance, const int* mask, float* const hitPoint[3], int count,
+                                    float eps);
+
+/* distance = |P - L|, but at least 1: a divisor that never amplifies. 1 for inactive rays.
+ * Statuses: zenStsNullPtrErr (point, mask, distance). */
+ZenStatus zenrDistAttenuationSO_32f_M(const float light[3], const float* const point[3], const int* mask,
+                                      float* distance, int count);
+
+/* ---- Normals and masked arithmetic ------------------------------------------------------------------------------- */
+
+/* Unit normals of `count` triangles, float triples: E1 x E2 normalised; 0 for a triangle whose |E1 x E2|^2 is below
+ * 2.220446049250313e-16. Uses ownGetNumThreads() threads.
+ * Statuses: zenStsNullPtrErr (vertices, triangles, normals). */
+ZenStatus zenrTriangleNormal_32f(const float* vertices, const int* triangles, float* normals, int count);
+
+/* Normal of each ray's triangle: normal[k][i] = triangleNormals[3 * triangle[i] + k]; 0 where triangle[i] < 0.
+ * Statuses: zenStsNullPtrErr (triangleNormals, triangle). */
+ZenStatus zenrSurfFlatNormal_32f(const float* triangleNormals, const int* triangle, float* const normal[3], int count);
+
+/* Normal at each ray's hit point: the vertex normals (float triples) of triangle[i] weighted with hit, normalised; 0
+ * where triangle[i] < 0 or the squared length is below 2^-23.
+ *   triangles, triangleStride  triangle j's three vertex indices are the first ints at j * triangleStride (4 for a mesh
+ *                              as above)
+ * Statuses: zenStsNullPtrErr (vertexNormals, triangles, triangle, hit, normal). */
+ZenStatus zenrSurfSmoothNormal_32f(const float* vertexNormals, const int* triangles, const int* triangle,
+                                   const float* const hit[2], float* const normal[3], int count, int triangleStride);
+
+/* dot = a.b; inactive: 0. Statuses: zenStsNullPtrErr (a, b, mask, dot). */
+ZenStatus zenrDot_32f_P3C1M(const float* const a[3], const float* const b[3], const int* mask, float* dot, int count);
+
+/* Turns normals against the rays a: d = a.normal; where d > 0 the normal is negated and dot = -d, otherwise dot = d.
+ * Inactive: dot 0, normal unchanged. Statuses: zenStsNullPtrErr (a, mask, normal, dot). */
+ZenStatus zenrDotChangeNorm_32f_IM(const float* const a[3], const int* mask, float* const normal[3], float* dot,
+                                   int count);
+
+/* srcDst = srcDst * src; inactive: 0. No pointer is tested: always zenStsNoErr. */
+ZenStatus zenrMul_32f_C1IM(const float* src, const int* mask, float* srcDst, int count);
+
+/* srcDst[k] = srcDst[k] * src for the three planes; inactive: 0. Statuses: zenStsNullPtrErr (src, mask, srcDst). */
+ZenStatus zenrMul_32f_C1P3IM(const float* src, const int* mask, float* const srcDst[3], int count);
+
+/* srcDst = srcDst / src; where src is 0 (of either sign): +infinity, -infinity or the NaN 0xFFC00000 for a positive,
+ * negative or other srcDst. Inactive: 0. Statuses: zenStsNullPtrErr (src, srcDst). */
+ZenStatus zenrDiv_32f_C1IM(const float* src, const int* mask, float* srcDst, int count);
+
+/* srcDst[k] = src[k] * c[k] * s + srcDst[k]; inactive: unchanged. Statuses: zenStsNullPtrErr (s, src, mask, srcDst). */
+ZenStatus zenrAddMulMul_32f_AC1P3IM(const float c[3], const float* s, const float* const src[3], const int* mask,
+                                    float* const srcDst[3], int count);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
