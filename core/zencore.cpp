@@ -23,7 +23,9 @@ ZEN_EXPORT void* zenMalloc(size_t size) {
     return posix_memalign(&block, kAlignment, size) == 0 ? block : nullptr;
 }
 
-ZEN_EXPORT void zenFree(void* ptr) { free(ptr); }
+ZEN_EXPORT void zenFree(void* ptr) {
+    free(ptr);
+}
 
 ZEN_EXPORT int ownGetNumThreads(void) {
     const int set = __atomic_load_n(&threadCount, __ATOMIC_RELAXED);

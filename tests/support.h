@@ -43,7 +43,9 @@ inline float floatOf(uint32_t b) {
     return x;
 }
 // Equal bits; any two NaNs count as equal, because the sign and payload of a computed NaN are not defined.
-inline bool sameFloat(float a, float b) { return bitsOf(a) == bitsOf(b) || (a != a && b != b); }
+inline bool sameFloat(float a, float b) {
+    return bitsOf(a) == bitsOf(b) || (a != a && b != b);
+}
 
 // Floats as a kernel may meet them: mostly moderate, some tiny, huge, denormal, infinite, NaN, signed zeros, equal.
 class Floats {
@@ -51,8 +53,8 @@ public:
     explicit Floats(uint32_t seed) : engine_(seed) {}
     float moderate() { return std::uniform_real_distribution<float>(-4.f, 4.f)(engine_); }
     float any() {
-        static const float special[] = {0.f,     -0.f,        1.f,    -1.f,   1e-45f,    -1e-45f,   1.17549435e-38f,
-                                        3.4e38f, -3.4e38f,    INFINITY, -INFINITY, NAN, 1.1920929e-7f, 16777216.f};
+        static const float special[] = {0.f,     -0.f,     1.f,      -1.f,      1e-45f, -1e-45f,       1.17549435e-38f,
+                                        3.4e38f, -3.4e38f, INFINITY, -INFINITY, NAN,    1.1920929e-7f, 16777216.f};
         const uint32_t r = engine_();
         if (r % 16 == 0) return special[(r >> 8) % (sizeof special / sizeof *special)];
         if (r % 16 == 1) return floatOf(engine_());

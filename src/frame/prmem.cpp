@@ -15,6 +15,8 @@ void* zensMalloc_64s(int len) {
     return zenMalloc(uint32_t(len) * 8u);
 }
 
-void zensFree(void* ptr) { zenFree(ptr); }
+void zensFree(void* ptr) {
+    zenFree(ptr);
+}
 
 } // namespace zenr

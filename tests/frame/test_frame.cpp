@@ -29,7 +29,9 @@ TEST(Version, RecordReadsAsDefined) {
     EXPECT_STREQ(v->buildDate, "Mar 17 2010");
 }
 
-TEST(Flavour, FloatExpressionsAreEvaluatedInFloat) { EXPECT_EQ(__FLT_EVAL_METHOD__, 0); }
+TEST(Flavour, FloatExpressionsAreEvaluatedInFloat) {
+    EXPECT_EQ(__FLT_EVAL_METHOD__, 0);
+}
 
 TEST(Memory, BlocksAreAlignedAndUsable) {
     for (size_t size : {size_t(1), size_t(63), size_t(64), size_t(65), size_t(1000000)}) {
