@@ -75,7 +75,7 @@ typedef struct ZenrSize {
 /* Bounding box of `count` vertices (float triples), slightly enlarged.
  *   box  out: minimum x, y, z, maximum x, y, z. Each bound is moved outwards by 0.0001f times the largest magnitude
  *        among the six extremes (at least the smallest normal float). A NaN coordinate is passed over.
- * count < 1 gives an inverted box, which every ray misses. `box` is not tested.
+ * count < 1 gives an inverted box (every minimum above every maximum). `box` is not tested.
  * Statuses: zenStsNullPtrErr (vertices). */
 ZenStatus zenrSetBoundBox_32f(const float* vertices, int count, float* box);
 
