@@ -70,6 +70,30 @@ typedef struct ZenrSize {
     int32_t height;
 } ZenrSize;
 
+/* Size of a volume, of a region of one, or of a kernel. Passed by value. */
+typedef struct ZenrVolume {
+    int32_t width;
+    int32_t height;
+    int32_t depth;
+} ZenrVolume;
+
+/* A region of a volume: its first voxel and its size. Passed by value. */
+typedef struct ZenrBox {
+    int32_t x;
+    int32_t y;
+    int32_t z;
+    int32_t width;
+    int32_t height;
+    int32_t depth;
+} ZenrBox;
+
+/* A position in a volume or a kernel. Passed by value. */
+typedef struct ZenrPoint {
+    int32_t x;
+    int32_t y;
+    int32_t z;
+} ZenrPoint;
+
 /* ---- Scene: bounding box and triangle records -------------------------------------------------------------------- */
 
 /* Bounding box of `count` vertices (float triples), slightly enlarged.
@@ -292,6 +316,41 @@ ZenStatus zenrDiv_32f_C1IM(const float* src, const int* mask, float* srcDst, int
 /* srcDst[k] = src[k] * c[k] * s + srcDst[k]; inactive: unchanged. Statuses: zenStsNullPtrErr (s, src, mask, srcDst). */
 ZenStatus zenrAddMulMul_32f_AC1P3IM(const float c[3], const float* s, const float* const src[3], const int* mask,
                                     float* const srcDst[3], int count);
+
+/* ---- Volume filter ----------------------------------------------------------------------------------------------- */
+
+/* Work memory of zenrFilter_16s_C1PV: it needs none.
+ *   pSize  out: 0
+ * Statuses, in check order:
+ *   zenStsNullPtrErr      pSize null
+ *   zenStsSizeErr         a size below 1
+ *   zenStsNumChannelsErr  numChannels other than 1 */
+ZenStatus zenrFilterGetBufSize(ZenrVolume dstVolume, ZenrVolume kernelVolume, int numChannels, uint32_t* pSize);
+
+/* Convolution of 16-bit voxels with a kernel of 32-bit integers:
+ *
+ *   dst(x, y, z) = sum of K(kx, ky, kz) * src(x + anchor.x - kx, y + anchor.y - ky, z + anchor.z - kz) / divisor
+ *
+ * over the whole kernel (which is thus applied mirrored). A product wraps at 32 bits, the sum has 64; the quotient is
+ * rounded to the nearest integer, half to even, and saturated.
+ *   pSrc, pDst         arrays of plane pointers, one per z; voxel (x, y) of a plane is y rows and x voxels after its
+ *                      pointer
+ *   srcStep, dstStep   from row to row in bytes, may be negative; an odd step is rounded down to whole voxels
+ *   dstVolume          size of the region written
+ *   pKernel            kernelVolume.width * height * depth weights: plane by plane, row by row
+ *   anchor             the kernel position that lies on the output voxel; any
+ *   divisor            not 0
+ *   pBuffer            not used, may be null
+ * There is no border: the source must exist from anchor - (kernel size - 1) to anchor + (region size - 1) on each axis,
+ * so pSrc and its planes may have to be indexed below 0. The result is not defined where source and destination
+ * overlap: voxels are not computed in a promised order. Neither the steps, the anchor, the plane pointers nor pBuffer
+ * are checked. Runs on the calling thread and allocates nothing; the stack it needs stays below 128 KiB.
+ * Statuses, in check order:
+ *   zenStsNullPtrErr  pSrc, pDst, pKernel null
+ *   zenStsSizeErr     a size below 1; divisor 0 or -2147483648 */
+ZenStatus zenrFilter_16s_C1PV(const int16_t* const pSrc[], int srcStep, int16_t* const pDst[], int dstStep,
+                              ZenrVolume dstVolume, const int32_t* pKernel, ZenrVolume kernelVolume, ZenrPoint anchor,
+                              int divisor, uint8_t* pBuffer);
 
 #ifdef __cplusplus
 }
