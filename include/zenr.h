@@ -352,6 +352,78 @@ ZenStatus zenrFilter_16s_C1PV(const int16_t* const pSrc[], int srcStep, int16_t*
                               ZenrVolume dstVolume, const int32_t* pKernel, ZenrVolume kernelVolume, ZenrPoint anchor,
                               int divisor, uint8_t* pBuffer);
 
+/* ---- Volumes: resize --------------------------------------------------------------------------------------------- */
+
+/* Volumes have one channel of uint8_t (8u), uint16_t (16u) or float (32f) voxels, in one of two layouts: V, one block
+ * with a step from row to row and from slice to slice; PV, an array of pointers to slices that share one step from row
+ * to row. Steps are in bytes, whole multiples of a voxel (what is left over is ignored), and may be negative; a pointer
+ * is that of voxel (0, 0, 0), an array of pointers starts with slice 0. */
+
+/* Interpolation modes. 3 is not one. */
+enum {
+    zenInterNearest = 1,
+    zenInterLinear = 2,
+    zenInterCubicLagrange = 4,   /* polynomial through 4 samples */
+    zenInterCubicBSpline = 5,    /* smooths, also at whole positions */
+    zenInterCubicCatmullRom = 6, /* B = 0, C = 1/2 */
+    zenInterCubicB05C03 = 7      /* B = 1/2, C = 3/10; smooths */
+};
+
+/* Bytes of work memory for a resize into the box dstRoi, for as many threads as the library would use now; the resize
+ * may be called with any number of threads and stays within the size. What exceeds 2^31 - 1 is reported as 2^31 - 1,
+ * which is then enough.
+ *   srcRoi         only checked
+ *   nChannel       1
+ *   pSize          out
+ * Statuses, in check order:
+ *   zenStsNullPtrErr        pSize
+ *   zenStsSizeErr           srcRoi, then dstRoi: x, y, z < 0, width, height, depth < 1
+ *   zenStsNumChannelsErr    nChannel
+ *   zenStsInterpolationErr  interpolation */
+ZenStatus zenrResizeGetBufSize(ZenrBox srcRoi, ZenrBox dstRoi, int nChannel, int interpolation, int* pSize);
+
+/* Scales a volume: destination = source * factor + shift along each axis, in voxels, with voxel centres at half-integers.
+ *   pSrc, srcVolume        the source and its size; interpolation reads all of it, not only the box
+ *   srcRoi                 box of the source that is mapped; what lies beyond the volume is cut off
+ *   pDst, dstRoi           the destination, and the box of it that may be written. Of this box, the voxels whose centres
+ *                          lie in the mapped source box (or on its edge) are written, the others are left alone
+ *   xFactor .. zShift      scales, greater than 0, and shifts
+ *   interpolation          a mode. Beyond the source volume its edge voxels are repeated
+ *   pBuffer                work memory of zenrResizeGetBufSize for the same boxes and mode, of any alignment
+ * Results: 8u and 16u are rounded and clamped to their range, 32f is not clamped (cubic modes may overshoot). Source and
+ * destination must not overlap. Uses ownGetNumThreads() threads where the region has at least 16 voxels along each axis.
+ * Statuses, in check order:
+ *   zenStsNullPtrErr        pSrc, pDst, pBuffer
+ *   zenStsSizeErr           srcVolume < 1; srcRoi or dstRoi with x, y, z < 0 or width, height, depth < 1
+ *   zenStsResizeFactorErr   a factor <= 0 (a NaN passes, and leads to zenStsNoOperation)
+ *   zenStsInterpolationErr  interpolation
+ *   zenStsRoiOutside        srcRoi starts outside the volume
+ *   zenStsNoOperation       no voxel of dstRoi lies in the mapped source box, or its bounds are no numbers */
+ZenStatus zenrResize_8u_C1V(const uint8_t* pSrc, ZenrVolume srcVolume, int srcStep, int srcPlaneStep, ZenrBox srcRoi,
+                            uint8_t* pDst, int dstStep, int dstPlaneStep, ZenrBox dstRoi, double xFactor,
+                            double yFactor, double zFactor, double xShift, double yShift, double zShift,
+                            int interpolation, uint8_t* pBuffer);
+ZenStatus zenrResize_16u_C1V(const uint16_t* pSrc, ZenrVolume srcVolume, int srcStep, int srcPlaneStep, ZenrBox srcRoi,
+                            uint16_t* pDst, int dstStep, int dstPlaneStep, ZenrBox dstRoi, double xFactor,
+                            double yFactor, double zFactor, double xShift, double yShift, double zShift,
+                            int interpolation, uint8_t* pBuffer);
+ZenStatus zenrResize_32f_C1V(const float* pSrc, ZenrVolume srcVolume, int srcStep, int srcPlaneStep, ZenrBox srcRoi,
+                            float* pDst, int dstStep, int dstPlaneStep, ZenrBox dstRoi, double xFactor,
+                            double yFactor, double zFactor, double xShift, double yShift, double zShift,
+                            int interpolation, uint8_t* pBuffer);
+ZenStatus zenrResize_8u_C1PV(const uint8_t* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
+                             uint8_t* const* pDst, int dstStep, ZenrBox dstRoi, double xFactor, double yFactor,
+                             double zFactor, double xShift, double yShift, double zShift, int interpolation,
+                             uint8_t* pBuffer);
+ZenStatus zenrResize_16u_C1PV(const uint16_t* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
+                             uint16_t* const* pDst, int dstStep, ZenrBox dstRoi, double xFactor, double yFactor,
+                             double zFactor, double xShift, double yShift, double zShift, int interpolation,
+                             uint8_t* pBuffer);
+ZenStatus zenrResize_32f_C1PV(const float* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
+                             float* const* pDst, int dstStep, ZenrBox dstRoi, double xFactor, double yFactor,
+                             double zFactor, double xShift, double yShift, double zShift, int interpolation,
+                             uint8_t* pBuffer);
+
 #ifdef __cplusplus
 }
 #endif

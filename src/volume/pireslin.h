@@ -1,0 +1,62 @@
+// Linear interpolation: fixed-point passes for 8u and 16u, extended precision for 32f.
+//
+//   8u   row  r = (c0*s[i] + c1*s[i+1] + 128) >> 8           Q6, 0..16320
+//        col  p = (r1*w + r0*(16384-w) + 8192) >> 14         Q6: the fraction bits are kept for the last pass
+//        dep  d = (p1*w + p0*(16384-w) + 524288) >> 20       0..255
+//   16u  row  r = (c0*s[i] + c1*s[i+1] + 8192) >> 14         no fraction bits, on purpose
+//        col, dep  likewise
+//   32f  row  s[i] + (s[i+1] - s[i])*f;  col  r1*f + r0*(1 - f);  dep  p0 + (p1 - p0)*f
+#pragma once
+#include <stdint.h>
+
+#include "frame/dispatch.h"
+
+namespace zenr {
+
+constexpr int kOneQ14 = 16384;
+
+// What a tap pair is weighted with: the second tap's share in Q14, or the fraction itself. For integers the first
+// tap's weight is kOneQ14 minus it.
+constexpr uint16_t weightQ14(float fraction) {
+    return uint16_t(int(fraction * double(kOneQ14) + 0.5));
+}
+
+template <class T> struct LinearTypes {
+    using Weight = uint16_t;
+    using Inter = uint16_t;
+};
+template <> struct LinearTypes<float> {
+    using Weight = float;
+    using Inter = float;
+};
+
+template <class T> struct LinearKernels {
+    using Weight = typename LinearTypes<T>::Weight;
+    using Inter = typename LinearTypes<T>::Inter;
+    void (*row)(const T* src, const int* index, const Weight* weights, Inter* dst, int n);
+    void (*col)(const Inter* r0, const Inter* r1, Weight w, Inter* dst, int n);
+    void (*dep)(const Inter* p0, const Inter* p1, Weight w, T* dst, int n);
+};
+
+struct AllLinearKernels {
+    LinearKernels<uint8_t> u8;
+    LinearKernels<uint16_t> u16;
+    LinearKernels<float> f32;
+    // Two Q6 rows into final 8-bit values, where no depth pass follows.
+    void (*plane8)(const uint16_t* r0, const uint16_t* r1, uint16_t w, uint8_t* dst, int n);
+};
+
+namespace sse2 {
+extern const AllLinearKernels kLinear;
+}
+namespace avx2 {
+extern const AllLinearKernels kLinear;
+}
+namespace avx512 {
+extern const AllLinearKernels kLinear;
+}
+inline const AllLinearKernels& linearKernels(Level level) {
+    return pick(level, sse2::kLinear, avx2::kLinear, avx512::kLinear);
+}
+
+} // namespace zenr

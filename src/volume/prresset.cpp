@@ -1,0 +1,433 @@
+// Volume resize, inside: division into blocks, scratch memory, rings of rows and planes.
+#include "volume/prresset.h"
+
+#include "frame/parallel.h"
+#include "frame/prprim.h"
+#include "volume/piresbrd.h"
+#include "volume/prresbrd.h"
+
+namespace zenr {
+
+void ownpi_CubicWeights(int mode, const float* fractions, int n, float* weights) {
+    using Real = long double;
+    Real (*const kernel)(Real) = mode == 4   ? &ownpi_Cubic0Kernel<Real>
+                                 : mode == 5 ? &ownpi_Cubic1Kernel<Real>
+                                 : mode == 6 ? &ownpi_Cubic2Kernel<Real>
+                                             : &ownpi_Cubic3Kernel<Real>;
+    for (int i = 0; i < n; ++i) {
+        const Real f = fractions[i];
+        weights[4 * i] = float(kernel(-1 - f));
+        weights[4 * i + 1] = float(kernel(-f));
+        weights[4 * i + 2] = float(kernel(1 - f));
+        weights[4 * i + 3] = float(kernel(2 - f));
+    }
+}
+
+namespace {
+
+constexpr int kAlign = 64;
+
+constexpr size_t roundUp(size_t n, size_t multiple) {
+    return (n + multiple - 1) / multiple * multiple;
+}
+
+template <class P> const typename P::Kernels& kernelsOf(Level level) {
+    if constexpr (P::kTaps == 4)
+        return cubicKernels(level);
+    else if constexpr (sizeof(typename P::Voxel) == 1)
+        return linearKernels(level).u8;
+    else if constexpr (sizeof(typename P::Voxel) == 2)
+        return linearKernels(level).u16;
+    else
+        return linearKernels(level).f32;
+}
+
+// Hands out pieces of the work memory, each on a cache line of its own; without a base it only counts.
+class Arena {
+public:
+    explicit Arena(unsigned char* base) : base_(base) {}
+    template <class E> E* take(size_t count) {
+        E* const piece = base_ ? reinterpret_cast<E*>(base_ + used_) : nullptr;
+        used_ += roundUp(count * sizeof(E), kAlign);
+        return piece;
+    }
+    size_t used() const { return used_; }
+
+private:
+    unsigned char* base_;
+    size_t used_ = 0;
+};
+
+// The one layout of a thread's scratch memory, for counting and for carving.
+template <class P> size_t layOut(Arena arena, int width, int height, ResizeBlock<P>* block) {
+    const size_t stride = roundUp(size_t(width), kAlign);
+    block->width = width;
+    block->height = height;
+    block->stride = int(stride);
+    block->index = arena.take<int>(size_t(width));
+    block->weights =
+        arena.take<typename P::Weight>(P::kWeightsPerColumn == 1 ? size_t(width) : P::kWeightsPerColumn * stride);
+    block->rowBase = arena.take<int>(size_t(height));
+    block->rowWeights = arena.take<typename P::Weights>(size_t(height));
+    block->rowRing = arena.take<typename P::Inter>(P::kTaps * stride);
+    block->planeRing = arena.take<typename P::Inter>(P::kTaps * stride * size_t(height));
+    return arena.used();
+}
+
+template <class P> size_t scratchBytes(int width, int height) {
+    ResizeBlock<P> block;
+    return layOut<P>(Arena(nullptr), width, height, &block);
+}
+
+} // namespace
+
+template <class P, bool border>
+void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, typename P::Inter* plane, int begin,
+               int end, int* tag) {
+    using Voxel = typename P::Voxel;
+    using Inter = typename P::Inter;
+    const int interior = block.columns.interior;
+    const int trailing = block.columns.trailing;
+    for (int y = begin; y < end; ++y) {
+        int taps[P::kTaps];
+        if (border)
+            P::borderTaps(block.axis[1], block.rowBase[y], taps);
+        else
+            for (int k = 0; k < P::kTaps; ++k) taps[k] = block.rowBase[y] + P::kFirstTap + k;
+
+        // Rows that the last destination row left in the ring stay; the others are resampled along x.
+        const Voxel* missing[P::kTaps];
+        Inter* target[P::kTaps];
+        Inter* targetInterior[P::kTaps];
+        int count = 0;
+        for (int k = 0; k < P::kTaps; ++k) {
+            int* const slot = tag + (taps[k] & (P::kTaps - 1));
+            if (*slot == taps[k]) continue;
+            *slot = taps[k];
+            missing[count] = src.row(taps[k]);
+            target[count] = block.ringRow(taps[k]);
+            targetInterior[count] = target[count] + interior;
+            ++count;
+        }
+        if (trailing > interior)
+            P::row(*block.kernels, missing, targetInterior, count, block.index + interior, block.weights + interior,
+                   block.stride, trailing - interior);
+        for (int i = 0; i < count; ++i) {
+            borderColumns<P>(block, missing[i], target[i], 0, interior);
+            borderColumns<P>(block, missing[i], target[i], trailing, block.width);
+        }
+
+        const Inter* rows[P::kTaps];
+        for (int k = 0; k < P::kTaps; ++k) rows[k] = block.ringRow(taps[k]);
+        P::column(*block.kernels, rows, block.rowWeights[y], plane + ptrdiff_t(y) * block.stride, block.width);
+    }
+}
+
+constexpr auto ownrResize8plL = &planeRows<Linear<uint8_t>, false>;
+constexpr auto ownrResize16plL = &planeRows<Linear<uint16_t>, false>;
+constexpr auto ownrResize32plL = &planeRows<Linear<float>, false>;
+constexpr auto ownrResize8plC = &planeRows<Cubic<uint8_t>, false>;
+constexpr auto ownrResize16plC = &planeRows<Cubic<uint16_t>, false>;
+constexpr auto ownrResize32plC = &planeRows<Cubic<float>, false>;
+
+namespace {
+
+// The routines of a family, interior and border.
+template <class P> struct Routines {
+    decltype(&planeRows<P, false>) interiorRows;
+    decltype(&planeRows<P, true>) borderRows;
+    decltype(&depthBorder<P>) borderSlice;
+};
+template <class P> constexpr Routines<P> kRoutines{};
+template <>
+constexpr Routines<Linear<uint8_t>> kRoutines<Linear<uint8_t>> = {ownrResize8plL, ownpr_CalcBorder8plL,
+                                                                  ownpr_DepBorder8plL};
+template <>
+constexpr Routines<Linear<uint16_t>> kRoutines<Linear<uint16_t>> = {ownrResize16plL, ownpr_CalcBorder16plL,
+                                                                    ownpr_DepBorder16plL};
+template <>
+constexpr Routines<Linear<float>> kRoutines<Linear<float>> = {ownrResize32plL, ownpr_CalcBorder32plL,
+                                                              ownpr_DepBorder32plL};
+template <>
+constexpr Routines<Cubic<uint8_t>> kRoutines<Cubic<uint8_t>> = {ownrResize8plC, ownpr_CalcBorder8plC,
+                                                                ownpr_DepBorder8plC};
+template <>
+constexpr Routines<Cubic<uint16_t>> kRoutines<Cubic<uint16_t>> = {ownrResize16plC, ownpr_CalcBorder16plC,
+                                                                  ownpr_DepBorder16plC};
+template <>
+constexpr Routines<Cubic<float>> kRoutines<Cubic<float>> = {ownrResize32plC, ownpr_CalcBorder32plC,
+                                                            ownpr_DepBorder32plC};
+
+// Positions are monotonic, so those inside are one run; whatever follows it counts as trailing.
+template <class P> Runs divide(const int* base, int count, int size) {
+    Runs runs;
+    runs.interior = 0;
+    while (runs.interior < count && !tapsInside<P>(base[runs.interior], size)) ++runs.interior;
+    runs.trailing = runs.interior;
+    while (runs.trailing < count && tapsInside<P>(base[runs.trailing], size)) ++runs.trailing;
+    return runs;
+}
+
+template <class P> void tabulateColumns(const P& policy, ResizeBlock<P>* block, int first) {
+    for (int x = 0; x < block->width; ++x) {
+        const AxisMap::Sample s = block->axis[0].sample(first + x);
+        block->index[x] = s.base;
+        P::store(policy.weights(s.fraction), block->weights + x, block->stride);
+    }
+    block->columns = divide<P>(block->index, block->width, block->axis[0].size);
+}
+
+template <class P> void tabulateRows(const P& policy, ResizeBlock<P>* block, int first) {
+    for (int y = 0; y < block->height; ++y) {
+        const AxisMap::Sample s = block->axis[1].sample(first + y);
+        block->rowBase[y] = s.base;
+        block->rowWeights[y] = policy.weights(s.fraction);
+    }
+    block->rows = divide<P>(block->rowBase, block->height, block->axis[1].size);
+}
+
+// One source plane, resampled into its slot of the ring of planes.
+template <class P> void resamplePlane(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, int p) {
+    int tag[P::kTaps];
+    for (int k = 0; k < P::kTaps; ++k) tag[k] = -1;
+    typename P::Inter* const plane = block.ringPlane(p);
+    kRoutines<P>.borderRows(block, src, plane, 0, block.rows.interior, tag);
+    kRoutines<P>.interiorRows(block, src, plane, block.rows.interior, block.rows.trailing, tag);
+    kRoutines<P>.borderRows(block, src, plane, block.rows.trailing, block.height, tag);
+}
+
+// Destination slices [first, first + count) of a block of columns and rows.
+template <class P, class Source, class Destination>
+void resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& src, const Destination& dst, int firstX,
+                  int firstY, int first, int count) {
+    int tag[P::kTaps];
+    for (int k = 0; k < P::kTaps; ++k) tag[k] = -1;
+    const AxisMap& axis = block.axis[2];
+    for (int i = 0; i < count; ++i) {
+        const int z = first + i;
+        const AxisMap::Sample s = axis.sample(z);
+        const bool inside = tapsInside<P>(s.base, axis.size);
+        int taps[P::kTaps];
+        if (inside)
+            for (int k = 0; k < P::kTaps; ++k) taps[k] = s.base + P::kFirstTap + k;
+        else
+            P::borderTaps(axis, s.base, taps);
+        const typename P::Inter* planes[P::kTaps];
+        for (int k = 0; k < P::kTaps; ++k) {
+            const int slot = taps[k] & (P::kTaps - 1);
+            if (tag[slot] != taps[k]) resamplePlane(block, src.slice(taps[k]), taps[k]);
+            tag[slot] = taps[k];
+            planes[k] = block.ringPlane(taps[k]);
+        }
+        Slice<typename P::Voxel> out = dst.slice(z);
+        out.base = out.row(firstY) + firstX;
+        const typename P::Weights weights = policy.weights(s.fraction);
+        if (inside)
+            depthRows(block, planes, weights, out);
+        else
+            kRoutines<P>.borderSlice(block, s.base, weights, out);
+    }
+}
+
+// Blocks: rows of at most this many columns, and as many rows as keep the ring of planes in L2.
+constexpr int kMostColumns = 1024;
+constexpr size_t kRingBytes = 256 << 10;
+
+constexpr int least(long long a, long long b) {
+    return int(a < b ? a : b);
+}
+
+// A thread's share of slices, within its share of the work memory.
+template <class P, class Source, class Destination>
+void resizeShare(const P& policy, Level level, const Source& src, ZenrVolume srcVolume, const Destination& dst,
+                 const ResizeGeometry& g, int firstSlice, int sliceCount, unsigned char* scratch, size_t bytes) {
+    if (sliceCount < 1) return;
+    int columns = least(g.count[0], kMostColumns);
+    while (scratchBytes<P>(columns, 1) > bytes) columns = (columns + 1) / 2;
+    const size_t ringRow = P::kTaps * roundUp(size_t(columns), kAlign) * sizeof(typename P::Inter);
+    int rows = least(g.count[1], kRingBytes / ringRow > 8 ? long(kRingBytes / ringRow) : 8);
+    while (scratchBytes<P>(columns, rows) > bytes) --rows;
+
+    for (int x = 0; x < g.count[0]; x += least(columns, g.count[0] - x)) {
+        for (int y = 0; y < g.count[1]; y += least(rows, g.count[1] - y)) {
+            ResizeBlock<P> block;
+            block.kernels = &kernelsOf<P>(level);
+            block.axis[0] = {g.inverse[0], g.offset[0], srcVolume.width};
+            block.axis[1] = {g.inverse[1], g.offset[1], srcVolume.height};
+            block.axis[2] = {g.inverse[2], g.offset[2], srcVolume.depth};
+            layOut<P>(Arena(scratch), least(columns, g.count[0] - x), least(rows, g.count[1] - y), &block);
+            tabulateColumns(policy, &block, g.first[0] + x);
+            tabulateRows(policy, &block, g.first[1] + y);
+            resizeSlices(policy, block, src, dst, g.first[0] + x, g.first[1] + y, firstSlice, sliceCount);
+        }
+    }
+}
+
+// Calls share(first slice, count, thread, team): for every thread of a team of at most maxTeam, or once.
+template <class Share> void splitSlices(const ResizeGeometry& g, size_t maxTeam, const Share& share) {
+    const bool small = g.count[0] < 16 || g.count[1] < 16 || g.count[2] < 16;
+    if (small || maxTeam < 2 || ownGetNumThreads() < 2)
+        share(g.first[2], g.count[2], 0, 1);
+    else
+        parallelTeam(g.count[2], int(maxTeam < 0x7FFF ? maxTeam : 0x7FFF),
+                     [&](Range range, int t, int team) { share(g.first[2] + range.begin, range.count, t, team); });
+}
+
+template <class P, class Source, class Destination>
+ZenStatus resizeInterpolated(const P& policy, Level level, const Source& src, ZenrVolume srcVolume,
+                             const Destination& dst, const ResizeGeometry& g, unsigned char* scratch, size_t bytes) {
+    // The smallest block of a thread; a team is kept to what the memory has room for.
+    const size_t smallest = scratchBytes<P>(least(g.count[0], kAlign), 1);
+    splitSlices(g, bytes / smallest, [&](int first, int count, int t, int team) {
+        const WideScope scope(level);
+        const size_t part = bytes / size_t(team) / kAlign * kAlign;
+        resizeShare(policy, level, src, srcVolume, dst, g, first, count, scratch + part * size_t(t), part);
+    });
+    return zenStsNoErr;
+}
+
+inline RowNearest<uint8_t>* rowNearestOf(const NearestKernels& k, uint8_t) {
+    return k.row8;
+}
+inline RowNearest<uint16_t>* rowNearestOf(const NearestKernels& k, uint16_t) {
+    return k.row16;
+}
+inline RowNearest<float>* rowNearestOf(const NearestKernels& k, float) {
+    return k.row32;
+}
+
+inline ZenStatus copyPlane(const uint8_t* src, uint8_t* dst, int step, ZenrSize size) {
+    return zeniCopy_8u_C1R(src, step, dst, step, size);
+}
+inline ZenStatus copyPlane(const uint16_t* src, uint16_t* dst, int step, ZenrSize size) {
+    return zeniCopy_16u_C1R(src, step, dst, step, size);
+}
+inline ZenStatus copyPlane(const float* src, float* dst, int step, ZenrSize size) {
+    return zeniCopy_32f_C1R(src, step, dst, step, size);
+}
+
+// Columns [firstX, firstX + width) and rows [firstY, firstY + height) of a share of slices. `columns` and `rows` are
+// the source indices.
+template <class T, class Source, class Destination>
+ZenStatus nearestSlices(RowNearest<T>* rowKernel, const Source& src, const AxisMap& depth, const Destination& dst,
+                        int firstX, int width, const int* columns, int firstY, int height, const int* rows, int first,
+                        int count) {
+    int last = -1;
+    for (int i = 0; i < count; ++i) {
+        const int z = first + i;
+        const int plane = depth.nearest(z);
+        Slice<T> out = dst.slice(z);
+        out.base = out.row(firstY) + firstX;
+        if (plane == last) {
+            // The same source plane as for the slice before: its result is copied.
+            const T* const before = dst.slice(z - 1).row(firstY) + firstX;
+            const ZenStatus status = copyPlane(before, out.base, int(out.step * ptrdiff_t(sizeof(T))), {width, height});
+            if (status != zenStsNoErr) return status;
+            continue;
+        }
+        last = plane;
+        const Slice<const T> in = src.slice(plane);
+        for (int y = 0; y < height; ++y) {
+            T* const row = out.row(y);
+            if (y > 0 && rows[y] == rows[y - 1])
+                __builtin_memcpy(row, out.row(y - 1), size_t(width) * sizeof(T));
+            else
+                rowKernel(in.row(rows[y]), columns, row, width);
+        }
+    }
+    return zenStsNoErr;
+}
+
+template <class T, class Source, class Destination>
+ZenStatus resizeNearest(Level level, const Source& src, ZenrVolume srcVolume, const Destination& dst,
+                        const ResizeGeometry& g, unsigned char* scratch, size_t bytes) {
+    const AxisMap axis[3] = {{g.inverse[0], g.offset[0], srcVolume.width},
+                             {g.inverse[1], g.offset[1], srcVolume.height},
+                             {g.inverse[2], g.offset[2], srcVolume.depth}};
+    // The tables are shared by all threads. They hold all columns and rows, unless the reported size reached its limit.
+    const long long entries = (long long)(bytes / sizeof(int));
+    const int tableColumns =
+        g.count[0] + (long long)g.count[1] <= entries ? g.count[0] : least(g.count[0], entries / 2);
+    const int tableRows = least(g.count[1], entries - tableColumns);
+    int* const columns = reinterpret_cast<int*>(scratch);
+    int* const rows = columns + tableColumns;
+
+    ZenStatus status = zenStsNoErr;
+    for (int x = 0; x < g.count[0] && !status; x += least(tableColumns, g.count[0] - x)) {
+        const int width = least(tableColumns, g.count[0] - x);
+        for (int i = 0; i < width; ++i) columns[i] = axis[0].nearest(g.first[0] + x + i);
+        for (int y = 0; y < g.count[1] && !status; y += least(tableRows, g.count[1] - y)) {
+            const int height = least(tableRows, g.count[1] - y);
+            for (int i = 0; i < height; ++i) rows[i] = axis[1].nearest(g.first[1] + y + i);
+            splitSlices(g, size_t(ownGetNumThreads() < 1 ? 1 : ownGetNumThreads()),
+                        [&](int first, int count, int, int) {
+                            const WideScope scope(level);
+                            const ZenStatus mine = nearestSlices<T>(rowNearestOf(nearestKernels(level), T()), src,
+                                                                    axis[2], dst, g.first[0] + x, width, columns,
+                                                                    g.first[1] + y, height, rows, first, count);
+#pragma omp atomic write
+                            status = mine;
+                        });
+        }
+    }
+    return status;
+}
+
+} // namespace
+
+template <class T, class Source, class Destination>
+ZenStatus resizeVolume(Level level, Source src, ZenrVolume srcVolume, Destination dst, const ResizeGeometry& geometry,
+                       int mode, unsigned char* buffer, size_t bytes) {
+    const size_t skip = (kAlign - reinterpret_cast<uintptr_t>(buffer) % kAlign) % kAlign;
+    buffer += skip;
+    bytes -= skip;
+    if (mode == kNearest) return resizeNearest<T>(level, src, srcVolume, dst, geometry, buffer, bytes);
+    if (mode == kLinear)
+        return resizeInterpolated(Linear<T>{mode}, level, src, srcVolume, dst, geometry, buffer, bytes);
+    return resizeInterpolated(Cubic<T>{mode}, level, src, srcVolume, dst, geometry, buffer, bytes);
+}
+
+template ZenStatus resizeVolume<uint8_t>(Level, BlockVolume<const uint8_t>, ZenrVolume, BlockVolume<uint8_t>,
+                                         const ResizeGeometry&, int, unsigned char*, size_t);
+template ZenStatus resizeVolume<uint16_t>(Level, BlockVolume<const uint16_t>, ZenrVolume, BlockVolume<uint16_t>,
+                                          const ResizeGeometry&, int, unsigned char*, size_t);
+template ZenStatus resizeVolume<float>(Level, BlockVolume<const float>, ZenrVolume, BlockVolume<float>,
+                                       const ResizeGeometry&, int, unsigned char*, size_t);
+template ZenStatus resizeVolume<uint8_t>(Level, PlaneVolume<const uint8_t>, ZenrVolume, PlaneVolume<uint8_t>,
+                                         const ResizeGeometry&, int, unsigned char*, size_t);
+template ZenStatus resizeVolume<uint16_t>(Level, PlaneVolume<const uint16_t>, ZenrVolume, PlaneVolume<uint16_t>,
+                                          const ResizeGeometry&, int, unsigned char*, size_t);
+template ZenStatus resizeVolume<float>(Level, PlaneVolume<const float>, ZenrVolume, PlaneVolume<float>,
+                                       const ResizeGeometry&, int, unsigned char*, size_t);
+
+size_t resizeBufferBytes(ZenrBox dstRoi, int mode) {
+    // The sum of the table, weight and intermediate areas, in 64 bits: with boxes of up to 2^31 it passes 2^63 only
+    // where it is far beyond the limit anyway, so the product of the two dimensions is limited first.
+    const long long w = dstRoi.width, h = dstRoi.height, d = dstRoi.depth;
+    const auto up = [](long long n, long long multiple) { return (n + multiple - 1) & ~(multiple - 1); };
+    const auto low = [](long long n) { return n & ~63ll; };
+    constexpr long long kMost = 0x7FFFFFFF;
+    long long s;
+    if (mode == kNearest) {
+        s = (((w + 15) >> 4) + ((h + 15) >> 4) + ((d + 15) >> 4)) * 64;
+    } else {
+        const int taps = mode == kLinear ? 2 : 4;
+        const long long perRow = taps * up(w, 64);
+        if (h > kMost / perRow) return kMost;
+        const long long common = up(w, 16) + up(h, 16) + up(d, 16) + up(h, 64) + up(w, 64) + up(d, 64) + h * perRow;
+        if (mode == kLinear)
+            s = 4 * (common + low(2 * w + 127) + low(8 * (w + h) + 127));
+        else
+            s = 4 * (common + 2 * low(4 * w + 255) + low(4 * h + 255) + low(4 * d + 255) + low(48 * (w + h) + 255));
+    }
+    return size_t(s + 64 < kMost ? s + 64 : kMost);
+}
+
+size_t resizeScratchBytes(int voxelBytes, int mode, int columns, int rows) {
+    if (mode == kLinear)
+        return voxelBytes == 4 ? scratchBytes<Linear<float>>(columns, rows)
+                               : scratchBytes<Linear<uint16_t>>(columns, rows);
+    return scratchBytes<Cubic<float>>(columns, rows);
+}
+
+} // namespace zenr

@@ -1,0 +1,198 @@
+// Volume resize, inside: the geometry of a call, the interpolation policies, and the routine per type and layout.
+#pragma once
+#include <stddef.h>
+#include <stdint.h>
+
+#include "frame/dispatch.h"
+#include "volume/pirescub.h"
+#include "volume/pireslin.h"
+#include "volume/piresnn.h"
+#include "volume/prvolume.h"
+
+namespace zenr {
+
+// What a call's factors, shifts and boxes come to; axes x, y, z.
+struct ResizeGeometry {
+    double inverse[3]; // 1 / factor
+    double offset[3];  // -shift / factor
+    int first[3];      // destination range
+    int end[3];        // exclusive
+    int count[3];
+};
+
+// Trims the boxes and fills the record; zenStsRoiOutside or zenStsNoOperation when nothing is left. For well-formed
+// arguments.
+ZenStatus ownrPreludeToResize(ZenrVolume volume, ZenrBox src, ZenrBox dst, const double factor[3],
+                              const double shift[3], ResizeGeometry* geometry);
+
+// Destination coordinates of one axis in the source.
+struct AxisMap {
+    double inverse;
+    double offset;
+    int size; // of the source volume
+
+    // Voxel centres lie at half-integers, hence the halves. `base` is the voxel at or before the position, kept within
+    // three voxels of the volume, which changes no tap: taps are clamped to the volume. A position that is no number
+    // (from an infinite inverse) is taken for one before the volume.
+    struct Sample {
+        int base;
+        float fraction;
+    };
+    Sample sample(int d) const {
+        const double s = (d + 0.5) * inverse - 0.5 + offset;
+        const double whole = __builtin_floor(s);
+        const float fraction = float(s - whole);
+        const double most = double(size) + 2;
+        const int base = whole >= -3 ? (whole <= most           ? int(whole)
+                                        : size > 0x7FFFFFFF - 2 ? 0x7FFFFFFF
+                                                                : size + 2)
+                                     : -3;
+        return {base, fraction == fraction ? fraction : 0.f};
+    }
+
+    // The epsilon gives a destination centre on a boundary between two source voxels the lower one.
+    int nearest(int d) const {
+        const double s = (d + 0.5) * inverse - 1e-10 + offset;
+        return s >= 1 ? (s < size ? int(s) : size - 1) : 0;
+    }
+
+    int clamped(int tap) const { return tap < 0 ? 0 : tap > size - 1 ? size - 1 : tap; }
+};
+
+// Interpolation policies. A policy knows its number of taps, how a base index becomes taps, and how its passes are
+// called; the worker knows everything else.
+template <class T> struct Linear {
+    using Voxel = T;
+    using Inter = typename LinearTypes<T>::Inter;
+    using Weight = typename LinearTypes<T>::Weight; // of a row's column, as stored
+    using Weights = Weight;                         // of a destination row or slice
+    using Kernels = LinearKernels<T>;
+    static constexpr int kTaps = 2;
+    static constexpr int kFirstTap = 0;         // relative to the base index
+    static constexpr int kWeightsPerColumn = 1; // arrays of Weight, one beside the other
+    int mode;
+
+    Weights weights(float f) const {
+        if constexpr (sizeof(Weight) == 2)
+            return weightQ14(f);
+        else
+            return f;
+    }
+    static void store(const Weights& w, Weight* column, int) { *column = w; }
+
+    // The border rule: before the volume both taps are its first voxel, after it both its last.
+    static void borderTaps(const AxisMap& axis, int base, int* taps) {
+        taps[0] = axis.clamped(base);
+        taps[1] = base < 0 ? 0 : axis.clamped(base + 1);
+    }
+
+    static void row(const Kernels& k, const T* const* src, Inter* const* dst, int rowCount, const int* index,
+                    const Weight* weights, int, int n) {
+        for (int r = 0; r < rowCount; ++r) k.row(src[r], index, weights, dst[r], n);
+    }
+    static void column(const Kernels& k, const Inter* const* r, const Weights& w, Inter* dst, int n) {
+        k.col(r[0], r[1], w, dst, n);
+    }
+    static void depth(const Kernels& k, const Inter* const* p, const Weights& w, T* dst, int n) {
+        k.dep(p[0], p[1], w, dst, n);
+    }
+};
+
+template <class T> struct Cubic {
+    using Voxel = T;
+    using Inter = float;
+    using Weight = float;
+    struct Weights {
+        float tap[4];
+    };
+    using Kernels = CubicKernels;
+    static constexpr int kTaps = 4;
+    static constexpr int kFirstTap = -1;
+    static constexpr int kWeightsPerColumn = 4;
+    int mode;
+
+    Weights weights(float f) const {
+        Weights w;
+        ownpi_CubicWeights(mode, &f, 1, w.tap);
+        return w;
+    }
+    static void store(const Weights& w, Weight* column, int stride) {
+        for (int k = 0; k < 4; ++k) column[ptrdiff_t(k) * stride] = w.tap[k];
+    }
+
+    // Each tap is clamped by itself, also in a volume of fewer than four voxels.
+    static void borderTaps(const AxisMap& axis, int base, int* taps) {
+        for (int k = 0; k < 4; ++k) taps[k] = axis.clamped(base - 1 + k);
+    }
+
+    static void row(const Kernels& k, const T* const* src, float* const* dst, int rowCount, const int* index,
+                    const float* weights, int stride, int n) {
+        if constexpr (sizeof(T) == 1)
+            k.row8(src, dst, rowCount, index, weights, stride, n);
+        else if constexpr (sizeof(T) == 2)
+            k.row16(src, dst, rowCount, index, weights, stride, n);
+        else
+            k.row32(src, dst, rowCount, index, weights, stride, n);
+    }
+    static void column(const Kernels& k, const float* const* r, const Weights& w, float* dst, int n) {
+        k.col(r, w.tap, dst, n);
+    }
+    static void depth(const Kernels& k, const float* const* p, const Weights& w, T* dst, int n) {
+        if constexpr (sizeof(T) == 1)
+            k.dep8(p, w.tap, dst, n);
+        else if constexpr (sizeof(T) == 2)
+            k.dep16(p, w.tap, dst, n);
+        else
+            k.dep32(p, w.tap, dst, n);
+    }
+};
+
+// Destination positions of an axis, divided by whether their taps lie inside the volume: [0, interior) before it,
+// [interior, trailing) inside, [trailing, count) after it.
+struct Runs {
+    int interior;
+    int trailing;
+};
+template <class P> constexpr bool tapsInside(int base, int size) {
+    return base + P::kFirstTap >= 0 && base + P::kFirstTap + P::kTaps <= size;
+}
+
+// A block of destination columns and rows, with the tables and intermediates that its slices share. Source rows
+// resampled along x stand in a ring of one row per tap, planes resampled along x and y in a ring of one plane per tap:
+// source row r (plane p) in slot r (p) modulo the number of taps, so that what the next row or slice needs is found.
+template <class P> struct ResizeBlock {
+    using Inter = typename P::Inter;
+
+    const typename P::Kernels* kernels;
+    AxisMap axis[3];
+    int width;  // destination columns
+    int height; // destination rows
+    int stride; // of rows of intermediates and of weight arrays, in elements
+    Runs columns;
+    Runs rows;
+    int* index;                      // per column: base
+    typename P::Weight* weights;     // per column
+    int* rowBase;                    // per row
+    typename P::Weights* rowWeights; // per row
+    Inter* rowRing;
+    Inter* planeRing;
+
+    Inter* ringRow(int r) const { return rowRing + ptrdiff_t(r & (P::kTaps - 1)) * stride; }
+    Inter* ringPlane(int p) const { return planeRing + ptrdiff_t(p & (P::kTaps - 1)) * stride * height; }
+};
+
+// The routine per type and layout. Reads all of the source volume, writes the geometry's destination range, uses at
+// most `bytes` bytes of the buffer whatever the number of threads.
+template <class T, class Source, class Destination>
+ZenStatus resizeVolume(Level level, Source src, ZenrVolume srcVolume, Destination dst, const ResizeGeometry& geometry,
+                       int mode, unsigned char* buffer, size_t bytes);
+
+// Bytes of work memory of one thread for a destination box, as the size query adds them up, plus the 64 by which a
+// buffer may be misaligned. A single thread and any team fit within this; what does not fit a signed 32-bit size is
+// reported as the largest, and nothing beyond that is used.
+size_t resizeBufferBytes(ZenrBox dstRoi, int mode);
+
+// What a thread needs for blocks of `columns` by `rows`; the test of the size query compares.
+size_t resizeScratchBytes(int voxelBytes, int mode, int columns, int rows);
+
+} // namespace zenr

@@ -1,0 +1,590 @@
+// Volume resize against its definition: all types, modes, layouts, levels; boxes, steps, threads, work memory, checks.
+#include <algorithm>
+#include <functional>
+
+#include "reference/volume_resize.h"
+#include "support.h"
+#include "volume/prresset.h"
+#include "zencore.h"
+#include "zenr.h"
+
+using namespace zenr;
+using zenrtest::Guarded;
+
+namespace {
+
+const int kModes[] = {1, 2, 4, 5, 6, 7};
+
+struct Threads {
+    explicit Threads(int n) { zenSetNumThreads(n); }
+    ~Threads() { zenSetNumThreads(1); }
+};
+
+// A volume in guarded memory with padded rows, in either direction, either block or planes.
+template <class T> class TestVolume {
+public:
+    TestVolume(ZenrVolume size, int padding, bool upwards, bool shuffled, typename Guarded<T>::Side side)
+        : size_(size), pitch_(size.width + padding),
+          memory_(size_t(pitch_) * (size.height * size.depth - 1) + size.width, side), planes_(size.depth),
+          upwards_(upwards) {
+        for (int z = 0; z < size.depth; ++z) {
+            const int place = shuffled ? (z * 7 + 3) % size.depth == z ? z : size.depth - 1 - z : z;
+            planes_[z] =
+                &memory_[size_t(place) * size.height * pitch_] + (upwards ? size_t(size.height - 1) * pitch_ : 0);
+        }
+    }
+    T& at(int x, int y, int z) { return planes_[z][(upwards_ ? -ptrdiff_t(y) : ptrdiff_t(y)) * pitch_ + x]; }
+    int step() const { return (upwards_ ? -pitch_ : pitch_) * int(sizeof(T)); }
+    int planeStep() const { return pitch_ * size_.height * int(sizeof(T)); }
+    T* base() { return planes_[0]; }
+    T* const* planes() { return planes_.data(); }
+    Guarded<T>& memory() { return memory_; }
+    ZenrVolume size() const { return size_; }
+
+private:
+    ZenrVolume size_;
+    int pitch_;
+    Guarded<T> memory_;
+    std::vector<T*> planes_;
+    bool upwards_;
+};
+
+struct Arguments {
+    ZenrBox srcRoi, dstRoi;
+    double factor[3], shift[3];
+    int mode;
+};
+
+template <class T> ZenStatus resizeV(TestVolume<T>& src, TestVolume<T>& dst, const Arguments& a, uint8_t* buffer);
+template <class T> ZenStatus resizePV(TestVolume<T>& src, TestVolume<T>& dst, const Arguments& a, uint8_t* buffer);
+#define FORWARD(T, suffix)                                                                                             \
+    template <> ZenStatus resizeV(TestVolume<T>& src, TestVolume<T>& dst, const Arguments& a, uint8_t* buffer) {       \
+        return zenrResize_##suffix##_C1V(src.base(), src.size(), src.step(), src.planeStep(), a.srcRoi, dst.base(),    \
+                                         dst.step(), dst.planeStep(), a.dstRoi, a.factor[0], a.factor[1], a.factor[2], \
+                                         a.shift[0], a.shift[1], a.shift[2], a.mode, buffer);                          \
+    }                                                                                                                  \
+    template <> ZenStatus resizePV(TestVolume<T>& src, TestVolume<T>& dst, const Arguments& a, uint8_t* buffer) {      \
+        return zenrResize_##suffix##_C1PV(src.planes(), src.size(), src.step(), a.srcRoi, dst.planes(), dst.step(),    \
+                                          a.dstRoi, a.factor[0], a.factor[1], a.factor[2], a.shift[0], a.shift[1],     \
+                                          a.shift[2], a.mode, buffer);                                                 \
+    }
+FORWARD(uint8_t, 8u)
+FORWARD(uint16_t, 16u)
+FORWARD(float, 32f)
+
+template <class T> bool same(T a, T b) {
+    return a == b;
+}
+template <> bool same(float a, float b) {
+    return zenrtest::sameFloat(a, b);
+}
+
+template <class T> T randomVoxel(zenrtest::Floats& r, int flavour) {
+    if (std::is_same<T, float>::value)
+        return T(flavour == 0 ? r.any() : flavour == 1 ? float(r.bits() % 4096) : r.moderate());
+    if (flavour == 0) return r.bits() % 2 ? T(~0u) : T(0); // the extremes: largest overshoot
+    return T(r.bits());
+}
+template <class T> T canary(size_t i) {
+    return std::is_same<T, float>::value ? T(zenrtest::floatOf(0x4B000000u + uint32_t(i % 8191))) : T(i * 37 + 11);
+}
+
+ResizeGeometry geometryOf(const reference::ResizeAxis axis[3]) {
+    ResizeGeometry g;
+    for (int k = 0; k < 3; ++k) {
+        g.inverse[k] = 1 / axis[k].factor;
+        g.offset[k] = -axis[k].shift / axis[k].factor;
+        g.first[k] = axis[k].first();
+        g.end[k] = axis[k].end();
+        g.count[k] = g.end[k] - g.first[k];
+    }
+    return g;
+}
+
+// One call, in every way: exported, then every level; each against the definition.
+template <class T>
+void checkCase(TestVolume<T>& src, TestVolume<T>& dst, const Arguments& a, bool block, const std::vector<int>& teams,
+               int sideOfBuffer) {
+    const ZenrVolume v = src.size();
+    const reference::ResizeAxis axis[3] = {
+        {a.factor[0], a.shift[0], a.srcRoi.x, a.srcRoi.width, v.width, a.dstRoi.x, a.dstRoi.width},
+        {a.factor[1], a.shift[1], a.srcRoi.y, a.srcRoi.height, v.height, a.dstRoi.y, a.dstRoi.height},
+        {a.factor[2], a.shift[2], a.srcRoi.z, a.srcRoi.depth, v.depth, a.dstRoi.z, a.dstRoi.depth}};
+    bool empty = false;
+    for (int k = 0; k < 3; ++k) empty = empty || axis[k].first() >= axis[k].end();
+
+    std::vector<T> before(dst.memory().size());
+    for (size_t i = 0; i < before.size(); ++i) before[i] = canary<T>(i);
+    std::vector<T> expected = before;
+    if (!empty) {
+        std::copy(before.begin(), before.end(), dst.memory().data());
+        const auto at = [&](int x, int y, int z) { return src.at(x, y, z); };
+        for (int z = axis[2].first(); z < axis[2].end(); ++z)
+            for (int y = axis[1].first(); y < axis[1].end(); ++y)
+                for (int x = axis[0].first(); x < axis[0].end(); ++x) {
+                    const int d[3] = {x, y, z};
+                    expected[&dst.at(x, y, z) - dst.memory().data()] = reference::resizedVoxel<T>(axis, a.mode, d, at);
+                }
+    }
+    // The buffer has the size for one thread, whatever the team.
+    const size_t bytes = size_t(reference::resizeBufSize(a.dstRoi.width, a.dstRoi.height, a.dstRoi.depth, a.mode));
+    int reported = 0;
+    {
+        Threads one(1);
+        ASSERT_EQ(zenrResizeGetBufSize(a.srcRoi, a.dstRoi, 1, a.mode, &reported), zenStsNoErr);
+        ASSERT_EQ(size_t(reported), bytes);
+    }
+    Guarded<uint8_t> buffer(bytes, sideOfBuffer ? Guarded<uint8_t>::atEnd : Guarded<uint8_t>::atStart);
+    int threads = 1;
+
+    const auto compare = [&](const char* what) {
+        for (size_t i = 0; i < expected.size(); ++i)
+            if (!same(dst.memory()[i], expected[i]))
+                FAIL() << what << " mode " << a.mode << " threads " << threads << " element " << i << " of "
+                       << expected.size() << " is " << +dst.memory()[i] << ", expected " << +expected[i] << "; source "
+                       << v.width << "x" << v.height << "x" << v.depth << " factor " << a.factor[0] << " "
+                       << a.factor[1] << " " << a.factor[2] << " shift " << a.shift[0] << " " << a.shift[1] << " "
+                       << a.shift[2];
+    };
+    for (int team : teams) {
+        threads = team;
+        Threads scope(team);
+        std::copy(before.begin(), before.end(), dst.memory().data());
+        memset(buffer.data(), 0xA5, bytes);
+        const ZenStatus status = block ? resizeV(src, dst, a, buffer.data()) : resizePV(src, dst, a, buffer.data());
+        ASSERT_EQ(status, empty ? zenStsNoOperation : zenStsNoErr);
+        compare("exported");
+        if (empty) continue;
+
+        const ResizeGeometry g = geometryOf(axis);
+        const ptrdiff_t size = sizeof(T);
+        for (Level level : zenrtest::levels()) {
+            std::copy(before.begin(), before.end(), dst.memory().data());
+            memset(buffer.data(), 0xFF, bytes);
+            if (block)
+                resizeVolume<T>(level, BlockVolume<const T>{src.base(), src.step() / size, src.planeStep() / size}, v,
+                                BlockVolume<T>{dst.base(), dst.step() / size, dst.planeStep() / size}, g, a.mode,
+                                buffer.data(), bytes);
+            else
+                resizeVolume<T>(level, PlaneVolume<const T>{src.planes(), src.step() / size}, v,
+                                PlaneVolume<T>{dst.planes(), dst.step() / size}, g, a.mode, buffer.data(), bytes);
+            compare(zenrtest::levelName(level));
+        }
+    }
+}
+
+template <class T> class Resize : public ::testing::Test {};
+using Voxels = ::testing::Types<uint8_t, uint16_t, float>;
+TYPED_TEST_SUITE(Resize, Voxels);
+
+// Random calls over small volumes: thin ones, boxes inside and partly outside, paddings, directions.
+TYPED_TEST(Resize, RandomCallsMatchTheDefinition) {
+    using T = TypeParam;
+    zenrtest::Floats r(11 + sizeof(T));
+    const double factors[] = {1, 1.5, 2.0 / 3, 2, 0.5, 3, 0.3, 1.0 / 3, 1.37, 0.91, 7.25};
+    const auto pick = [&](int n) { return int(r.bits() % uint32_t(n)); };
+    const int count = zenrtest::rounds(420);
+    for (int round = 0; round < count; ++round) {
+        const bool thin = round % 3 == 0;
+        const ZenrVolume v = {1 + pick(thin ? 5 : 40), 1 + pick(thin ? 5 : 12), 1 + pick(thin ? 5 : 12)};
+        Arguments a;
+        a.mode = kModes[round % 6];
+        for (int k = 0; k < 3; ++k) {
+            a.factor[k] = factors[pick(11)];
+            a.shift[k] = pick(3) ? 0 : (pick(17) - 8) * 0.37;
+        }
+        ZenrVolume w = {1 + int(v.width * a.factor[0]) + pick(4), 1 + int(v.height * a.factor[1]) + pick(4),
+                        1 + int(v.depth * a.factor[2]) + pick(4)};
+        w.height = std::min(w.height, 24);
+        w.depth = std::min(w.depth, 24);
+        a.srcRoi = {0, 0, 0, v.width + pick(3), v.height + pick(3), v.depth};
+        a.dstRoi = {0, 0, 0, w.width, w.height, w.depth};
+        if (pick(2)) {
+            a.srcRoi = {pick(v.width),         pick(v.height),     pick(v.depth),
+                        1 + pick(v.width + 2), 1 + pick(v.height), 1 + pick(v.depth)};
+            a.dstRoi = {pick(w.width), pick(w.height), pick(w.depth), 1, 1, 1};
+            a.dstRoi.width = 1 + pick(w.width - a.dstRoi.x);
+            a.dstRoi.height = 1 + pick(w.height - a.dstRoi.y);
+            a.dstRoi.depth = 1 + pick(w.depth - a.dstRoi.z);
+        }
+        const auto side = pick(2) ? Guarded<T>::atEnd : Guarded<T>::atStart;
+        const bool block = pick(2);
+        TestVolume<T> src(v, pick(4), pick(3) == 0, !block && pick(2), side);
+        TestVolume<T> dst(w, pick(4), pick(3) == 0, !block && pick(2), side);
+        const int flavour = pick(4);
+        for (size_t i = 0; i < src.memory().size(); ++i) src.memory()[i] = randomVoxel<T>(r, flavour);
+        checkCase(src, dst, a, block, {1 + pick(5)}, pick(2));
+        if (this->HasFatalFailure()) FAIL() << "round " << round;
+    }
+}
+
+// Wide enough for whole vectors, for blocks of columns, and for the split over threads.
+TYPED_TEST(Resize, WideRowsAndTeams) {
+    using T = TypeParam;
+    zenrtest::Floats r(5);
+    struct Shape {
+        ZenrVolume v;
+        double factor[3];
+    };
+    const Shape shapes[] = {{{130, 12, 11}, {1.5, 1.5, 1.5}},
+                            {{301, 25, 26}, {2.0 / 3, 2.0 / 3, 2.0 / 3}},
+                            {{1100, 3, 2}, {1.01, 1, 1}},
+                            {{700, 2, 2}, {3.1, 1.5, 1}},
+                            {{197, 20, 17}, {0.41, 0.9, 1}}};
+    const bool brief = zenrtest::rounds(30) == 1;
+    for (const Shape& s : shapes) {
+        for (int mode : kModes) {
+            if (brief && mode > 4) continue;
+            Arguments a = {
+                {0, 0, 0, s.v.width, s.v.height, s.v.depth}, {}, {s.factor[0], s.factor[1], s.factor[2]}, {}, mode};
+            const ZenrVolume w = {int(s.v.width * s.factor[0] + 0.5), int(s.v.height * s.factor[1] + 0.5),
+                                  int(s.v.depth * s.factor[2] + 0.5)};
+            a.dstRoi = {0, 0, 0, w.width, w.height, w.depth};
+            TestVolume<T> src(s.v, 1, false, false, Guarded<T>::atEnd);
+            TestVolume<T> dst(w, 3, false, false, Guarded<T>::atEnd);
+            for (size_t i = 0; i < src.memory().size(); ++i) src.memory()[i] = randomVoxel<T>(r, 2);
+            const std::vector<int> teams = brief ? std::vector<int>{3} : std::vector<int>{1, 2, 7, 16};
+            checkCase(src, dst, a, mode % 3, teams, mode & 2);
+            if (this->HasFatalFailure()) FAIL();
+        }
+    }
+}
+
+// Sources made of one value, or of rows whose sums lie half-way between two floats, reach the tests of doubt.
+TEST(ResizeRounding, HalfWaySums) {
+    zenrtest::Floats r(77);
+    for (int round = 0; round < zenrtest::rounds(24); ++round) {
+        const ZenrVolume v = {66, 6, 6};
+        TestVolume<float> src(v, 0, false, false, Guarded<float>::atEnd);
+        const int kind = round % 3;
+        for (size_t i = 0; i < src.memory().size(); ++i) {
+            const float odd = float(16777215 - int(r.bits() % 4) * 2); // sums of two and three need one bit more
+            src.memory()[i] = kind == 0 ? odd : kind == 1 ? (i % 2 ? odd : 1.f) : (r.bits() % 5 ? -0.f : 0.f);
+        }
+        Arguments a = {{0, 0, 0, 66, 6, 6}, {0, 0, 0, 132, 12, 12}, {2, 2, 2}, {}, kModes[round % 6]};
+        if (round % 2) a.shift[0] = a.shift[1] = a.shift[2] = 0.5; // fractions 0 and 1/2
+        TestVolume<float> dst({132, 12, 12}, 0, false, false, Guarded<float>::atEnd);
+        checkCase(src, dst, a, true, {1}, 0);
+        if (::testing::Test::HasFatalFailure()) FAIL() << "round " << round;
+    }
+}
+
+TEST(ResizeWeights, FormulasAndIntegerPositions) {
+    float w[4];
+    for (int mode : {4, 5, 6, 7}) {
+        for (int i = 0; i <= 1024; ++i) {
+            const float f = i == 1024 ? 0.99999994f : float(i) / 1024 + (i % 7) * 1e-5f;
+            ownpi_CubicWeights(mode, &f, 1, w);
+            for (int k = 0; k < 4; ++k) ASSERT_TRUE(zenrtest::sameFloat(w[k], reference::cubicWeight(mode, f, k)));
+        }
+    }
+    const float zero = 0;
+    ownpi_CubicWeights(6, &zero, 1, w);
+    EXPECT_EQ(w[0], 0);
+    EXPECT_EQ(w[1], 1);
+    EXPECT_EQ(w[2], 0);
+    EXPECT_EQ(w[3], 0);
+    ownpi_CubicWeights(4, &zero, 1, w);
+    EXPECT_NEAR(w[0], 0, 1e-16);
+    EXPECT_EQ(w[1], 1);
+    EXPECT_NEAR(w[2], 0, 1e-16);
+    EXPECT_EQ(w[3], 0);
+    ownpi_CubicWeights(5, &zero, 1, w);
+    EXPECT_FLOAT_EQ(w[0], 1.f / 6);
+    EXPECT_FLOAT_EQ(w[1], 2.f / 3);
+    EXPECT_FLOAT_EQ(w[2], 1.f / 6);
+    ownpi_CubicWeights(7, &zero, 1, w);
+    EXPECT_FLOAT_EQ(w[0], 1.f / 12);
+    EXPECT_FLOAT_EQ(w[1], 5.f / 6);
+    EXPECT_FLOAT_EQ(w[2], 1.f / 12);
+    // Several fractions at once, and beyond the kernels' support.
+    const float two[2] = {0.25f, 0.5f};
+    float eight[8];
+    ownpi_CubicWeights(6, two, 2, eight);
+    EXPECT_EQ(eight[4], eight[7]);
+    EXPECT_EQ(eight[5], eight[6]);
+    EXPECT_EQ(ownpi_Cubic0Kernel(2.0L), 0);
+    EXPECT_EQ(ownpi_Cubic3Kernel(-2.5L), 0);
+    EXPECT_EQ(ownpi_Cubic1Kernel((long double)NAN), 0);
+}
+
+// The last pass for single sums.
+TEST(ResizeRounding, CubicIntegersRoundAndSaturate) {
+    const float weights[4] = {1, 0, 0, 0};
+    for (Level level : zenrtest::levels()) {
+        const auto store = [&](float sum) {
+            const float zero = 0;
+            const float* const planes[4] = {&sum, &zero, &zero, &zero};
+            uint8_t out = 77;
+            cubicKernels(level).dep8(planes, weights, &out, 1);
+            return int(out);
+        };
+        EXPECT_EQ(store(-3.2f), 0);
+        EXPECT_EQ(store(255.6f), 255);
+        EXPECT_EQ(store(17.4999f), 17);
+        EXPECT_EQ(store(17.49999995f), 18); // is 17.5 as a float
+        EXPECT_EQ(store(0.49999997f), 1);   // 0.5 - 3e-8
+        EXPECT_EQ(store(1e9f), 255);
+        uint16_t wide = 0;
+        const float high = 65535.7f, zero = 0;
+        const float* const planes[4] = {&high, &zero, &zero, &zero};
+        cubicKernels(level).dep16(planes, weights, &wide, 1);
+        EXPECT_EQ(wide, 65535);
+    }
+}
+
+// Each fixed-point stage by itself, over all weights and the extremes of its operands.
+TEST(ResizeRounding, FixedPointStages) {
+    zenrtest::Floats r(3);
+    const int n = 131;
+    std::vector<uint16_t> a(n), b(n), out16(n);
+    std::vector<uint8_t> out8(n);
+    for (Level level : zenrtest::levels()) {
+        const AllLinearKernels& k = linearKernels(level);
+        for (int w = 0; w <= 16384; w += zenrtest::rounds(30) == 1 ? 2048 : w < 16 || w > 16368 ? 1 : 13) {
+            for (int limit : {16320, 65535}) {
+                for (int i = 0; i < n; ++i) {
+                    a[i] = uint16_t(i % 3 ? r.bits() % (limit + 1) : r.bits() % 2 * limit);
+                    b[i] = uint16_t(i % 5 ? r.bits() % (limit + 1) : r.bits() % 2 * limit);
+                }
+                const auto sum = [&](int i) { return (long long)b[i] * w + (long long)a[i] * (16384 - w); };
+                if (limit == 16320) {
+                    k.u8.col(a.data(), b.data(), uint16_t(w), out16.data(), n);
+                    for (int i = 0; i < n; ++i)
+                        ASSERT_EQ(out16[i], (sum(i) + 8192) >> 14) << w << ' ' << a[i] << ' ' << b[i];
+                    k.u8.dep(a.data(), b.data(), uint16_t(w), out8.data(), n);
+                    for (int i = 0; i < n; ++i)
+                        ASSERT_EQ(out8[i], (sum(i) + 524288) >> 20) << w << ' ' << a[i] << ' ' << b[i];
+                    k.plane8(a.data(), b.data(), uint16_t(w), out8.data(), n);
+                    for (int i = 0; i < n; ++i) ASSERT_EQ(out8[i], (sum(i) + 524288) >> 20);
+                } else {
+                    k.u16.col(a.data(), b.data(), uint16_t(w), out16.data(), n);
+                    for (int i = 0; i < n; ++i)
+                        ASSERT_EQ(out16[i], (sum(i) + 8192) >> 14) << w << ' ' << a[i] << ' ' << b[i];
+                    k.u16.dep(a.data(), b.data(), uint16_t(w), out16.data(), n);
+                    for (int i = 0; i < n; ++i) ASSERT_EQ(out16[i], (sum(i) + 8192) >> 14);
+                }
+            }
+        }
+    }
+    EXPECT_EQ(weightQ14(0), 0);
+    EXPECT_EQ(weightQ14(1), 16384);
+    EXPECT_EQ(weightQ14(0.5f / 16384), 1);
+    EXPECT_EQ(weightQ14(0.49999997f / 16384), 0);
+}
+
+TEST(ResizeBufSize, FormulaTimesThreads) {
+    zenrtest::Floats r(8);
+    for (int round = 0; round < 300; ++round) {
+        const int limit = round % 2 ? 100 : 700;
+        const ZenrBox box = {3, 2, 1, 1 + int(r.bits() % limit), 1 + int(r.bits() % limit), 1 + int(r.bits() % limit)};
+        for (int mode : kModes)
+            for (int threads : {1, 2, 5}) {
+                Threads team(threads);
+                int size = -1;
+                ASSERT_EQ(zenrResizeGetBufSize({0, 0, 0, 9, 9, 9}, box, 1, mode, &size), zenStsNoErr);
+                ASSERT_EQ(size, threads * reference::resizeBufSize(box.width, box.height, box.depth, mode));
+                // The smallest block fits even at the worst alignment.
+                if (mode != 1) {
+                    ASSERT_LE(resizeScratchBytes(4, mode, std::min(box.width, 64), 1), size_t(size / threads - 64));
+                }
+            }
+    }
+    int size = 0;
+    EXPECT_EQ(zenrResizeGetBufSize({0, 0, 0, 1, 1, 1}, {0, 0, 0, 100000, 100000, 9}, 1, 4, &size), zenStsNoErr);
+    EXPECT_EQ(size, INT32_MAX);
+    EXPECT_EQ(zenrResizeGetBufSize({0, 0, 0, 1, 1, 1}, {0, 0, 0, INT32_MAX, INT32_MAX, INT32_MAX}, 1, 2, &size),
+              zenStsNoErr);
+    EXPECT_EQ(size, INT32_MAX);
+}
+
+TEST(ResizeBufSize, ChecksInOrder) {
+    for (int spoilt = 0; spoilt < 16; ++spoilt) {
+        int size = -77;
+        const ZenrBox src = {0, 0, spoilt & 2 ? -1 : 0, 4, 4, 4};
+        const int channels = spoilt & 4 ? 3 : 1;
+        const int mode = spoilt & 8 ? 3 : 2;
+        const ZenStatus expected = spoilt & 1   ? zenStsNullPtrErr
+                                   : spoilt & 2 ? zenStsSizeErr
+                                   : spoilt & 4 ? zenStsNumChannelsErr
+                                   : spoilt & 8 ? zenStsInterpolationErr
+                                                : zenStsNoErr;
+        EXPECT_EQ(zenrResizeGetBufSize(src, {0, 0, 0, 4, 4, 4}, channels, mode, spoilt & 1 ? nullptr : &size),
+                  expected);
+        if (expected != zenStsNoErr) {
+            EXPECT_EQ(size, -77);
+        }
+    }
+    int size;
+    for (int field = 0; field < 6; ++field)
+        for (int which = 0; which < 2; ++which) {
+            ZenrBox box[2] = {{0, 0, 0, 4, 4, 4}, {0, 0, 0, 4, 4, 4}};
+            (&box[which].x)[field] = field < 3 ? -1 : 0;
+            EXPECT_EQ(zenrResizeGetBufSize(box[0], box[1], 1, 2, &size), zenStsSizeErr);
+        }
+    for (int mode = -3; mode < 12; ++mode)
+        EXPECT_EQ(zenrResizeGetBufSize({0, 0, 0, 4, 4, 4}, {0, 0, 0, 4, 4, 4}, 1, mode, &size) == zenStsNoErr,
+                  mode == 1 || mode == 2 || (mode >= 4 && mode <= 7));
+}
+
+// Every way to spoil a call, in the order of the checks; of two, the first decides, and nothing is written.
+TYPED_TEST(Resize, ChecksInOrder) {
+    using T = TypeParam;
+    struct Call {
+        bool src = true, dst = true, buffer = true;
+        ZenrVolume volume = {4, 4, 4};
+        Arguments a = {{0, 0, 0, 4, 4, 4}, {0, 0, 0, 4, 4, 4}, {1, 1, 1}, {0, 0, 0}, 2};
+    };
+    struct Row {
+        std::function<void(Call&)> spoil;
+        ZenStatus status;
+        int group; // rows of a group exclude each other
+    };
+    std::vector<Row> rows = {
+        {[](Call& c) { c.src = false; }, zenStsNullPtrErr, 1},
+        {[](Call& c) { c.dst = false; }, zenStsNullPtrErr, 2},
+        {[](Call& c) { c.buffer = false; }, zenStsNullPtrErr, 3},
+        {[](Call& c) { c.volume.width = 0; }, zenStsSizeErr, 4},
+        {[](Call& c) { c.volume.height = -1; }, zenStsSizeErr, 5},
+        {[](Call& c) { c.volume.depth = 0; }, zenStsSizeErr, 6},
+    };
+    for (int field = 0; field < 6; ++field) {
+        rows.push_back({[=](Call& c) { (&c.a.srcRoi.x)[field] = field < 3 ? -1 : 0; }, zenStsSizeErr, 10 + field % 3});
+        rows.push_back({[=](Call& c) { (&c.a.dstRoi.x)[field] = field < 3 ? -1 : 0; }, zenStsSizeErr, 20 + field % 3});
+    }
+    for (int k = 0; k < 3; ++k) {
+        rows.push_back({[=](Call& c) { c.a.factor[k] = 0; }, zenStsResizeFactorErr, 30 + k});
+        rows.push_back({[=](Call& c) { c.a.factor[k] = -2; }, zenStsResizeFactorErr, 30 + k});
+    }
+    for (int mode : {3, 0, 8, -1}) rows.push_back({[=](Call& c) { c.a.mode = mode; }, zenStsInterpolationErr, 40});
+    rows.push_back({[](Call& c) { c.a.srcRoi.x = 4; }, zenStsRoiOutside, 10});
+    rows.push_back({[](Call& c) { c.a.srcRoi.y = 4; }, zenStsRoiOutside, 11});
+    rows.push_back({[](Call& c) { c.a.srcRoi.z = 9; }, zenStsRoiOutside, 12});
+    rows.push_back({[](Call& c) { c.a.dstRoi.x = 4; }, zenStsNoOperation, 20});
+    rows.push_back({[](Call& c) { c.a.shift[1] = 100; }, zenStsNoOperation, 50});
+    rows.push_back({[](Call& c) { c.a.shift[2] = -100; }, zenStsNoOperation, 51});
+    rows.push_back({[](Call& c) { c.a.factor[0] = NAN; }, zenStsNoOperation, 30});
+    rows.push_back({[](Call& c) { c.a.factor[1] = INFINITY; }, zenStsNoOperation, 31});
+    rows.push_back({[](Call& c) { c.a.shift[0] = NAN; }, zenStsNoOperation, 52});
+    rows.push_back({[](Call& c) { c.a.shift[0] = -INFINITY; }, zenStsNoOperation, 52});
+    rows.push_back({[](Call& c) { c.a.factor[2] = 1e300, c.a.shift[2] = 1e300; }, zenStsNoOperation, 51});
+
+    std::vector<T> src(64), dst(64), before(64);
+    for (size_t i = 0; i < 64; ++i) before[i] = canary<T>(i);
+    std::vector<uint8_t> buffer(1 << 16);
+    const T* srcPlanes[4];
+    T* dstPlanes[4];
+    for (int z = 0; z < 4; ++z) srcPlanes[z] = &src[16 * z], dstPlanes[z] = &dst[16 * z];
+    const auto run = [&](const Call& c, ZenStatus expected) {
+        for (int layout = 0; layout < 2; ++layout) {
+            dst = before;
+            const int step = 4 * sizeof(T), plane = 16 * sizeof(T);
+            uint8_t* const work = c.buffer ? buffer.data() : nullptr;
+            const Arguments& a = c.a;
+            ZenStatus status;
+#define CALL(suffix, V)                                                                                                \
+    status =                                                                                                           \
+        layout                                                                                                         \
+            ? zenrResize_##suffix##_C1PV((const V* const*)(c.src ? srcPlanes : nullptr), c.volume, step, a.srcRoi,     \
+                                         (V* const*)(c.dst ? dstPlanes : nullptr), step, a.dstRoi, a.factor[0],        \
+                                         a.factor[1], a.factor[2], a.shift[0], a.shift[1], a.shift[2], a.mode, work)   \
+            : zenrResize_##suffix##_C1V((const V*)(c.src ? src.data() : nullptr), c.volume, step, plane, a.srcRoi,     \
+                                        (V*)(c.dst ? dst.data() : nullptr), step, plane, a.dstRoi, a.factor[0],        \
+                                        a.factor[1], a.factor[2], a.shift[0], a.shift[1], a.shift[2], a.mode, work)
+            if (sizeof(T) == 1)
+                CALL(8u, uint8_t);
+            else if (sizeof(T) == 2)
+                CALL(16u, uint16_t);
+            else
+                CALL(32f, float);
+#undef CALL
+            EXPECT_EQ(status, expected);
+            if (expected != zenStsNoErr) {
+                EXPECT_EQ(memcmp(dst.data(), before.data(), 64 * sizeof(T)), 0);
+            }
+        }
+    };
+    run(Call(), zenStsNoErr);
+    for (size_t i = 0; i < rows.size(); ++i) {
+        for (size_t j = i; j < rows.size(); ++j) {
+            if (j != i && rows[i].group == rows[j].group) continue;
+            Call c;
+            rows[j].spoil(c);
+            rows[i].spoil(c);
+            // Rows are not all in the order of their status: the first check decides.
+            const auto rank = [](ZenStatus s) {
+                const ZenStatus order[] = {zenStsNullPtrErr,       zenStsSizeErr,    zenStsResizeFactorErr,
+                                           zenStsInterpolationErr, zenStsRoiOutside, zenStsNoOperation};
+                return std::find(order, order + 6, s) - order;
+            };
+            run(c, rank(rows[i].status) < rank(rows[j].status) ? rows[i].status : rows[j].status);
+            if (this->HasFailure()) FAIL() << "rows " << i << " and " << j;
+        }
+    }
+}
+
+// What is written where mapped edges fall on voxel centres, and far away numbers.
+TEST(ResizeGeometryRecord, EdgesOnCentres) {
+    const auto run = [&](double factor, double shift, int srcX, int srcW, int dstX, int dstW, int volume, int* first,
+                         int* end) {
+        const double f[3] = {factor, 1, 1}, s[3] = {shift, 0, 0};
+        ResizeGeometry g;
+        const ZenStatus status =
+            ownrPreludeToResize({volume, 4, 4}, {srcX, 0, 0, srcW, 4, 4}, {dstX, 0, 0, dstW, 4, 4}, f, s, &g);
+        *first = g.first[0];
+        *end = g.end[0];
+        return status;
+    };
+    int first, end;
+    ASSERT_EQ(run(1, 0.5, 0, 4, 0, 10, 4, &first, &end), zenStsNoErr); // mapped to 0.5 .. 4.5
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(end, 5);
+    ASSERT_EQ(run(1, 0.51, 0, 4, 0, 10, 4, &first, &end), zenStsNoErr);
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(end, 5);
+    ASSERT_EQ(run(1, 0.49, 0, 4, 0, 10, 4, &first, &end), zenStsNoErr);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(end, 4);
+    ASSERT_EQ(run(2, 0, 1, 100, 0, 100, 4, &first, &end), zenStsNoErr); // a box wider than the volume
+    EXPECT_EQ(first, 2);
+    EXPECT_EQ(end, 8);
+    ASSERT_EQ(run(1e9, 0, 0, 4, 7, INT32_MAX, 4, &first, &end), zenStsNoErr); // the box ends beyond the integers
+    EXPECT_EQ(first, 7);
+    EXPECT_EQ(end, INT32_MAX);
+    EXPECT_EQ(run(1, 0.4, 0, 4, 5, 5, 4, &first, &end), zenStsNoOperation);
+    EXPECT_EQ(run(1e-320, 0, 0, 4, 0, 5, 4, &first, &end), zenStsNoOperation); // nothing reaches a centre
+}
+
+// Scales at the limits of double neither crash nor read outside.
+TYPED_TEST(Resize, ExtremeScales) {
+    using T = TypeParam;
+    TestVolume<T> src({3, 3, 3}, 0, false, false, Guarded<T>::atEnd);
+    TestVolume<T> dst({20, 3, 3}, 0, false, false, Guarded<T>::atEnd);
+    for (size_t i = 0; i < src.memory().size(); ++i) src.memory()[i] = T(i + 1);
+    for (int mode : kModes)
+        for (double factor : {1e-320, 1e-300, 1e-12, 1e12, 1e300, 1.7e308})
+            for (double shift : {0.0, 0.5, 1.5, 3.0, -1e12, -1e300, 1e300}) {
+                const Arguments a = {{0, 0, 0, 3, 3, 3}, {0, 0, 0, 20, 3, 3}, {factor, 1, 1}, {shift, 0, 0}, mode};
+                int size = 0;
+                ASSERT_EQ(zenrResizeGetBufSize(a.srcRoi, a.dstRoi, 1, mode, &size), zenStsNoErr);
+                Guarded<uint8_t> buffer((size_t(size)));
+                const ZenStatus status = resizeV(src, dst, a, buffer.data());
+                ASSERT_TRUE(status == zenStsNoErr || status == zenStsNoOperation);
+            }
+}
+
+// A large destination box of which little is written uses no more than was reported.
+TEST(ResizeBufSize, HugeBoxLittleWritten) {
+    TestVolume<uint8_t> src({5, 5, 5}, 0, false, false, Guarded<uint8_t>::atEnd);
+    TestVolume<uint8_t> dst({5, 5, 5}, 0, false, false, Guarded<uint8_t>::atEnd);
+    for (size_t i = 0; i < src.memory().size(); ++i) src.memory()[i] = uint8_t(i);
+    for (int mode : {1, 2, 6}) {
+        Guarded<uint8_t> buffer(1 << 20); // far less than reported, as much as is needed
+        const Arguments a = {
+            {0, 0, 0, 5, 5, 5}, {0, 0, 0, INT32_MAX, INT32_MAX, INT32_MAX}, {1, 1, 1}, {0, 0, 0}, mode};
+        ASSERT_EQ(resizeV(src, dst, a, buffer.data()), zenStsNoErr);
+        EXPECT_EQ(memcmp(src.memory().data(), dst.memory().data(), 125), 0);
+    }
+}
+
+} // namespace
