@@ -424,6 +424,80 @@ ZenStatus zenrResize_32f_C1PV(const float* const* pSrc, ZenrVolume srcVolume, in
                              double zFactor, double xShift, double yShift, double zShift, int interpolation,
                              uint8_t* pBuffer);
 
+/* ---- Spherical harmonics ----------------------------------------------------------------------------------------- */
+
+/* Real, orthonormal over the unit sphere, with the Condon-Shortley phase: Y(0,0) = 0.28209479, Y(1,-1..1) =
+ * -0.48860252 y, 0.48860252 z, -0.48860252 x. Bands 0..15.
+ *   directions    pX, pY, pZ: len floats each. Meant to be unit vectors; used as given
+ *   order L       the highest band
+ *   coefficients  one channel: (L+1)^2 floats, Y(l,m) at index l*l + l + m
+ * All functions of this section run on the calling thread and allocate nothing. */
+
+/* Evaluation state, at the start of a block of zenrSHGetSize_32f bytes; the block of a state of type 1 continues with its
+ * tables. It is read only after zenrSHInit_32f, and may be shared by concurrent calls. */
+typedef struct ZenrSHState {
+    uint32_t maxOrder; /* highest band that the state serves */
+    int32_t type;      /* 0: closed form, accurate to float rounding. 1: recurrence over floats, within a few 1e-6 */
+#if defined(__i386__)
+    const float* tableA; /* type 1: the tables inside the block, which must not be moved; type 0: null */
+    const float* tableB;
+#else
+    uint32_t tableA; /* type 1: byte offsets of the tables from the block's start; type 0: 0 */
+    uint32_t tableB;
+#endif
+} ZenrSHState;
+
+/* Bytes of a state of order L.
+ * Statuses, in check order: zenStsNullPtrErr (pSize); zenStsBadTypeErr (type not 0 or 1); zenStsSizeErr (type 0: L > 15;
+ * type 1 has no limit, though nothing evaluates above 15). */
+ZenStatus zenrSHGetSize_32f(uint32_t L, int32_t type, uint32_t* pSize);
+
+/* Makes a state in a block of the size above, which should start on a 16-byte boundary (as zenMalloc's do): the tables of
+ * type 1 start on such a boundary, and need up to 15 bytes more in any other block.
+ * Statuses, in check order: zenStsNullPtrErr (pState); zenStsSizeErr (type 0: L > 15); zenStsBadTypeErr (type). */
+ZenStatus zenrSHInit_32f(ZenrSHState* pState, uint32_t L, int32_t type);
+
+/* All bands 0..L.
+ *   pDst  out: (L+1)^2 values of direction 0, then those of direction 1 ...
+ * A negative len writes nothing.
+ * Statuses, in check order: zenStsNullPtrErr (pX, pY, pZ, pDst, pState); zenStsSizeErr (len 0); zenStsBadTypeErr (L above
+ * the state's order, unknown type, L > 15). */
+ZenStatus zenrSH_32f(const float* pX, const float* pY, const float* pZ, int len, float* pDst, uint32_t L,
+                     const ZenrSHState* pState);
+
+/* Band L alone, in closed form.
+ *   pDst  out: 2L+1 values, m = -L..L, of each direction
+ * A negative len writes nothing.
+ * Statuses, in check order: zenStsNullPtrErr (pX, pY, pZ, pDst); zenStsBadTypeErr (L > 15); zenStsSizeErr (len 0). */
+ZenStatus zenrSHBand_32f(const float* pX, const float* pY, const float* pZ, int len, float* pDst, uint32_t L);
+
+/* Forward transforms: coefficient k += sample i * Y_k(direction i), in the order of the samples. Coefficients are not
+ * cleared first (several calls accumulate), and nothing is weighted: for an integral over the sphere multiply the samples
+ * by their solid angles. A sample of 0 contributes 0 whatever the direction.
+ *   pSrc           C1: len samples. C3P3: len triples. P3: three planes of len samples
+ *   pSrcDstCoeffs  in, out: one channel (C1) or an array of three (C3P3, P3)
+ * A negative len writes nothing.
+ * Statuses, in check order: zenStsNullPtrErr (any pointer, or any of an array's three); zenStsSizeErr (len 0);
+ * zenStsBadTypeErr (L above the state's order or above 15, unknown type). */
+ZenStatus zenrSHTFwd_32f_C1I(const float* pX, const float* pY, const float* pZ, const float* pSrc, int len,
+                             float* pSrcDstCoeffs, uint32_t L, const ZenrSHState* pState);
+ZenStatus zenrSHTFwd_32f_C3P3I(const float* pX, const float* pY, const float* pZ, const float* pSrc, int len,
+                               float* const pSrcDstCoeffs[3], uint32_t L, const ZenrSHState* pState);
+ZenStatus zenrSHTFwd_32f_P3I(const float* pX, const float* pY, const float* pZ, const float* const pSrc[3], int len,
+                             float* const pSrcDstCoeffs[3], uint32_t L, const ZenrSHState* pState);
+
+/* Inverse transforms: result i = the sum over k of coefficient k * Y_k(direction i), summed in extended precision and
+ * rounded once.
+ *   pSrcCoeffs  one channel (C1) or an array of three (P3, P3C3)
+ *   pDst        out: C1: len values. P3: three planes of len values. P3C3: len triples
+ * A negative len writes nothing. Statuses as for the forward transforms. */
+ZenStatus zenrSHTInv_32f_C1(const float* pSrcCoeffs, uint32_t L, const float* pX, const float* pY, const float* pZ,
+                            float* pDst, int len, const ZenrSHState* pState);
+ZenStatus zenrSHTInv_32f_P3(const float* const pSrcCoeffs[3], uint32_t L, const float* pX, const float* pY,
+                            const float* pZ, float* const pDst[3], int len, const ZenrSHState* pState);
+ZenStatus zenrSHTInv_32f_P3C3(const float* const pSrcCoeffs[3], uint32_t L, const float* pX, const float* pY,
+                              const float* pZ, float* pDst, int len, const ZenrSHState* pState);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,408 @@
+// Kernels of the spherical harmonics. All of them evaluate kLanes directions at a time into rows of one coefficient
+// each (kLanes floats); the rows are then turned into direction-major order, accumulated or multiplied. The operations
+// per value are the same for a lane of a block as for a single direction, so that a result does not depend on its
+// place.
+#include "sh/prsh.h"
+
+#include <string.h>
+
+#include "sh/prshpoly.h"
+
+namespace zenr::ZENR_LEVEL {
+
+namespace {
+
+// Everything a kernel keeps at hand, in one piece: two arrays that start at the same place within their pages delay
+// each other's loads and stores.
+constexpr int kRowStride = kShMaxValues + 16;
+struct Scratch {
+    alignas(64) float rows[kShMaxValues * kLanes];
+    float gap[80];
+    float turned[kLanes * kRowStride];
+};
+
+struct RowsOut {
+    float* rows;
+    ZENR_SH_INLINE void operator()(int k, Doubles v) const { storeFloats(rows + k * kLanes, toFloats(v)); }
+};
+
+struct SingleOut {
+    float* dst;
+    ZENR_SH_INLINE void operator()(int k, double v) const { dst[k] = float(v); }
+};
+
+// ---- Evaluation of a block and of one direction --------------------------------------------------------------------
+
+void polynomialRows(int L, const float* x, const float* y, const float* z, float* rows) {
+    shBands<Doubles>(L, toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)), RowsOut{rows});
+}
+
+void polynomialSingle(int L, float x, float y, float z, float* dst) {
+    shBands<double>(L, x, y, z, SingleOut{dst});
+}
+
+ZENR_SH_INLINE Floats loadRow(const float* p, Floats) {
+    return loadFloats(p);
+}
+ZENR_SH_INLINE float loadRow(const float* p, float) {
+    return *p;
+}
+ZENR_SH_INLINE void storeRow(float* p, Floats v) {
+    storeFloats(p, v);
+}
+ZENR_SH_INLINE void storeRow(float* p, float v) {
+    *p = v;
+}
+
+// The recurrence; V is Floats with rows of kLanes or float with rows of 1. Values are carried from band to band as the
+// floats that are stored; every operation is rounded to float.
+template <class V, int kRow>
+ZENR_SH_INLINE void recurrence(const float* a, const float* b, int L, V x, V y, V z, V zonal0, float* rows) {
+    const auto at = [&](int k) __attribute__((always_inline)) {
+        return loadRow(rows + ptrdiff_t(k) * kRow, V{});
+    };
+    const auto set = [&](int k, V v) __attribute__((always_inline)) {
+        storeRow(rows + ptrdiff_t(k) * kRow, v);
+    };
+    set(0, zonal0);
+    if (L == 0) return;
+    set(1, a[2] * y);
+    set(2, a[1] * z);
+    set(3, a[2] * x);
+    for (int l = 2; l <= L; ++l) {
+        const float* al = a + l * (l + 1) / 2;
+        const float* bl = b + l * (l + 1) / 2;
+        const int here = l * l + l;
+        const int below = here - 2 * l;       // index of Y(l-1, 0)
+        const int below2 = below - 2 * l + 2; // index of Y(l-2, 0)
+        const V c = at(below + l - 1);
+        const V s = at(below - l + 1);
+        set(here + l, al[l] * (c * x - s * y));
+        set(here - l, al[l] * (s * x + c * y));
+        const V az = al[l - 1] * z;
+        set(here + l - 1, az * c);
+        set(here - l + 1, az * s);
+        set(here, al[0] * z * at(below) + bl[0] * at(below2));
+        for (int k = 1; k <= l - 2; ++k) {
+            const V f = al[k] * z;
+            set(here + k, f * at(below + k) + bl[k] * at(below2 + k));
+            set(here - k, f * at(below - k) + bl[k] * at(below2 - k));
+        }
+    }
+}
+
+void recurrenceRows(const ShBasis& basis, const float* x, const float* y, const float* z, float* rows) {
+    recurrence<Floats, kLanes>(basis.a, basis.b, basis.order, loadFloats(x), loadFloats(y), loadFloats(z),
+                               splatFloat(basis.a[0]), rows);
+}
+
+void recurrenceSingle(const ShBasis& basis, float x, float y, float z, float* dst) {
+    recurrence<float, 1>(basis.a, basis.b, basis.order, x, y, z, basis.a[0], dst);
+}
+
+struct SetOfBands {
+    const ShBasis& basis;
+    int values() const { return (basis.order + 1) * (basis.order + 1); }
+    void rows(const float* x, const float* y, const float* z, float* rows) const {
+        if (basis.a)
+            recurrenceRows(basis, x, y, z, rows);
+        else
+            polynomialRows(basis.order, x, y, z, rows);
+    }
+    void single(float x, float y, float z, float* dst) const {
+        if (basis.a)
+            recurrenceSingle(basis, x, y, z, dst);
+        else
+            polynomialSingle(basis.order, x, y, z, dst);
+    }
+};
+
+template <int L> struct OneBand {
+    static constexpr int values() { return 2 * L + 1; }
+    void rows(const float* x, const float* y, const float* z, float* rows) const {
+        ShBand<L>::values(toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)), RowsOut{rows});
+    }
+    void single(float x, float y, float z, float* dst) const {
+        ShBand<L>::values(double(x), double(y), double(z), SingleOut{dst});
+    }
+};
+
+// The last directions of a batch, repeated to a full block.
+struct PaddedBlock {
+    float x[kLanes], y[kLanes], z[kLanes];
+    void fill(const ShDirections& d, int first) {
+        for (int i = 0; i < kLanes; ++i) {
+            const int j = first + i < d.count ? first + i : d.count - 1;
+            x[i] = d.x[j];
+            y[i] = d.y[j];
+            z[i] = d.z[j];
+        }
+    }
+};
+
+// ---- Direction-major output ----------------------------------------------------------------------------------------
+
+// n values of kLanes directions, `stride` floats from one direction to the next. The last group of values overlaps the
+// one before rather than reaching beyond a direction's n values.
+ZENR_SH_INLINE void turnRows(const float* rows, int n, float* dst, ptrdiff_t stride) {
+    int k = 0;
+#if !defined(ZENR_LEVEL_sse2)
+    if (n >= 8) {
+        for (; k + 8 <= n; k += 8) turnEight(rows + k * kLanes, dst + k, stride);
+        if (k < n) turnEight(rows + (n - 8) * kLanes, dst + (n - 8), stride);
+        return;
+    }
+#endif
+    if (n >= 4) {
+        for (; k + 4 <= n; k += 4) turnFour(rows + k * kLanes, dst + k, stride);
+        if (k < n) turnFour(rows + (n - 4) * kLanes, dst + (n - 4), stride);
+        return;
+    }
+    for (; k < n; ++k)
+        for (int i = 0; i < kLanes; ++i) dst[i * stride + k] = rows[k * kLanes + i];
+}
+
+// Copies past the caches: output that does not fit them would otherwise be read before it is written. Lines are
+// streamed whole, the pieces at both ends stored as usual.
+void streamCopy(float* dst, const float* src, int n) {
+    while (n > 0 && (uintptr_t(dst) & 63)) {
+        *dst++ = *src++;
+        --n;
+    }
+    for (; n >= 16; n -= 16, dst += 16, src += 16) {
+#if defined(ZENR_LEVEL_avx512)
+        _mm512_stream_ps(dst, _mm512_loadu_ps(src));
+#else
+        for (int i = 0; i < 16; i += int(sizeof(Floats) / sizeof(float))) {
+#if defined(ZENR_LEVEL_sse2)
+            _mm_stream_ps(dst + i, _mm_loadu_ps(src + i));
+#else
+            _mm256_stream_ps(dst + i, _mm256_loadu_ps(src + i));
+#endif
+        }
+#endif
+    }
+    for (int i = 0; i < n; ++i) dst[i] = src[i];
+}
+
+// Output of this size is beyond the caches, and rows of fewer values than this fill lines well enough without.
+constexpr size_t kStreamBytes = size_t(16) << 20;
+constexpr int kStreamValues = 32;
+
+template <class Set> void evaluate(const Set& set, const ShDirections& d, float* dst) {
+    Scratch s;
+    const int n = set.values();
+    int i = 0;
+    // (Byte counts of the largest batches do not fit 32 bits.)
+    if (n >= kStreamValues && uint64_t(d.count) * unsigned(n) * sizeof(float) >= kStreamBytes) {
+        for (; d.count - i >= kLanes; i += kLanes, dst += kLanes * n) {
+            set.rows(d.x + i, d.y + i, d.z + i, s.rows);
+            turnRows(s.rows, n, s.turned, n);
+            streamCopy(dst, s.turned, kLanes * n);
+        }
+        _mm_sfence();
+    }
+    for (; d.count - i >= kLanes; i += kLanes, dst += kLanes * n) {
+        set.rows(d.x + i, d.y + i, d.z + i, s.rows);
+        turnRows(s.rows, n, dst, n);
+    }
+    // A block costs about as much as a quarter of its directions one by one.
+    const int rest = d.count - i;
+    if (rest > kLanes / 4) {
+        PaddedBlock p;
+        p.fill(d, i);
+        set.rows(p.x, p.y, p.z, s.rows);
+        turnRows(s.rows, n, s.turned, n);
+        memcpy(dst, s.turned, size_t(rest) * size_t(n) * sizeof(float));
+    } else {
+        for (; i < d.count; ++i, dst += n) set.single(d.x[i], d.y[i], d.z[i], dst);
+    }
+}
+
+void bands(const ShBasis& basis, const ShDirections& dirs, float* dst) {
+    evaluate(SetOfBands{basis}, dirs, dst);
+}
+
+template <int L> void band(const ShDirections& dirs, float* dst) {
+    evaluate(OneBand<L>{}, dirs, dst);
+}
+
+// ---- Forward transform ---------------------------------------------------------------------------------------------
+
+// Adds `count` samples' contributions to the coefficients. Each coefficient's additions happen in the order of the
+// samples; a sample of zero contributes +0 even where a basis value is not finite.
+template <int C, bool kZeros>
+ZENR_SH_INLINE void accumulate(const float* turned, ptrdiff_t stride, int padded, const float (&v)[3][kLanes],
+                               int count, float (*coeffs)[kRowStride]) {
+    constexpr int kStep = int(sizeof(Floats) / sizeof(float));
+    for (int k = 0; k < padded; k += kStep) {
+        Floats sum[C];
+        for (int c = 0; c < C; ++c) sum[c] = loadFloats(coeffs[c] + k);
+        for (int i = 0; i < count; ++i) {
+            const Floats y = loadFloats(turned + i * stride + k);
+            for (int c = 0; c < C; ++c) {
+                if (kZeros && v[c][i] == 0.f)
+                    sum[c] = sum[c] + splatFloat(0.f);
+                else
+                    sum[c] = sum[c] + y * splatFloat(v[c][i]);
+            }
+        }
+        for (int c = 0; c < C; ++c) storeFloats(coeffs[c] + k, sum[c]);
+    }
+}
+
+template <int C>
+void forwardChannels(const ShBasis& basis, const ShDirections& d, const ShSamples& samples, float* const coeffs[3]) {
+    Scratch s;
+    alignas(64) float sums[C][kRowStride];
+    const SetOfBands set{basis};
+    const int n = set.values();
+    // Whole vectors: the values beyond n are zeros that nothing reads.
+    const int padded = (n + kLanes - 1) / kLanes * kLanes;
+    const ptrdiff_t stride = padded + kLanes;
+    for (int c = 0; c < C; ++c) {
+        memcpy(sums[c], coeffs[c], size_t(n) * sizeof(float));
+        for (int k = n; k < padded; ++k) sums[c][k] = 0.f;
+    }
+    for (int i = 0; i < kLanes; ++i)
+        for (int k = n; k < padded; ++k) s.turned[i * stride + k] = 0.f;
+    for (int i = 0; i < d.count;) {
+        const int count = d.count - i < kLanes ? d.count - i : kLanes;
+        if (count == kLanes) {
+            set.rows(d.x + i, d.y + i, d.z + i, s.rows);
+        } else {
+            PaddedBlock p;
+            p.fill(d, i);
+            set.rows(p.x, p.y, p.z, s.rows);
+        }
+        turnRows(s.rows, n, s.turned, stride);
+        float v[3][kLanes] = {};
+        bool zeros = false;
+        for (int c = 0; c < C; ++c) {
+            for (int j = 0; j < count; ++j) {
+                v[c][j] = samples.channel[c][ptrdiff_t(i + j) * samples.step];
+                zeros |= v[c][j] == 0.f;
+            }
+        }
+        if (zeros)
+            accumulate<C, true>(s.turned, stride, padded, v, count, sums);
+        else if (count == kLanes)
+            accumulate<C, false>(s.turned, stride, padded, v, kLanes, sums);
+        else
+            accumulate<C, false>(s.turned, stride, padded, v, count, sums);
+        i += count;
+    }
+    for (int c = 0; c < C; ++c) memcpy(coeffs[c], sums[c], size_t(n) * sizeof(float));
+}
+
+void forward(const ShBasis& basis, const ShDirections& dirs, const ShSamples& samples, float* const coeffs[3]) {
+    if (samples.channels == 1)
+        forwardChannels<1>(basis, dirs, samples, coeffs);
+    else
+        forwardChannels<3>(basis, dirs, samples, coeffs);
+}
+
+// ---- Inverse transform ---------------------------------------------------------------------------------------------
+
+// The result is the sum of n products, added in order in extended precision and rounded to float once. Here the sum S
+// is formed in double, in another order. A product of two floats is exact in double, so S differs from the true sum by
+// at most (additions) * 2^-53 * T with T the sum of the products' magnitudes, and the extended sum by 2^-11 of that. By
+// Cauchy and Schwarz T <= |coefficients| * |basis|, and by the addition theorem |basis| = (L+1)/sqrt(4 pi) on the unit
+// sphere; half as much again is allowed for directions that are off it by kOffSphere and for rounding. Let E be that
+// bound: when S - E and S + E round to the same float, the extended sum, which lies between them, does too. The rare
+// other lanes are summed as told.
+constexpr double kOffSphere = 1e-4; // of the squared length
+constexpr double kSlack = 1.5;
+constexpr double kInvSqrt4Pi = 0.28209479177387814;
+
+float extendedDot(const float* rows, int lane, const double* coeffs, int n) {
+    long double sum = 0;
+    for (int k = 0; k < n; ++k) sum += (long double)rows[k * kLanes + lane] * (long double)coeffs[k];
+    return float(sum);
+}
+
+template <int C>
+void inverseChannels(const ShBasis& basis, const ShDirections& d, const float* const coeffs[3],
+                     const ShResults& results) {
+    Scratch s;
+    alignas(64) double wide[C][kShMaxValues + 8];
+    const SetOfBands set{basis};
+    const int n = set.values();
+    double bound[C];
+    for (int c = 0; c < C; ++c) {
+        double squares = 0;
+        for (int k = 0; k < n; ++k) {
+            wide[c][k] = coeffs[c][k];
+            squares += wide[c][k] * wide[c][k];
+        }
+        bound[c] = (n + 8) * 0x1p-53 * kSlack * __builtin_sqrt(squares) * (basis.order + 1) * kInvSqrt4Pi;
+    }
+    // Several sums a channel, so that an addition need not wait for the one before.
+    constexpr int kSums = C == 1 ? 4 : 2;
+    constexpr unsigned kAll = (1u << kLanes) - 1;
+    for (int i = 0; i < d.count; i += kLanes) {
+        const int count = d.count - i < kLanes ? d.count - i : kLanes;
+        const float *x = d.x + i, *y = d.y + i, *z = d.z + i;
+        PaddedBlock padded;
+        if (count < kLanes) {
+            padded.fill(d, i);
+            x = padded.x;
+            y = padded.y;
+            z = padded.z;
+        }
+        set.rows(x, y, z, s.rows);
+        Doubles sum[C][kSums];
+        for (int c = 0; c < C; ++c)
+            for (int u = 0; u < kSums; ++u) sum[c][u] = splat<Doubles>(0.);
+        int k = 0;
+        for (; k + kSums <= n; k += kSums) {
+            for (int u = 0; u < kSums; ++u) {
+                const Doubles v = toDoubles(loadFloats(s.rows + (k + u) * kLanes));
+                for (int c = 0; c < C; ++c) sum[c][u] = sum[c][u] + wide[c][k + u] * v;
+            }
+        }
+        for (; k < n; ++k) {
+            const Doubles v = toDoubles(loadFloats(s.rows + k * kLanes));
+            for (int c = 0; c < C; ++c) sum[c][0] = sum[c][0] + wide[c][k] * v;
+        }
+        const Doubles dx = toDoubles(loadFloats(x)), dy = toDoubles(loadFloats(y)), dz = toDoubles(loadFloats(z));
+        const unsigned unit = within(dx * dx + dy * dy + dz * dz, 1 - kOffSphere, 1 + kOffSphere);
+        for (int c = 0; c < C; ++c) {
+            Doubles total = sum[c][0];
+            for (int u = 1; u < kSums; ++u) total = total + sum[c][u];
+            const Floats low = toFloats(total - bound[c]);
+            const Floats high = toFloats(total + bound[c]);
+            alignas(32) float value[kLanes];
+            storeFloats(value, high);
+            const unsigned sure = unit & sameBits(low, high);
+            if (sure != kAll)
+                for (int j = 0; j < count; ++j)
+                    if (!(sure >> j & 1)) value[j] = extendedDot(s.rows, j, wide[c], n);
+            float* out = results.channel[c] + ptrdiff_t(i) * results.step;
+            if (count == kLanes && results.step == 1)
+                storeFloats(out, loadFloats(value));
+            else
+                for (int j = 0; j < count; ++j) out[ptrdiff_t(j) * results.step] = value[j];
+        }
+    }
+}
+
+void inverse(const ShBasis& basis, const ShDirections& dirs, const float* const coeffs[3], const ShResults& results) {
+    if (results.channels == 1)
+        inverseChannels<1>(basis, dirs, coeffs, results);
+    else
+        inverseChannels<3>(basis, dirs, coeffs, results);
+}
+
+} // namespace
+
+extern const ShKernels kSh;
+const ShKernels kSh = {
+    bands,
+    {band<0>, band<1>, band<2>, band<3>, band<4>, band<5>, band<6>, band<7>, band<8>, band<9>, band<10>, band<11>,
+     band<12>, band<13>, band<14>, band<15>},
+    forward,
+    inverse,
+};
+
+} // namespace zenr::ZENR_LEVEL

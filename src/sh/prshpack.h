@@ -1,0 +1,176 @@
+// Vectors for the spherical-harmonic kernels of one level: kLanes directions at once, in double and in float, and a
+// plain double with the same operations for single directions. Included by kernel sources only.
+#pragma once
+#include <immintrin.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#define ZENR_SH_INLINE inline __attribute__((always_inline))
+
+namespace zenr::ZENR_LEVEL {
+
+#if defined(ZENR_LEVEL_sse2)
+constexpr int kLanes = 4;
+using HalfD = __m128d;
+using Floats = __m128;
+#else
+constexpr int kLanes = 8;
+using HalfD = __m256d;
+using Floats = __m256;
+#endif
+
+#if defined(ZENR_LEVEL_avx512)
+using Doubles = __m512d;
+#else
+// Two registers side by side: one alone would leave the multipliers waiting for each other's results.
+struct Doubles {
+    HalfD lo, hi;
+};
+ZENR_SH_INLINE Doubles operator+(Doubles a, Doubles b) {
+    return {a.lo + b.lo, a.hi + b.hi};
+}
+ZENR_SH_INLINE Doubles operator-(Doubles a, Doubles b) {
+    return {a.lo - b.lo, a.hi - b.hi};
+}
+ZENR_SH_INLINE Doubles operator*(Doubles a, Doubles b) {
+    return {a.lo * b.lo, a.hi * b.hi};
+}
+ZENR_SH_INLINE Doubles operator*(double k, Doubles a) {
+    return {k * a.lo, k * a.hi};
+}
+ZENR_SH_INLINE Doubles operator+(Doubles a, double k) {
+    return {a.lo + k, a.hi + k};
+}
+ZENR_SH_INLINE Doubles operator-(Doubles a, double k) {
+    return {a.lo - k, a.hi - k};
+}
+#endif
+
+template <class V> V splat(double k);
+#if defined(ZENR_LEVEL_sse2)
+template <> ZENR_SH_INLINE Doubles splat<Doubles>(double k) {
+    return {_mm_set1_pd(k), _mm_set1_pd(k)};
+}
+ZENR_SH_INLINE Floats splatFloat(float k) {
+    return _mm_set1_ps(k);
+}
+ZENR_SH_INLINE Floats loadFloats(const float* p) {
+    return _mm_loadu_ps(p);
+}
+ZENR_SH_INLINE void storeFloats(float* p, Floats v) {
+    _mm_storeu_ps(p, v);
+}
+ZENR_SH_INLINE Doubles toDoubles(Floats v) {
+    return {_mm_cvtps_pd(v), _mm_cvtps_pd(_mm_movehl_ps(v, v))};
+}
+ZENR_SH_INLINE Floats toFloats(Doubles v) {
+    return _mm_movelh_ps(_mm_cvtpd_ps(v.lo), _mm_cvtpd_ps(v.hi));
+}
+// One bit per lane whose bits are equal.
+ZENR_SH_INLINE unsigned sameBits(Floats a, Floats b) {
+    return unsigned(_mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(_mm_castps_si128(a), _mm_castps_si128(b)))));
+}
+// One bit per lane with lowest <= v <= highest; a NaN is outside.
+ZENR_SH_INLINE unsigned within(Doubles v, double lowest, double highest) {
+    const HalfD a = _mm_set1_pd(lowest), b = _mm_set1_pd(highest);
+    return unsigned(_mm_movemask_pd(_mm_and_pd(_mm_cmpge_pd(v.lo, a), _mm_cmple_pd(v.lo, b)))) |
+           unsigned(_mm_movemask_pd(_mm_and_pd(_mm_cmpge_pd(v.hi, a), _mm_cmple_pd(v.hi, b)))) << 2;
+}
+#else
+ZENR_SH_INLINE Floats splatFloat(float k) {
+    return _mm256_set1_ps(k);
+}
+ZENR_SH_INLINE Floats loadFloats(const float* p) {
+    return _mm256_loadu_ps(p);
+}
+ZENR_SH_INLINE void storeFloats(float* p, Floats v) {
+    _mm256_storeu_ps(p, v);
+}
+ZENR_SH_INLINE unsigned sameBits(Floats a, Floats b) {
+    return unsigned(
+        _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpeq_epi32(_mm256_castps_si256(a), _mm256_castps_si256(b)))));
+}
+#if defined(ZENR_LEVEL_avx2)
+template <> ZENR_SH_INLINE Doubles splat<Doubles>(double k) {
+    return {_mm256_set1_pd(k), _mm256_set1_pd(k)};
+}
+ZENR_SH_INLINE Doubles toDoubles(Floats v) {
+    return {_mm256_cvtps_pd(_mm256_castps256_ps128(v)), _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1))};
+}
+ZENR_SH_INLINE Floats toFloats(Doubles v) {
+    return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(v.lo)), _mm256_cvtpd_ps(v.hi), 1);
+}
+ZENR_SH_INLINE unsigned within(Doubles v, double lowest, double highest) {
+    const HalfD a = _mm256_set1_pd(lowest), b = _mm256_set1_pd(highest);
+    const HalfD lo = _mm256_and_pd(_mm256_cmp_pd(v.lo, a, _CMP_GE_OQ), _mm256_cmp_pd(v.lo, b, _CMP_LE_OQ));
+    const HalfD hi = _mm256_and_pd(_mm256_cmp_pd(v.hi, a, _CMP_GE_OQ), _mm256_cmp_pd(v.hi, b, _CMP_LE_OQ));
+    return unsigned(_mm256_movemask_pd(lo)) | unsigned(_mm256_movemask_pd(hi)) << 4;
+}
+#else
+template <> ZENR_SH_INLINE Doubles splat<Doubles>(double k) {
+    return _mm512_set1_pd(k);
+}
+ZENR_SH_INLINE Doubles toDoubles(Floats v) {
+    return _mm512_maskz_cvtps_pd(0xFF, v);
+}
+ZENR_SH_INLINE Floats toFloats(Doubles v) {
+    return _mm512_maskz_cvtpd_ps(0xFF, v);
+}
+ZENR_SH_INLINE unsigned within(Doubles v, double lowest, double highest) {
+    return _mm512_cmp_pd_mask(v, _mm512_set1_pd(lowest), _CMP_GE_OQ) &
+           _mm512_cmp_pd_mask(v, _mm512_set1_pd(highest), _CMP_LE_OQ);
+}
+#endif
+#endif
+
+template <> ZENR_SH_INLINE double splat<double>(double k) {
+    return k;
+}
+
+// Four values (rows of kLanes directions) turned into four consecutive values of each direction.
+ZENR_SH_INLINE void turnFour(const float* rows, float* dst, ptrdiff_t stride) {
+#if defined(ZENR_LEVEL_sse2)
+    Floats a = loadFloats(rows), b = loadFloats(rows + 4), c = loadFloats(rows + 8), d = loadFloats(rows + 12);
+    _MM_TRANSPOSE4_PS(a, b, c, d);
+    storeFloats(dst, a);
+    storeFloats(dst + stride, b);
+    storeFloats(dst + 2 * stride, c);
+    storeFloats(dst + 3 * stride, d);
+#else
+    const Floats a = loadFloats(rows), b = loadFloats(rows + 8), c = loadFloats(rows + 16), d = loadFloats(rows + 24);
+    const __m256d ab0 = _mm256_castps_pd(_mm256_unpacklo_ps(a, b)), ab1 = _mm256_castps_pd(_mm256_unpackhi_ps(a, b));
+    const __m256d cd0 = _mm256_castps_pd(_mm256_unpacklo_ps(c, d)), cd1 = _mm256_castps_pd(_mm256_unpackhi_ps(c, d));
+    const Floats v[4] = {_mm256_castpd_ps(_mm256_unpacklo_pd(ab0, cd0)), _mm256_castpd_ps(_mm256_unpackhi_pd(ab0, cd0)),
+                         _mm256_castpd_ps(_mm256_unpacklo_pd(ab1, cd1)),
+                         _mm256_castpd_ps(_mm256_unpackhi_pd(ab1, cd1))};
+    for (int i = 0; i < 4; ++i) {
+        _mm_storeu_ps(dst + i * stride, _mm256_castps256_ps128(v[i]));
+        _mm_storeu_ps(dst + (i + 4) * stride, _mm256_extractf128_ps(v[i], 1));
+    }
+#endif
+}
+
+#if !defined(ZENR_LEVEL_sse2)
+// Eight values, likewise. The lower half of each register takes values 0..3 and the upper half 4..7 of four directions,
+// so that a transposition inside the halves is all that is needed.
+ZENR_SH_INLINE void turnEight(const float* rows, float* dst, ptrdiff_t stride) {
+    for (int h = 0; h < 2; ++h) {
+        const float* r = rows + 4 * h;
+        Floats q[4];
+        for (int j = 0; j < 4; ++j)
+            q[j] =
+                _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(r + 8 * j)), _mm_loadu_ps(r + 8 * (j + 4)), 1);
+        const __m256d ab0 = _mm256_castps_pd(_mm256_unpacklo_ps(q[0], q[1]));
+        const __m256d ab1 = _mm256_castps_pd(_mm256_unpackhi_ps(q[0], q[1]));
+        const __m256d cd0 = _mm256_castps_pd(_mm256_unpacklo_ps(q[2], q[3]));
+        const __m256d cd1 = _mm256_castps_pd(_mm256_unpackhi_ps(q[2], q[3]));
+        float* d = dst + 4 * h * stride;
+        storeFloats(d, _mm256_castpd_ps(_mm256_unpacklo_pd(ab0, cd0)));
+        storeFloats(d + stride, _mm256_castpd_ps(_mm256_unpackhi_pd(ab0, cd0)));
+        storeFloats(d + 2 * stride, _mm256_castpd_ps(_mm256_unpacklo_pd(ab1, cd1)));
+        storeFloats(d + 3 * stride, _mm256_castpd_ps(_mm256_unpackhi_pd(ab1, cd1)));
+    }
+}
+#endif
+
+} // namespace zenr::ZENR_LEVEL
