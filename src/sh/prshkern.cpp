@@ -132,7 +132,7 @@ struct PaddedBlock {
     float x[kLanes], y[kLanes], z[kLanes];
     void fill(const ShDirections& d, int first) {
         for (int i = 0; i < kLanes; ++i) {
-            const int j = first + i < d.count ? first + i : d.count - 1;
+            const int j = i < d.count - first ? first + i : d.count - 1;
             x[i] = d.x[j];
             y[i] = d.y[j];
             z[i] = d.z[j];
@@ -340,12 +340,13 @@ void inverseChannels(const ShBasis& basis, const ShDirections& d, const float* c
     // Several sums a channel, so that an addition need not wait for the one before.
     constexpr int kSums = C == 1 ? 4 : 2;
     constexpr unsigned kAll = (1u << kLanes) - 1;
-    for (int i = 0; i < d.count; i += kLanes) {
-        const int count = d.count - i < kLanes ? d.count - i : kLanes;
+    // (Steps of a whole block overflow an int at the end of the longest batches.)
+    for (ptrdiff_t i = 0; i < d.count; i += kLanes) {
+        const int count = d.count - i < kLanes ? int(d.count - i) : kLanes;
         const float *x = d.x + i, *y = d.y + i, *z = d.z + i;
         PaddedBlock padded;
         if (count < kLanes) {
-            padded.fill(d, i);
+            padded.fill(d, int(i));
             x = padded.x;
             y = padded.y;
             z = padded.z;
@@ -378,7 +379,7 @@ void inverseChannels(const ShBasis& basis, const ShDirections& d, const float* c
             if (sure != kAll)
                 for (int j = 0; j < count; ++j)
                     if (!(sure >> j & 1)) value[j] = extendedDot(s.rows, j, wide[c], n);
-            float* out = results.channel[c] + ptrdiff_t(i) * results.step;
+            float* out = results.channel[c] + i * results.step;
             if (count == kLanes && results.step == 1)
                 storeFloats(out, loadFloats(value));
             else
