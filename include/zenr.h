@@ -237,7 +237,8 @@ ZenStatus zenrIntersectMultipleSO_32f(const float origin[3], const float* const 
 
 /* All kernels of this and the next section: a count below 1 is zenStsNoErr and writes nothing, after the null checks.
  * The tests for null cover just the arguments listed. Arithmetic is in double and rounded once when stored. Outputs may
- * be the inputs themselves (element for element), but must not overlap them otherwise. */
+ * be the inputs themselves (element for element: all inputs of an element are read before its outputs are written), but
+ * must not overlap them otherwise, nor each other. */
 
 /* Directions of the eye rays of one tile: direction[k][r*width + c] = heightStep[k]*y + imagePlaneOrigin[k] +
  * widthStep[k]*x, with x = c + tileWidth*tileColumn and y = r + tileHeight*tileRow: points of the image plane seen from
@@ -279,7 +280,8 @@ ZenStatus zenrDistAttenuationSO_32f_M(const float light[3], const float* const p
 /* ---- Normals and masked arithmetic ------------------------------------------------------------------------------- */
 
 /* Unit normals of `count` triangles, float triples: E1 x E2 normalised; 0 for a triangle whose |E1 x E2|^2 is below
- * 2.220446049250313e-16. Uses ownGetNumThreads() threads.
+ * 2.220446049250313e-16. Uses ownGetNumThreads() threads, or just the caller's for up to 64 triangles and inside a
+ * parallel region of the caller's. Indices are trusted.
  * Statuses: zenStsNullPtrErr (vertices, triangles, normals). */
 ZenStatus zenrTriangleNormal_32f(const float* vertices, const int* triangles, float* normals, int count);
 
