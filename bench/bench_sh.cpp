@@ -44,8 +44,8 @@ std::vector<double> measure(int n, const std::vector<std::function<void()>>& can
             const double start = now();
             double spent;
             do {
-                for (int i = 0; i < 1 + 200 / n; ++i) candidates[c]();
-                calls += 1 + 200 / n;
+                for (int i = 0; i < 1 + 20000 / n; ++i) candidates[c]();
+                calls += 1 + 20000 / n;
                 spent = now() - start;
             } while (spent < turnSeconds);
             best[c] = std::min(best[c], spent / calls / n * 1e9);

@@ -23,12 +23,12 @@ struct Scratch {
 
 struct RowsOut {
     float* rows;
-    ZENR_SH_INLINE void operator()(int k, Doubles v) const { storeFloats(rows + k * kLanes, toFloats(v)); }
+    ZENR_SH_INLINE void operator()(int k, Floats v) const { storeFloats(rows + k * kLanes, v); }
 };
 
 struct SingleOut {
     float* dst;
-    ZENR_SH_INLINE void operator()(int k, double v) const { dst[k] = float(v); }
+    ZENR_SH_INLINE void operator()(int k, float v) const { dst[k] = v; }
 };
 
 // ---- Evaluation of a block and of one direction --------------------------------------------------------------------
@@ -117,6 +117,54 @@ struct SetOfBands {
     }
 };
 
+// The same for a small order that is known here, so that nothing is left of the loops and the branches.
+template <int L, bool kTables> struct SmallSet {
+    const ShBasis& basis;
+    static constexpr int values() { return (L + 1) * (L + 1); }
+    ZENR_SH_INLINE void rows(const float* x, const float* y, const float* z, float* rows) const {
+        if (kTables)
+            recurrence<Floats, kLanes>(basis.a, basis.b, L, loadFloats(x), loadFloats(y), loadFloats(z),
+                                       splatFloat(basis.a[0]), rows);
+        else
+            shBands<Doubles>(L, toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)),
+                             RowsOut{rows});
+    }
+    ZENR_SH_INLINE void single(float x, float y, float z, float* dst) const {
+        if (kTables)
+            recurrence<float, 1>(basis.a, basis.b, L, x, y, z, basis.a[0], dst);
+        else
+            shBands<double>(L, x, y, z, SingleOut{dst});
+    }
+};
+
+// Calls use(set) with the set of a basis.
+template <class Use> ZENR_SH_INLINE void withSet(const ShBasis& basis, const Use& use) {
+    if (basis.a) {
+        switch (basis.order) {
+        case 1:
+            return use(SmallSet<1, true>{basis});
+        case 2:
+            return use(SmallSet<2, true>{basis});
+        case 3:
+            return use(SmallSet<3, true>{basis});
+        case 4:
+            return use(SmallSet<4, true>{basis});
+        }
+    } else {
+        switch (basis.order) {
+        case 1:
+            return use(SmallSet<1, false>{basis});
+        case 2:
+            return use(SmallSet<2, false>{basis});
+        case 3:
+            return use(SmallSet<3, false>{basis});
+        case 4:
+            return use(SmallSet<4, false>{basis});
+        }
+    }
+    use(SetOfBands{basis});
+}
+
 template <int L> struct OneBand {
     static constexpr int values() { return 2 * L + 1; }
     void rows(const float* x, const float* y, const float* z, float* rows) const {
@@ -147,15 +195,15 @@ struct PaddedBlock {
 ZENR_SH_INLINE void turnRows(const float* rows, int n, float* dst, ptrdiff_t stride) {
     int k = 0;
 #if !defined(ZENR_LEVEL_sse2)
-    if (n >= 8) {
-        for (; k + 8 <= n; k += 8) turnEight(rows + k * kLanes, dst + k, stride);
-        if (k < n) turnEight(rows + (n - 8) * kLanes, dst + (n - 8), stride);
+    for (; k + 8 <= n; k += 8) turnEight(rows + k * kLanes, dst + k, stride);
+    if (n - k > 4 && n >= 8) {
+        turnEight(rows + (n - 8) * kLanes, dst + (n - 8), stride);
         return;
     }
 #endif
-    if (n >= 4) {
-        for (; k + 4 <= n; k += 4) turnFour(rows + k * kLanes, dst + k, stride);
-        if (k < n) turnFour(rows + (n - 4) * kLanes, dst + (n - 4), stride);
+    for (; k + 4 <= n; k += 4) turnFour(rows + k * kLanes, dst + k, stride);
+    if (n - k > 1 && n >= 4) {
+        turnFour(rows + (n - 4) * kLanes, dst + (n - 4), stride);
         return;
     }
     for (; k < n; ++k)
@@ -220,7 +268,7 @@ template <class Set> void evaluate(const Set& set, const ShDirections& d, float*
 }
 
 void bands(const ShBasis& basis, const ShDirections& dirs, float* dst) {
-    evaluate(SetOfBands{basis}, dirs, dst);
+    withSet(basis, [&](const auto& set) { evaluate(set, dirs, dst); });
 }
 
 template <int L> void band(const ShDirections& dirs, float* dst) {
@@ -251,11 +299,17 @@ ZENR_SH_INLINE void accumulate(const float* turned, ptrdiff_t stride, int padded
     }
 }
 
-template <int C>
-void forwardChannels(const ShBasis& basis, const ShDirections& d, const ShSamples& samples, float* const coeffs[3]) {
+ZENR_SH_INLINE bool anyZero(const float* v, int count) {
+    if (count == kLanes) return zeroLanes(loadFloats(v)) != 0;
+    bool any = false;
+    for (int i = 0; i < count; ++i) any |= v[i] == 0.f;
+    return any;
+}
+
+template <int C, class Set>
+void forwardChannels(const Set& set, const ShDirections& d, const ShSamples& samples, float* const coeffs[3]) {
     Scratch s;
     alignas(64) float sums[C][kRowStride];
-    const SetOfBands set{basis};
     const int n = set.values();
     // Whole vectors: the values beyond n are zeros that nothing reads.
     const int padded = (n + kLanes - 1) / kLanes * kLanes;
@@ -279,10 +333,12 @@ void forwardChannels(const ShBasis& basis, const ShDirections& d, const ShSample
         float v[3][kLanes] = {};
         bool zeros = false;
         for (int c = 0; c < C; ++c) {
-            for (int j = 0; j < count; ++j) {
-                v[c][j] = samples.channel[c][ptrdiff_t(i + j) * samples.step];
-                zeros |= v[c][j] == 0.f;
-            }
+            const float* from = samples.channel[c] + ptrdiff_t(i) * samples.step;
+            if (samples.step == 1 && count == kLanes)
+                storeFloats(v[c], loadFloats(from));
+            else
+                for (int j = 0; j < count; ++j) v[c][j] = from[j * samples.step];
+            zeros |= anyZero(v[c], count);
         }
         if (zeros)
             accumulate<C, true>(s.turned, stride, padded, v, count, sums);
@@ -297,9 +353,9 @@ void forwardChannels(const ShBasis& basis, const ShDirections& d, const ShSample
 
 void forward(const ShBasis& basis, const ShDirections& dirs, const ShSamples& samples, float* const coeffs[3]) {
     if (samples.channels == 1)
-        forwardChannels<1>(basis, dirs, samples, coeffs);
+        withSet(basis, [&](const auto& set) { forwardChannels<1>(set, dirs, samples, coeffs); });
     else
-        forwardChannels<3>(basis, dirs, samples, coeffs);
+        withSet(basis, [&](const auto& set) { forwardChannels<3>(set, dirs, samples, coeffs); });
 }
 
 // ---- Inverse transform ---------------------------------------------------------------------------------------------
@@ -321,12 +377,10 @@ float extendedDot(const float* rows, int lane, const double* coeffs, int n) {
     return float(sum);
 }
 
-template <int C>
-void inverseChannels(const ShBasis& basis, const ShDirections& d, const float* const coeffs[3],
-                     const ShResults& results) {
+template <int C, class Set>
+void inverseChannels(const Set& set, const ShDirections& d, const float* const coeffs[3], const ShResults& results) {
     Scratch s;
     alignas(64) double wide[C][kShMaxValues + 8];
-    const SetOfBands set{basis};
     const int n = set.values();
     double bound[C];
     for (int c = 0; c < C; ++c) {
@@ -335,7 +389,7 @@ void inverseChannels(const ShBasis& basis, const ShDirections& d, const float* c
             wide[c][k] = coeffs[c][k];
             squares += wide[c][k] * wide[c][k];
         }
-        bound[c] = (n + 8) * 0x1p-53 * kSlack * __builtin_sqrt(squares) * (basis.order + 1) * kInvSqrt4Pi;
+        bound[c] = (n + 8) * 0x1p-53 * kSlack * __builtin_sqrt(squares) * (set.basis.order + 1) * kInvSqrt4Pi;
     }
     // Several sums a channel, so that an addition need not wait for the one before.
     constexpr int kSums = C == 1 ? 4 : 2;
@@ -390,9 +444,9 @@ void inverseChannels(const ShBasis& basis, const ShDirections& d, const float* c
 
 void inverse(const ShBasis& basis, const ShDirections& dirs, const float* const coeffs[3], const ShResults& results) {
     if (results.channels == 1)
-        inverseChannels<1>(basis, dirs, coeffs, results);
+        withSet(basis, [&](const auto& set) { inverseChannels<1>(set, dirs, coeffs, results); });
     else
-        inverseChannels<3>(basis, dirs, coeffs, results);
+        withSet(basis, [&](const auto& set) { inverseChannels<3>(set, dirs, coeffs, results); });
 }
 
 } // namespace

@@ -66,6 +66,10 @@ ZENR_SH_INLINE Doubles toDoubles(Floats v) {
 ZENR_SH_INLINE Floats toFloats(Doubles v) {
     return _mm_movelh_ps(_mm_cvtpd_ps(v.lo), _mm_cvtpd_ps(v.hi));
 }
+// One bit per lane that is zero, of either sign.
+ZENR_SH_INLINE unsigned zeroLanes(Floats v) {
+    return unsigned(_mm_movemask_ps(_mm_cmpeq_ps(v, _mm_setzero_ps())));
+}
 // One bit per lane whose bits are equal.
 ZENR_SH_INLINE unsigned sameBits(Floats a, Floats b) {
     return unsigned(_mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(_mm_castps_si128(a), _mm_castps_si128(b)))));
@@ -85,6 +89,9 @@ ZENR_SH_INLINE Floats loadFloats(const float* p) {
 }
 ZENR_SH_INLINE void storeFloats(float* p, Floats v) {
     _mm256_storeu_ps(p, v);
+}
+ZENR_SH_INLINE unsigned zeroLanes(Floats v) {
+    return unsigned(_mm256_movemask_ps(_mm256_cmp_ps(v, _mm256_setzero_ps(), _CMP_EQ_OQ)));
 }
 ZENR_SH_INLINE unsigned sameBits(Floats a, Floats b) {
     return unsigned(
@@ -125,6 +132,13 @@ ZENR_SH_INLINE unsigned within(Doubles v, double lowest, double highest) {
 
 template <> ZENR_SH_INLINE double splat<double>(double k) {
     return k;
+}
+
+ZENR_SH_INLINE Floats narrow(Doubles v) {
+    return toFloats(v);
+}
+ZENR_SH_INLINE float narrow(double v) {
+    return float(v);
 }
 
 // Four values (rows of kLanes directions) turned into four consecutive values of each direction.
