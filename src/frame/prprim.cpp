@@ -8,12 +8,17 @@
 #include <stdint.h>
 #include <string.h>
 
+#include "frame/prvec_kernels.h"
+
 namespace zenr {
 
 namespace {
 
 // Above this many bytes the platform's copy is worth its call.
 constexpr ptrdiff_t kPlatformBytes = 3200;
+
+// Below this length a dot product in extended precision is over before a proof pays.
+constexpr int kProvenFrom = 16;
 
 // Elements as they lie in memory: of any type behind the pointer, at any address (row steps are arbitrary bytes).
 typedef uint8_t Element8;
@@ -163,7 +168,15 @@ ZenStatus zensMulC_32f_I(float val, float* pSrcDst, int len) {
     return zenStsNoErr;
 }
 
-void DotProd_32f(Level, const float* pSrc1, const float* pSrc2, int len, float* pDp) {
+void DotProd_32f(Level level, const float* pSrc1, const float* pSrc2, int len, float* pDp) {
+    if (len >= kProvenFrom) {
+        const WideScope scope(level);
+        float result;
+        if (vectorKernels(level).dot(pSrc1, pSrc2, len, &result)) {
+            *pDp = result;
+            return;
+        }
+    }
     long double sum = 0;
     for (int i = 0; i < len; ++i) sum += static_cast<long double>(pSrc1[i]) * pSrc2[i];
     *pDp = float(sum);

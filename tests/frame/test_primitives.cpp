@@ -1,10 +1,12 @@
 // The vector and image primitives: order of checks, overlap, thresholds, the sort's order of equals, the dot product's
 // bits at every level.
 #include <limits.h>
+#include <math.h>
 
 #include <algorithm>
 
 #include "frame/prprim.h"
+#include "frame/prvec_kernels.h"
 #include "reference/primitives.h"
 #include "support.h"
 
@@ -435,6 +437,171 @@ TEST(Dot, RandomInputsOfEveryLength) {
             expectDot(x, y, "moderate");
             for (int k = 0; k < n; k += 3) y[size_t(k)] = random.any();
             expectDot(x, y, "special");
+        }
+}
+
+TEST(Dot, LongVectors) {
+    Floats random(32);
+    for (int n : {801, 4097, 100000})
+        for (int round = 0; round < rounds(4); ++round) {
+            std::vector<float> x(size_t(n), 0.f), y = x;
+            for (float& v : x) v = random.moderate();
+            for (float& v : y) v = random.moderate();
+            expectDot(x, y, "long");
+            for (float& v : x) v = random.any();
+            expectDot(x, y, "long, special");
+        }
+}
+
+void shuffle(std::vector<float>& x, std::vector<float>& y, Floats& random) {
+    for (size_t i = x.size(); i > 1; --i) {
+        const size_t j = random.bits() % i;
+        std::swap(x[i - 1], x[j]);
+        std::swap(y[i - 1], y[j]);
+    }
+}
+
+// Sums at, or a hair from, the middle between two floats, with pairs of large products that cancel: what the additions
+// lose on the way decides the result, so a kernel that is too sure of itself fails here.
+TEST(Dot, MiddlesBetweenFloats) {
+    Floats random(33);
+    for (int n : {16, 17, 20, 33, 64, 100, 257, 801})
+        for (int round = 0; round < rounds(n > 300 ? 100 : 600); ++round) {
+            std::vector<float> x, y;
+            const float target = random.moderate();
+            const float half = ldexpf(1.f, ilogbf(target) - 24);
+            x.push_back(target), y.push_back(1.f);
+            x.push_back(random.bits() & 1 ? half : -half), y.push_back(1.f);
+            x.push_back(ldexpf(float(int(random.bits() % 3) - 1), -int(random.bits() % 80))), y.push_back(half);
+            while (int(x.size()) + 2 <= n) {
+                const float a = ldexpf(random.moderate(), int(random.bits() % 20)), b = random.moderate();
+                x.push_back(a), y.push_back(b);
+                x.push_back(-a), y.push_back(b);
+            }
+            while (int(x.size()) < n) x.push_back(0.f), y.push_back(random.moderate());
+            shuffle(x, y, random);
+            expectDot(x, y, "middle");
+        }
+}
+
+// The same among denormal results, at the least one and its half (which rounds to zero of either sign), and where
+// floats end (the middle above the largest rounds to infinity).
+TEST(Dot, EndsOfTheRange) {
+    Floats random(34);
+    const float tiny = floatOf(1), most = floatOf(0x7F7FFFFFu);
+    for (int n : {16, 19, 40, 200})
+        for (int round = 0; round < rounds(400); ++round) {
+            std::vector<float> x(size_t(n), 0.f), y(size_t(n), 1.f);
+            x[0] = random.bits() % 2 ? tiny : -tiny;
+            y[0] = float(random.bits() % 8) * 0.5f;
+            x[1] = tiny;
+            y[1] = float(int(random.bits() % 3) - 1) * ldexpf(1.f, -int(random.bits() % 100));
+            expectDot(x, y, "half of the least");
+            x[2] = floatOf(random.bits() & 0x807FFFFFu);
+            for (size_t k = 3; k + 1 < x.size(); k += 2) {
+                x[k] = ldexpf(random.moderate(), -149 + int(random.bits() % 30));
+                y[k] = y[k + 1] = random.moderate();
+                x[k + 1] = -x[k];
+            }
+            shuffle(x, y, random);
+            expectDot(x, y, "denormal");
+
+            x.assign(size_t(n), 0.f), y.assign(size_t(n), 1.f);
+            x[0] = random.bits() % 2 ? most : -most;
+            x[1] = x[0] > 0 ? ldexpf(1.f, 103) : -ldexpf(1.f, 103);
+            x[2] = ldexpf(float(int(random.bits() % 3) - 1), int(random.bits() % 103));
+            for (size_t k = 3; k + 1 < x.size(); k += 2) {
+                x[k] = ldexpf(random.moderate(), 100);
+                y[k] = y[k + 1] = ldexpf(random.moderate(), 10);
+                x[k + 1] = -x[k];
+            }
+            shuffle(x, y, random);
+            expectDot(x, y, "greatest");
+        }
+}
+
+TEST(Dot, CancellingToNothing) {
+    Floats random(35);
+    for (int n : {16, 32, 50, 801})
+        for (int round = 0; round < rounds(100); ++round) {
+            std::vector<float> x, y;
+            while (int(x.size()) + 2 <= n) {
+                x.push_back(random.moderate()), y.push_back(random.moderate());
+                x.push_back(-x.back()), y.push_back(y.back());
+            }
+            expectDot(x, y, "pairs"); // exactly +0
+            shuffle(x, y, random);
+            expectDot(x, y, "shuffled pairs");
+            for (float& v : y) v = random.bits() & 1 ? 0.f : -0.f;
+            expectDot(x, y, "zeros");
+            y[size_t(n / 2)] = 1e-30f, x[size_t(n / 2)] = random.bits() & 1 ? 1e-30f : -1e-30f;
+            expectDot(x, y, "below the least float");
+        }
+}
+
+TEST(Dot, OneInfinityOrNaNAnywhere) {
+    for (int n : {1, 15, 16, 37, 64})
+        for (int at = 0; at < n; ++at)
+            for (float special : {INFINITY, -INFINITY, NAN}) {
+                std::vector<float> x(size_t(n), 0.5f), y(size_t(n), 2.f);
+                x[size_t(at)] = special;
+                expectDot(x, y, "one special");
+                y[size_t(at)] = 0.f;
+                expectDot(x, y, "special times zero");
+                y[size_t(at)] = 2.f;
+                x[size_t(n - 1 - at)] = -INFINITY;
+                expectDot(x, y, "two specials");
+            }
+}
+
+// The kernels must settle nearly everything themselves, or they are of no use; and must leave alone what is in doubt.
+TEST(Dot, KernelsSettleTheOrdinaryAndOnlyThat) {
+    Floats random(36);
+    for (Level level : levels()) {
+        const WideScope scope(level);
+        const auto dot = vectorKernels(level).dot;
+        int settled = 0;
+        const int total = rounds(3000);
+        float result;
+        for (int round = 0; round < total; ++round) {
+            std::vector<float> x(801), y(801);
+            for (float& v : x) v = random.moderate();
+            for (float& v : y) v = random.moderate();
+            settled += dot(x.data(), y.data(), 801, &result);
+        }
+        EXPECT_GE(settled, total - total / 100 - 1) << levelName(level);
+
+        std::vector<float> x(40, 1.f), y(40, 0.f);
+        EXPECT_TRUE(dot(x.data(), y.data(), 40, &result));
+        EXPECT_EQ(bitsOf(result), 0u);
+        y[0] = 16777216.f, y[39] = 1.f; // a tie
+        EXPECT_FALSE(dot(x.data(), y.data(), 40, &result));
+        y[39] = 2.f;
+        EXPECT_TRUE(dot(x.data(), y.data(), 40, &result));
+        EXPECT_EQ(result, 16777218.f);
+        y[39] = -16777216.f; // zero, for all that double can tell
+        EXPECT_FALSE(dot(x.data(), y.data(), 40, &result));
+        for (float special : {INFINITY, -INFINITY, NAN}) {
+            y[20] = special;
+            EXPECT_FALSE(dot(x.data(), y.data(), 40, &result));
+        }
+    }
+}
+
+TEST(Dot, ReadsJustItsElementsAtEveryAlignment) {
+    Floats random(37);
+    for (auto side : {Guarded<float>::atStart, Guarded<float>::atEnd})
+        for (int n = 1; n <= 70; ++n) {
+            Guarded<float> x(size_t(n), side), y(size_t(n), side);
+            for (int i = 0; i < n; ++i) x[size_t(i)] = random.moderate(), y[size_t(i)] = random.moderate();
+            for (Level level : levels()) {
+                float got = 0;
+                DotProd_32f(level, x.data(), y.data(), n, &got);
+                ASSERT_EQ(bitsOf(got), bitsOf(zenrref::dot(x.data(), y.data(), n))) << n;
+                if (n < 2) continue;
+                DotProd_32f(level, x.data() + 1, y.data(), n - 1, &got);
+                ASSERT_EQ(bitsOf(got), bitsOf(zenrref::dot(x.data() + 1, y.data(), n - 1))) << n;
+            }
         }
 }
 
