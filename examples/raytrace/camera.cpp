@@ -1,0 +1,82 @@
+// Placing the eye. Angles go through series of our own: the last bits of sin() and tan() depend on the library.
+#include "camera.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "failure.h"
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+
+// Sine and cosine of an angle of at most one turn, summed until terms no longer count.
+void sineCosine(double degrees, double& sine, double& cosine) {
+    const double x = degrees * (kPi / 180);
+    sine = cosine = 0;
+    double term = 1; // x^n / n!
+    for (int n = 0; n < 60; ++n) {
+        const double signedTerm = n % 4 < 2 ? term : -term;
+        (n % 2 ? sine : cosine) += signedTerm;
+        term *= x / (n + 1);
+    }
+}
+
+double tangent(double degrees) {
+    double sine, cosine;
+    sineCosine(degrees, sine, cosine);
+    return sine / cosine;
+}
+
+// A direction across `up`, from which the automatic eye looks: +z for meshes with y up, -y for those with z up.
+Vec frontOf(const Vec& up) {
+    const Vec front = std::abs(up.z) < 0.9 ? Vec{0, 0, 1} : Vec{0, -1, 0};
+    return normalised(front - up * dot(front, up));
+}
+
+} // namespace
+
+Camera makeCamera(const Options& options, const Scene& scene) {
+    Camera camera;
+    const Vec up = normalised(options.up);
+    const double halfHeight = tangent(options.fov / 2);
+    const double aspect = static_cast<double>(options.width) / options.height;
+
+    camera.target = options.target ? scene.fit(*options.target) : Vec{};
+    if (options.eye) {
+        camera.eye = scene.fit(*options.eye);
+    } else {
+        double sinTurn, cosTurn, sinTilt, cosTilt;
+        sineCosine(options.turn, sinTurn, cosTurn);
+        sineCosine(options.tilt, sinTilt, cosTilt);
+        const Vec front = frontOf(up);
+        const Vec around = front * cosTurn + cross(up, front) * sinTurn;
+        // Far enough for the sphere around the mesh to fit the narrower side of the picture.
+        const double half = std::min(halfHeight, halfHeight * aspect);
+        const double distance = scene.radius * std::sqrt(1 + half * half) / half;
+        camera.eye = camera.target + (around * cosTilt + up * sinTilt) * distance;
+    }
+
+    camera.back = normalised(camera.eye - camera.target);
+    if (!(length(camera.back) > 0)) throw Failure("--eye: must not be at the target");
+    camera.right = normalised(cross(up, camera.back));
+    if (!(length(camera.right) > 0)) throw Failure("--up: must not be the viewing direction");
+    camera.up = cross(camera.back, camera.right);
+
+    const int rays = options.height * options.samples;
+    const double step = 2 * halfHeight / rays;
+    const Vec widthStep = camera.right * step, heightStep = camera.up * -step;
+    const double firstX = -0.5 * (options.width * options.samples - 1), firstY = -0.5 * (rays - 1);
+    toFloats(camera.eye, camera.origin);
+    toFloats(widthStep, camera.widthStep);
+    toFloats(heightStep, camera.heightStep);
+    toFloats(camera.back * -1 + widthStep * firstX + heightStep * firstY, camera.plane);
+    return camera;
+}
+
+Vec lightPosition(const Options& options, const Scene& scene, const Camera& camera) {
+    if (options.light) return scene.fit(*options.light);
+    const Vec up = normalised(options.up);
+    const Vec toEye = normalised(camera.back - up * dot(camera.back, up));
+    return (up * 1.7 + camera.right * -1.2 + toEye * 0.9) * scene.radius;
+}

@@ -1,0 +1,42 @@
+// Everything that rays meet: mesh and ground, box, records, tree.
+#pragma once
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <zenr.h>
+
+#include "mesh.h"
+#include "options.h"
+#include "vec.h"
+
+// Mesh coordinates to scene coordinates: the mesh's middle at 0, its largest extent 10. The tracer's offsets and
+// thresholds are meant for scenes of about that size.
+struct Fit {
+    Vec middle;
+    double scale = 1;
+
+    Vec operator()(const Vec& p) const { return (p - middle) * scale; }
+};
+
+struct Scene {
+    Mesh mesh; // in scene coordinates, the ground's two triangles last
+    Fit fit;
+    double radius = 0;   // of the sphere around the mesh's box
+    Vec groundMiddle;    // and its half side, 0 without a ground
+    double groundHalf = 0;
+    bool flat = false;
+    std::vector<float> normals; // of the vertices; flat: of the triangles
+
+    float box[6] = {};
+    std::vector<ZenrTriangleAccel> records;
+    std::unique_ptr<ZenrKDTreeNode, void (*)(ZenrKDTreeNode*)> tree{nullptr, zenrKDTreeFree};
+    int treeBytes = 0;
+    bool sah = false;
+    std::string note; // what the user should know about the tree
+    double buildSeconds = 0;
+
+    ZenrIntersectContext context() const { return {box, records.data(), tree.get()}; }
+};
+
+Scene makeScene(Mesh mesh, const Options& options);
