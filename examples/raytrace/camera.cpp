@@ -34,6 +34,19 @@ Vec frontOf(const Vec& up) {
     return normalised(front - up * dot(front, up));
 }
 
+// How far back the eye must be to have all corners of the mesh's box in the picture, with a margin around them.
+double framingDistance(const Scene& scene, const Vec& back, const Vec& up, double halfWidth, double halfHeight) {
+    const Vec right = normalised(cross(up, back)), top = cross(back, right);
+    double distance = 0;
+    for (int corner = 0; corner < 8; ++corner) {
+        const Vec& half = scene.half;
+        const Vec p{corner & 1 ? half.x : -half.x, corner & 2 ? half.y : -half.y, corner & 4 ? half.z : -half.z};
+        distance = std::max(distance, dot(p, back) + std::abs(dot(p, right)) / halfWidth);
+        distance = std::max(distance, dot(p, back) + std::abs(dot(p, top)) / halfHeight);
+    }
+    return 1.1 * distance;
+}
+
 } // namespace
 
 Camera makeCamera(const Options& options, const Scene& scene) {
@@ -51,10 +64,8 @@ Camera makeCamera(const Options& options, const Scene& scene) {
         sineCosine(options.tilt, sinTilt, cosTilt);
         const Vec front = frontOf(up);
         const Vec around = front * cosTurn + cross(up, front) * sinTurn;
-        // Far enough for the sphere around the mesh to fit the narrower side of the picture.
-        const double half = std::min(halfHeight, halfHeight * aspect);
-        const double distance = scene.radius * std::sqrt(1 + half * half) / half;
-        camera.eye = camera.target + (around * cosTilt + up * sinTilt) * distance;
+        const Vec back = normalised(around * cosTilt + up * sinTilt);
+        camera.eye = camera.target + back * framingDistance(scene, back, up, halfHeight * aspect, halfHeight);
     }
 
     camera.back = normalised(camera.eye - camera.target);

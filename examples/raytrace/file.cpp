@@ -88,7 +88,9 @@ std::vector<unsigned char> readFile(const std::string& path) {
     return bytes;
 }
 
-void checkWritable(const std::string& path) { TemporaryFile probe(path); }
+void checkWritable(const std::string& path) {
+    TemporaryFile probe(path);
+}
 
 void writeFile(const std::string& path, const std::vector<unsigned char>& bytes) {
     TemporaryFile file(path);

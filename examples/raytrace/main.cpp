@@ -2,10 +2,12 @@
 //
 // The way through the program: options -> mesh -> scene (box, records, tree) -> camera -> render -> PNG. The picture is
 // the same file in the 32-bit and the 64-bit build, with any number of threads and any size of tiles.
+#include <algorithm>
 #include <cfloat>
 #include <cstdio>
 #include <exception>
 #include <new>
+#include <optional>
 
 #include <zencore.h>
 
@@ -51,8 +53,9 @@ void printPicture(const Picture& picture, const Options& options) {
     printRays("shadow", picture.shadow);
     printRays("reflection", picture.reflection);
     if (options.showCost)
-        std::printf("      nodes and triangles per eye ray: %.2f on average, %.2f in the busiest pixel, red from %.2f\n",
-                    picture.meanSteps, picture.mostSteps, picture.hottestSteps);
+        std::printf(
+            "      nodes and triangles per eye ray: %.2f on average, %.2f in the busiest pixel, red from %.2f\n",
+            picture.meanSteps, picture.mostSteps, picture.hottestSteps);
 }
 
 void run(const Options& options) {

@@ -25,6 +25,7 @@ namespace {
 constexpr unsigned char kMagic[8] = {'Z', 'R', 'M', 'E', 'S', 'H', '\r', '\n'};
 constexpr uint32_t kVersion = 1;
 constexpr size_t kHeaderBytes = sizeof kMagic + 4 * sizeof(uint32_t);
+constexpr size_t kChecked = sizeof kMagic + 2 * sizeof(uint32_t); // the checksum covers all from here on
 
 uint32_t checksum(const unsigned char* bytes, size_t count) {
     uint32_t sum = 2166136261u;
@@ -40,16 +41,15 @@ Mesh readDump(const std::string& path, const std::vector<unsigned char>& bytes) 
     if (bytes.size() < kHeaderBytes) throw Failure(path + ": mesh dump is cut off");
     uint32_t header[4];
     std::memcpy(header, bytes.data() + sizeof kMagic, sizeof header);
-    if (header[0] != kVersion)
-        throw Failure(path + ": mesh dump of unknown version " + std::to_string(header[0]));
+    if (header[0] != kVersion) throw Failure(path + ": mesh dump of unknown version " + std::to_string(header[0]));
     // In 64 bits, so that no count, however wrong, can make the expected size wrap around to the real one.
-    const uint64_t vertices = header[1];
-    const uint64_t triangles = header[2];
+    const uint64_t vertices = header[2];
+    const uint64_t triangles = header[3];
     const uint64_t expected = kHeaderBytes + 12 * vertices + 12 * triangles;
     if (expected != bytes.size())
         throw Failure(path + ": mesh dump has " + std::to_string(bytes.size()) + " bytes, its counts ask for " +
                       std::to_string(expected));
-    if (checksum(bytes.data() + kHeaderBytes, bytes.size() - kHeaderBytes) != header[3])
+    if (checksum(bytes.data() + kChecked, bytes.size() - kChecked) != header[1])
         throw Failure(path + ": mesh dump is damaged (wrong checksum)");
 
     Mesh mesh;
@@ -178,10 +178,11 @@ std::vector<unsigned char> dumpMesh(const Mesh& mesh) {
     for (int j = 0; j < mesh.triangleCount(); ++j, to += 12)
         std::memcpy(to, &mesh.triangles[4 * static_cast<size_t>(j)], 12);
 
-    const uint32_t header[4] = {kVersion, static_cast<uint32_t>(mesh.vertexCount()),
-                                static_cast<uint32_t>(mesh.triangleCount()),
-                                checksum(bytes.data() + kHeaderBytes, bytes.size() - kHeaderBytes)};
+    uint32_t header[4] = {kVersion, 0, static_cast<uint32_t>(mesh.vertexCount()),
+                          static_cast<uint32_t>(mesh.triangleCount())};
     std::memcpy(bytes.data(), kMagic, sizeof kMagic);
+    std::memcpy(bytes.data() + sizeof kMagic, header, sizeof header);
+    header[1] = checksum(bytes.data() + kChecked, bytes.size() - kChecked);
     std::memcpy(bytes.data() + sizeof kMagic, header, sizeof header);
     return bytes;
 }

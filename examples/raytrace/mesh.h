@@ -19,8 +19,8 @@ struct Mesh {
 // coordinates and valid indices; anything else is a Failure.
 Mesh loadMesh(const std::string& path);
 
-// Dump: "ZRMESH\r\n", then little-endian 32-bit words: version (1), number of vertices, number of triangles, a checksum
-// of all that follows (32-bit FNV-1a); then the vertices (three floats each) and triangles (three indices each).
+// Dump: "ZRMESH\r\n", then little-endian 32-bit words: version (1), a checksum of all that follows (FNV-1a), number of
+// vertices, number of triangles; then the vertices (three floats each) and the triangles (three indices each).
 std::vector<unsigned char> dumpMesh(const Mesh& mesh);
 
 // One unit vector per vertex: the sum of its triangles' normals, weighted with their areas. Summed in double in the

@@ -38,9 +38,8 @@ Vec readPoint(const std::string& option, const std::string& value) {
 }
 
 int readExtent(const std::string& digits) {
-    if (digits.empty() || digits.size() > 5 || !std::all_of(digits.begin(), digits.end(), [](unsigned char c) {
-            return std::isdigit(c);
-        }))
+    if (digits.empty() || digits.size() > 5 ||
+        !std::all_of(digits.begin(), digits.end(), [](unsigned char c) { return std::isdigit(c); }))
         return 0;
     return std::atoi(digits.c_str());
 }
@@ -91,9 +90,7 @@ std::optional<Options> readOptions(int argc, char** argv) {
     app.add_option("--eye", eye, "position of the eye")->group(camera);
     app.add_option("--target", target, "point in the middle of the picture (middle of the mesh)")->group(camera);
     app.add_option("--up", up, "direction that points up")->group(camera);
-    app.add_option("--fov", options.fov, "vertical field of view in degrees")
-        ->check(within(1.0, 160.0))
-        ->group(camera);
+    app.add_option("--fov", options.fov, "vertical field of view in degrees")->check(within(1.0, 160.0))->group(camera);
     app.add_option("--turn", options.turn, "automatic eye: degrees around the mesh")
         ->check(within(-360.0, 360.0))
         ->group(camera);
@@ -104,9 +101,7 @@ std::optional<Options> readOptions(int argc, char** argv) {
     const char* scene = "Scene";
     app.add_option("--light", light, "position of the light (above the eye's shoulder)")->group(scene);
     app.add_flag("--no-ground", noGround, "no ground plane under the mesh")->group(scene);
-    app.add_option("--mirror", options.mirror, "reflectivity of the ground")
-        ->check(within(0.0, 1.0))
-        ->group(scene);
+    app.add_option("--mirror", options.mirror, "reflectivity of the ground")->check(within(0.0, 1.0))->group(scene);
     app.add_option("--gloss", options.gloss, "reflectivity of the mesh")->check(within(0.0, 1.0))->group(scene);
     app.add_flag("--flat", options.flat, "facets instead of smooth normals")->group(scene);
 
@@ -118,9 +113,7 @@ std::optional<Options> readOptions(int argc, char** argv) {
         ->check(within(0.0, 1.0))
         ->group(tree);
     app.add_option("--depth", options.depth, "greatest depth")->check(within(0, 50))->group(tree);
-    app.add_option("--memory", options.memory, "sah: working memory in MiB")
-        ->check(within(33, 4095))
-        ->group(tree);
+    app.add_option("--memory", options.memory, "sah: working memory in MiB")->check(within(33, 4095))->group(tree);
 
     const char* work = "Work";
     app.add_option("-j,--threads", options.threads, "threads (0: as many as there are processors)")

@@ -16,7 +16,8 @@ void Progress::draw(int done, int64_t rays, const char* end) const {
     const int width = 32, full = static_cast<int>(static_cast<int64_t>(width) * done / tiles_);
     const std::string bar = std::string(full, '#') + std::string(width - full, '.');
     std::fprintf(stderr, "%s[%s] %3d %%  %6.2f Mrays/s%s", terminal_ ? "\r" : "", bar.c_str(),
-                 static_cast<int>(100LL * done / tiles_), static_cast<double>(rays) / std::max(seconds, 1e-9) / 1e6, end);
+                 static_cast<int>(100LL * done / tiles_), static_cast<double>(rays) / std::max(seconds, 1e-9) / 1e6,
+                 end);
     std::fflush(stderr);
 }
 

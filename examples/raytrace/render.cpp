@@ -13,12 +13,12 @@
 namespace {
 
 constexpr float kWhite[3] = {1, 1, 1};
-constexpr float kAmbient[3] = {0.20f, 0.23f, 0.28f};
+constexpr float kAmbient[3] = {0.13f, 0.15f, 0.19f};
 constexpr float kMeshColour[3] = {0.86f, 0.60f, 0.36f};
-constexpr float kGroundColour[3] = {0.52f, 0.54f, 0.58f};
-constexpr double kHorizon[3] = {0.70, 0.78, 0.86};
+constexpr float kGroundColour[3] = {0.30f, 0.32f, 0.36f};
+constexpr double kHorizon[3] = {0.52, 0.62, 0.74};
 constexpr double kZenith[3] = {0.16, 0.32, 0.62};
-constexpr double kExposure = 1.25; // of the light, where the mesh is
+constexpr double kExposure = 0.95; // of the light, where the mesh is
 
 // Hit points are pulled back towards where their ray came from, by these factors on the distance, so that neither
 // shadow nor reflection rays meet the surface that they start from. Reflection rays can be short: they need more.
@@ -41,8 +41,8 @@ private:
 // What is known of the rays of one tile; a thread reuses it for its next tile.
 struct Rays {
     explicit Rays(size_t n)
-        : direction(n), distance(n), hit{std::vector<float>(n), std::vector<float>(n)}, triangle(n), point(n), normal(n),
-          facing(n), albedo(n), fog(n), colour(n), mask(n), blocker(n), shadow(n), lit(n), falloff(n) {}
+        : direction(n), distance(n), hit{std::vector<float>(n), std::vector<float>(n)}, triangle(n), point(n),
+          normal(n), facing(n), albedo(n), fog(n), colour(n), mask(n), blocker(n), shadow(n), lit(n), falloff(n) {}
 
     float* const* hitPlanes() {
         hitPlane[0] = hit[0].data();
@@ -74,7 +74,7 @@ class Tracer {
 public:
     Tracer(const Scene& scene, const Camera& camera, const Vec& light, const Options& options, size_t rays)
         : scene_(scene), camera_(camera), options_(options), context_(scene.context()), up_(normalised(options.up)),
-          eyeRays_(rays), bounced_(rays), mirrored_(rays), weight_(rays), bounceMask_(rays), ones_(rays, 1.0f) {
+          eyeRays_(rays), bounced_(rays), weight_(rays), bounceMask_(rays), ones_(rays, 1.0f) {
         toFloats(light, light_);
         // The light falls off with the square of the distance; at the mesh its colour is what it is without.
         const double reach = std::max(1.0, length(light));
@@ -150,7 +150,8 @@ private:
         // Surfaces that face away from the light need no ray.
         std::copy_n(triangle, n, rays.mask.begin());
         int* mask = rays.mask.data();
-        zenrCastShadowSO_32f(light_, rays.facing.data(), rays.normal, rays.point, mask, rays.lit.data(), rays.shadow, n);
+        zenrCastShadowSO_32f(light_, rays.facing.data(), rays.normal, rays.point, mask, rays.lit.data(), rays.shadow,
+                             n);
         const int64_t cast = std::count_if(mask, mask + n, [](int m) { return m >= 0; });
         if (cast == 0) return;
         const double start = seconds();
@@ -185,8 +186,7 @@ private:
         for (int i = 0; i < n; ++i) {
             const int triangle = eyeRays_.triangle[i];
             double weight = 0;
-            if (triangle >= 0)
-                weight = materialOf(triangle) == kMaterialGround ? options_.mirror : options_.gloss;
+            if (triangle >= 0) weight = materialOf(triangle) == kMaterialGround ? options_.mirror : options_.gloss;
             bounceMask_[i] = weight > 0 && eyeRays_.fog[i] < 1 ? triangle : -1;
             weight_[i] = static_cast<float>(weight);
             any = any || bounceMask_[i] >= 0;
@@ -264,8 +264,7 @@ Picture render(const Scene& scene, const Camera& camera, const Vec& light, const
     // Memory is taken here, where its lack can still be reported.
     std::vector<std::unique_ptr<Tracer>> tracers;
     for (int t = 0; t < picture.threads; ++t)
-        tracers.push_back(
-            std::make_unique<Tracer>(scene, camera, light, options, static_cast<size_t>(side) * side));
+        tracers.push_back(std::make_unique<Tracer>(scene, camera, light, options, static_cast<size_t>(side) * side));
 
     Progress progress(columns * rows, options.quiet);
     const double start = seconds();

@@ -25,7 +25,8 @@ void fitMesh(Scene& scene) {
     if (!(extent > 0)) throw Failure("mesh has no extent: all its vertices are at one point");
     scene.fit.middle = {(low[0] + high[0]) / 2, (low[1] + high[1]) / 2, (low[2] + high[2]) / 2};
     scene.fit.scale = kSceneExtent / extent;
-    scene.radius = length(diagonal * scene.fit.scale) / 2;
+    scene.half = diagonal * (scene.fit.scale / 2);
+    scene.radius = length(scene.half);
     for (size_t i = 0; i < v.size(); i += 3) toFloats(scene.fit(toVec(&v[i])), &v[i]);
 }
 

@@ -22,8 +22,9 @@ struct Fit {
 struct Scene {
     Mesh mesh; // in scene coordinates, the ground's two triangles last
     Fit fit;
-    double radius = 0;   // of the sphere around the mesh's box
-    Vec groundMiddle;    // and its half side, 0 without a ground
+    Vec half;          // half the diagonal of the mesh's box, whose middle is 0
+    double radius = 0; // of the sphere around that box
+    Vec groundMiddle;  // and its half side, 0 without a ground
     double groundHalf = 0;
     bool flat = false;
     std::vector<float> normals; // of the vertices; flat: of the triangles

@@ -5,12 +5,22 @@
 
 namespace {
 
-bool isLeaf(const ZenrKDTreeNode& node) { return node.w0 >> 31; }
-bool isInline(const ZenrKDTreeNode& leaf) { return leaf.w1 >> 31; }
-int leafCount(const ZenrKDTreeNode& leaf) { return static_cast<int>(isInline(leaf) ? leaf.w1 & 3 : leaf.w1); }
+bool isLeaf(const ZenrKDTreeNode& node) {
+    return node.w0 >> 31;
+}
+bool isInline(const ZenrKDTreeNode& leaf) {
+    return leaf.w1 >> 31;
+}
+int leafCount(const ZenrKDTreeNode& leaf) {
+    return static_cast<int>(isInline(leaf) ? leaf.w1 & 3 : leaf.w1);
+}
 
-const ZenrKDTreeNode* children(const ZenrKDTreeNode& node) { return &node + (node.w0 >> 3); } // nodes have 8 bytes
-int axisOf(const ZenrKDTreeNode& node) { return static_cast<int>(node.w0 & 3); }
+const ZenrKDTreeNode* children(const ZenrKDTreeNode& node) {
+    return &node + (node.w0 >> 3);
+} // nodes have 8 bytes
+int axisOf(const ZenrKDTreeNode& node) {
+    return static_cast<int>(node.w0 & 3);
+}
 
 double splitOf(const ZenrKDTreeNode& node) {
     static_assert(sizeof(float) == sizeof node.w1);
@@ -49,7 +59,9 @@ void visit(const ZenrKDTreeNode& node, const Cell& cell, int depth, double whole
     visit(children(node)[1], upper, depth + 1, whole, out);
 }
 
-Cell cellOf(const float box[6]) { return {{box[0], box[1], box[2]}, {box[3], box[4], box[5]}}; }
+Cell cellOf(const float box[6]) {
+    return {{box[0], box[1], box[2]}, {box[3], box[4], box[5]}};
+}
 
 } // namespace
 

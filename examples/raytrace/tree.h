@@ -18,7 +18,7 @@ struct TreeSummary {
 TreeSummary summarise(const ZenrKDTreeNode* root, const float box[6]);
 
 // Interior nodes passed and triangles listed in the leaves that a ray visits, front to back, until it is past
-// `distance`, that of its hit. Computed apart from the intersectors: what a ray needs in this tree, whatever tricks they
-// use, and free of the noise of time measurements.
+// `distance`, that of its hit. Computed apart from the intersectors: what a ray needs in this tree, whatever tricks
+// they use, and free of the noise of time measurements.
 int countSteps(const ZenrKDTreeNode* root, const float box[6], const Vec& origin, const Vec& direction,
                double distance);
