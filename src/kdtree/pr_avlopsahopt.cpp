@@ -22,8 +22,9 @@ constexpr double kSmallestThreshold = 1e-5;
 constexpr double kSmallestSection = 1e-9;
 constexpr float kEmptyShare = 0.1f;  // an empty slab of more than this share of the extent is cut off
 constexpr double kEmptyBonus = 0.7f; // and its price reduced to this
-// A region that forks costs microseconds; smaller nodes run the same sections in the calling thread.
-constexpr int kForkCount = 2048;
+// A region that forks costs microseconds, and much more where the processors are busy; smaller nodes run the same
+// sections in the calling thread.
+constexpr int kForkCount = 16384;
 
 constexpr int kNextAxis[5] = {1, 2, 0, 1, 2};
 
@@ -50,6 +51,8 @@ struct Events {
     float* planar;
     int cut;     // number of starts, and of ends
     int inPlane; // number of planar events
+    float first; // least and greatest event of any kind
+    float last;
 };
 
 void sortEvents(float* events, int count, uint32_t* scratch) {
@@ -62,22 +65,27 @@ void sortEvents(float* events, int count, uint32_t* scratch) {
 
 Events collectEvents(const SearchInput& input, int axis) {
     uint32_t* const* const scratch = input.scratch + 4 * axis;
-    Events events{reinterpret_cast<float*>(scratch[0]), reinterpret_cast<float*>(scratch[1]),
-                  reinterpret_cast<float*>(scratch[2]), 0, 0};
+    Events events{reinterpret_cast<float*>(scratch[0]),
+                  reinterpret_cast<float*>(scratch[1]),
+                  reinterpret_cast<float*>(scratch[2]),
+                  0,
+                  0,
+                  FLT_MAX,
+                  -FLT_MAX};
     const float min = input.box[axis];
     const float max = input.box[axis + 3];
     for (int i = 0; i < input.count; ++i) {
         const Interval extent = extentOf(input.geometry, input.refs[i], axis, min, max);
-        if (extent.lo == extent.hi) {
-            events.planar[events.inPlane++] = extent.lo;
-        } else {
-            events.starts[events.cut] = extent.lo;
-            events.ends[events.cut++] = extent.hi;
-        }
+        events.first = extent.lo < events.first ? extent.lo : events.first;
+        events.last = extent.hi > events.last ? extent.hi : events.last;
+        // Both places are written and one is kept: which kind comes next is hard to foretell.
+        const bool planar = extent.lo == extent.hi;
+        events.planar[events.inPlane] = extent.lo;
+        events.starts[events.cut] = extent.lo;
+        events.ends[events.cut] = extent.hi;
+        events.inPlane += planar;
+        events.cut += !planar;
     }
-    sortEvents(events.starts, events.cut, scratch[3]);
-    sortEvents(events.ends, events.cut, scratch[3]);
-    if (events.inPlane > 0) zensSortAscend_32f_I(events.planar, events.inPlane);
     return events;
 }
 
@@ -112,47 +120,135 @@ int countBelow(const float* sorted, int n, float x, bool orEqual) {
     return lo;
 }
 
-// Sweep without planar events. At a coordinate where triangles end and others start, the ends come first: a triangle
-// that ends in the plane does not reach the upper side, one that starts there not the lower. Every event is priced as
-// it comes; among events at one coordinate the last end has the true counts, and no other one is cheaper, so the
-// counts are taken from the sorted lists once the position is known.
-Candidate localLeftRightSearch_NS(const Events& events, const Pricing& pricing) {
-    Candidate best{DBL_MAX, 0, 0, 0, 1};
-    const float* start = events.starts;
-    const float* const lastStart = events.starts + events.cut;
-    const float* end = events.ends;
-    const float* const lastEnd = events.ends + events.cut;
-    double left = 0;
-    double right = events.cut;
+// Sweep without planar events over a stretch of the sorted lists: `starts` and `ends` hold the events of the stretch,
+// `left` triangles start below it and `right` do not end below it. At a coordinate where triangles end and others
+// start, the ends come first: a triangle that ends in the plane does not reach the upper side, one that starts there
+// not the lower. Every event is priced as it comes; among events at one coordinate the last end has the true counts,
+// and no other one is cheaper, so the counts are taken from the sorted lists once the position is known.
+void localLeftRightSearch_NS(const float* starts, int startCount, const float* ends, int endCount, int left, int right,
+                             const Pricing& pricing, Candidate& best) {
+    const float* start = starts;
+    const float* const lastStart = starts + startCount;
+    const float* end = ends;
+    const float* const lastEnd = ends + endCount;
+    double below = left;
+    double above = right;
     bool found = false;
-    // The last end is above every start, so starts run out first.
-    while (start < lastStart) {
+    while (start < lastStart && end < lastEnd) {
         const bool isEnd = *end <= *start;
         const float x = isEnd ? *end : *start;
-        right -= isEnd ? 1.0 : 0.0;
-        const double price = pricing.price(left, right, x);
+        above -= isEnd ? 1.0 : 0.0;
+        const double price = pricing.price(below, above, x);
         if (price < best.price) {
             best.price = price;
             best.position = x;
             found = true;
         }
-        left += isEnd ? 0.0 : 1.0;
+        below += isEnd ? 0.0 : 1.0;
         end += isEnd;
         start += !isEnd;
     }
     for (; end < lastEnd; ++end) {
-        right -= 1.0;
-        const double price = pricing.price(left, right, *end);
+        above -= 1.0;
+        const double price = pricing.price(below, above, *end);
         if (price < best.price) {
             best.price = price;
             best.position = *end;
             found = true;
         }
     }
+    for (; start < lastStart; ++start) {
+        const double price = pricing.price(below, above, *start);
+        if (price < best.price) {
+            best.price = price;
+            best.position = *start;
+            found = true;
+        }
+        below += 1.0;
+    }
     if (found) {
-        best.left = countBelow(events.starts, events.cut, best.position, false);
-        best.right = events.cut - countBelow(events.ends, events.cut, best.position, true);
+        best.left = left + countBelow(starts, startCount, best.position, false);
+        best.right = right - countBelow(ends, endCount, best.position, true);
+        best.flag = 1;
         best.price = pricing.price(best.left, best.right, best.position);
+    }
+}
+
+constexpr int kMaxBins = 256;
+constexpr int kFewForBins = 24; // fewer events are sorted as a whole
+
+// Finds what a sweep over all events finds, with hardly any of them sorted: events are counted in bins of equal width;
+// the counts bound the prices in each bin from both sides; and only bins that can hold the cheapest plane are sorted
+// and swept. Prices that are all above `limit` are of no interest: then the result's price stays the largest double.
+Candidate sweepBins(Events& events, const Pricing& pricing, double limit, uint32_t* scratch) {
+    Candidate best{DBL_MAX, 0, 0, 0, 1};
+    const int n = events.cut;
+    const int bins = n < 100 ? 16 : n < 400 ? 32 : n < 4000 ? 64 : kMaxBins;
+    const float base = float(pricing.min);
+    const float scale = float(bins / (pricing.max - pricing.min));
+    const auto binOf = [=](float x) { // never falls as x grows
+        const int bin = int((x - base) * scale);
+        return bin < bins ? bin : bins - 1;
+    };
+    int startsIn[kMaxBins] = {};
+    int endsIn[kMaxBins] = {};
+    for (int i = 0; i < n; ++i) {
+        ++startsIn[binOf(events.starts[i])];
+        ++endsIn[binOf(events.ends[i])];
+    }
+    // Rounding shifts an event across a bin's edge by a few float roundings at most, and a price by a few double ones.
+    constexpr double shift = 1e-6;
+    constexpr double slack = 1e-12;
+    const double width = 1.0 / scale;
+    double lowest[kMaxBins];
+    double ceiling = limit * (1 + slack);
+    int left = 0;
+    int right = n;
+    for (int b = 0; b < bins; ++b) {
+        const int leftAfter = left + startsIn[b];
+        const int rightAfter = right - endsIn[b];
+        lowest[b] = DBL_MAX;
+        if (startsIn[b] + endsIn[b] > 0) {
+            const double lo = b * width * (1 - shift);
+            const double whole = pricing.max - pricing.min;
+            double hi = (b + 1) * width * (1 + shift);
+            if (hi > whole || b == bins - 1) hi = whole;
+            lowest[b] = (left * (lo + pricing.rest) + rightAfter * (whole - hi + pricing.rest)) * (1 - slack);
+            const double highest =
+                (leftAfter * (hi + pricing.rest) + right * (whole - lo + pricing.rest)) * (1 + slack);
+            if (highest < ceiling) ceiling = highest;
+        }
+        left = leftAfter;
+        right = rightAfter;
+    }
+    // Keep the events of the bins that remain; they stay in their arrays, which nobody reads again.
+    int starts = 0;
+    int ends = 0;
+    bool any = false;
+    for (int b = 0; b < bins; ++b) any = any || lowest[b] <= ceiling;
+    if (!any) return best;
+    for (int i = 0; i < n; ++i) {
+        const float lo = events.starts[i];
+        const float hi = events.ends[i];
+        events.starts[starts] = lo;
+        events.ends[ends] = hi;
+        starts += lowest[binOf(lo)] <= ceiling;
+        ends += lowest[binOf(hi)] <= ceiling;
+    }
+    sortEvents(events.starts, starts, scratch);
+    sortEvents(events.ends, ends, scratch);
+    const float* start = events.starts;
+    const float* end = events.ends;
+    left = 0;
+    right = n;
+    for (int b = 0; b < bins; ++b) {
+        if (lowest[b] <= ceiling) {
+            localLeftRightSearch_NS(start, startsIn[b], end, endsIn[b], left, right, pricing, best);
+            start += startsIn[b];
+            end += endsIn[b];
+        }
+        left += startsIn[b];
+        right -= endsIn[b];
     }
     return best;
 }
@@ -189,7 +285,8 @@ Candidate localLeftRightSearch(const Events& events, const Pricing& pricing) {
 
 // The best plane on one axis into its record, whose cost is Q on entry and stays so when the axis is passed over. All
 // arithmetic is in double on coordinates that are floats.
-void searchAxis(const SearchInput& input, int axis, SplitRecord& record) {
+// `limit`: a cost that need not be found exactly when it lies above.
+void searchAxis(const SearchInput& input, int axis, double limit, SplitRecord& record) {
     const float* const box = input.box;
     const double min = box[axis];
     const double max = box[axis + 3];
@@ -205,19 +302,10 @@ void searchAxis(const SearchInput& input, int axis, SplitRecord& record) {
     const Pricing pricing{min, max, section < kSmallestSection ? 0.0 : section / sum};
     const int n = input.count;
 
-    const Events events = collectEvents(input, axis);
-    float first = 0;
-    float last = 0;
-    if (events.cut > 0) {
-        first = events.starts[0];
-        last = events.ends[events.cut - 1];
-    }
-    if (events.inPlane > 0) {
-        const float firstPlanar = events.planar[0];
-        const float lastPlanar = events.planar[events.inPlane - 1];
-        if (events.cut == 0 || firstPlanar < first) first = firstPlanar;
-        if (events.cut == 0 || lastPlanar > last) last = lastPlanar;
-    }
+    Events events = collectEvents(input, axis);
+    uint32_t* const sortScratch = input.scratch[4 * axis + 3];
+    const float first = events.first;
+    const float last = events.last;
 
     // Empty slabs. Planar events in the candidate plane stay with the other triangles, which the flags say too.
     const double gap = double(kEmptyShare) * extent;
@@ -234,10 +322,19 @@ void searchAxis(const SearchInput& input, int axis, SplitRecord& record) {
     }
     // Without planar events an empty slab is final; with them the sweep competes against the reduced price.
     if (events.inPlane > 0) {
+        sortEvents(events.starts, events.cut, sortScratch);
+        sortEvents(events.ends, events.cut, sortScratch);
+        zensSortAscend_32f_I(events.planar, events.inPlane);
         const Candidate swept = localLeftRightSearch(events, pricing);
         if (swept.price < best.price) best = swept;
     } else if (!empty) {
-        best = localLeftRightSearch_NS(events, pricing);
+        if (n >= kFewForBins && extent < 1e30) {
+            best = sweepBins(events, pricing, limit / sum, sortScratch);
+        } else {
+            sortEvents(events.starts, n, sortScratch);
+            sortEvents(events.ends, n, sortScratch);
+            localLeftRightSearch_NS(events.starts, n, events.ends, n, 0, n, pricing, best);
+        }
     }
     record.cost = best.price * sum;
     record.position = best.position;
@@ -251,6 +348,12 @@ void searchAxis(const SearchInput& input, int axis, SplitRecord& record) {
 long double thresholdOf(const SearchInput& input, double nodeCostQ) {
     const long double threshold = input.factor * nodeCostQ;
     return threshold < kSmallestThreshold ? (long double)(kSmallestThreshold) : threshold;
+}
+
+// No cost above this can lead to a split; a little more than the bound itself, to be safe from rounding.
+double greatestUsefulCost(double nodeCostQ, long double threshold, int count) {
+    const double bound = double(nodeCostQ - threshold / count);
+    return bound + 1e-9 * nodeCostQ;
 }
 
 // Ties go to the higher axis, deliberately. With a NaN among the costs no split results.
@@ -278,8 +381,13 @@ void localFindBestSplitSortSearch_ST(const SearchInput& input, SplitRecord& spli
     const double q = split.cost;
     SplitRecord axes[3];
     startRecords(axes, q);
-    for (int axis = 0; axis < 3; ++axis) searchAxis(input, axis, axes[axis]);
-    chooseAxis(axes, thresholdOf(input, q), input.count, q, split);
+    const long double threshold = thresholdOf(input, q);
+    double limit = greatestUsefulCost(q, threshold, input.count);
+    for (int axis = 0; axis < 3; ++axis) {
+        searchAxis(input, axis, limit, axes[axis]);
+        if (axes[axis].cost < limit) limit = axes[axis].cost;
+    }
+    chooseAxis(axes, threshold, input.count, q, split);
 }
 
 void localFindBestSplitSortSearch_MT(const SearchInput& input, SplitRecord& split) {
@@ -293,17 +401,19 @@ void localFindBestSplitSortSearch_MT(const SearchInput& input, SplitRecord& spli
         if (double(box[axis + 3]) - box[axis] > kFlat) usable[n++] = axis;
     // One thread for each usable axis, but never more than the library may use, and none for a node too small to repay
     // them: then the same sections run one after the other in the calling thread.
+    const long double threshold = thresholdOf(input, q);
+    const double limit = greatestUsefulCost(q, threshold, input.count);
     const int allowed = ownGetNumThreads();
     const int team = n < allowed ? n : allowed;
     if (n == 3) {
 #pragma omp parallel sections num_threads(team) if (team > 1 && input.count >= kForkCount)
         {
 #pragma omp section
-            searchAxis(input, 0, axes[0]);
+            searchAxis(input, 0, limit, axes[0]);
 #pragma omp section
-            searchAxis(input, 1, axes[1]);
+            searchAxis(input, 1, limit, axes[1]);
 #pragma omp section
-            searchAxis(input, 2, axes[2]);
+            searchAxis(input, 2, limit, axes[2]);
         }
     } else if (n == 2) {
         const int axis0 = usable[0];
@@ -311,12 +421,12 @@ void localFindBestSplitSortSearch_MT(const SearchInput& input, SplitRecord& spli
 #pragma omp parallel sections num_threads(team) if (team > 1 && input.count >= kForkCount)
         {
 #pragma omp section
-            searchAxis(input, axis0, axes[axis0]);
+            searchAxis(input, axis0, limit, axes[axis0]);
 #pragma omp section
-            searchAxis(input, axis1, axes[axis1]);
+            searchAxis(input, axis1, limit, axes[axis1]);
         }
     }
-    chooseAxis(axes, thresholdOf(input, q), input.count, q, split);
+    chooseAxis(axes, threshold, input.count, q, split);
 }
 
 double nodeCost(const float* box, int count) {
