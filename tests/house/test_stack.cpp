@@ -33,9 +33,15 @@ int callShifted(const void* function, const std::vector<uint32_t>& words, int sh
     return result;
 }
 
-uint32_t word(const void* p) { return uint32_t(reinterpret_cast<uintptr_t>(p)); }
-uint32_t word(int value) { return uint32_t(value); }
-template <class F> const void* address(F* function) { return reinterpret_cast<const void*>(function); }
+uint32_t word(const void* p) {
+    return uint32_t(reinterpret_cast<uintptr_t>(p));
+}
+uint32_t word(int value) {
+    return uint32_t(value);
+}
+template <class F> const void* address(F* function) {
+    return reinterpret_cast<const void*>(function);
+}
 
 // Where the stack pointer stood before the call, modulo 16.
 __attribute__((noinline)) int stackAtCall() {
@@ -84,8 +90,8 @@ TEST(Stack, SceneAndIntersection) {
         ZenrKDTreeNode* tree = nullptr;
         int size = 0;
         EXPECT_EQ(callShifted(address(&zenrSetBoundBox_32f), {word(vertices), 6, word(box)}, shift), 0);
-        EXPECT_EQ(callShifted(address(&zenrTriangleAccelInit), {word(accel), word(vertices), word(triangles), 2}, shift),
-                  0);
+        EXPECT_EQ(
+            callShifted(address(&zenrTriangleAccelInit), {word(accel), word(vertices), word(triangles), 2}, shift), 0);
         ASSERT_EQ(callShifted(address(&zenrKDTreeBuildAlloc),
                               {word(&tree), word(vertices), word(triangles), 6, 2, word(&size), word(&params)}, shift),
                   0);
