@@ -18,7 +18,7 @@ constexpr int kRowStride = kShMaxValues + 16;
 struct Scratch {
     alignas(64) float rows[kShMaxValues * kLanes];
     float gap[80];
-    float turned[kLanes * kRowStride];
+    alignas(64) float turned[kLanes * kRowStride];
 };
 
 struct RowsOut {
@@ -210,31 +210,53 @@ ZENR_SH_INLINE void turnRows(const float* rows, int n, float* dst, ptrdiff_t str
         for (int i = 0; i < kLanes; ++i) dst[i * stride + k] = rows[k * kLanes + i];
 }
 
-// Copies past the caches: output that does not fit them would otherwise be read before it is written. Lines are
-// streamed whole, the pieces at both ends stored as usual.
-void streamCopy(float* dst, const float* src, int n) {
-    while (n > 0 && (uintptr_t(dst) & 63)) {
-        *dst++ = *src++;
-        --n;
-    }
-    for (; n >= 16; n -= 16, dst += 16, src += 16) {
+// Writes past the caches: output that does not fit them would otherwise be read before it is written. Only whole lines
+// can be streamed, so what is left of a block's last line waits for the next block.
+class LineStream {
+public:
+    LineStream(float* dst, float* stage)
+        : held_(int((uintptr_t(dst) & 63) / sizeof(float))), foreign_(held_), line_(dst - held_), stage_(stage) {}
+
+    // Where the next values are to be put, and that so many are there.
+    float* next() { return stage_ + held_; }
+    void put(int count) {
+        const int end = held_ + count;
+        int k = 0;
+        if (foreign_) { // the first line begins with floats of somebody else's
+            for (k = foreign_; k < 16; ++k) line_[k] = stage_[k];
+            foreign_ = 0;
+        }
+        for (; k + 16 <= end; k += 16) {
 #if defined(ZENR_LEVEL_avx512)
-        _mm512_stream_ps(dst, _mm512_loadu_ps(src));
+            _mm512_stream_ps(line_ + k, _mm512_loadu_ps(stage_ + k));
 #else
-        for (int i = 0; i < 16; i += int(sizeof(Floats) / sizeof(float))) {
+            for (int i = 0; i < 16; i += int(sizeof(Floats) / sizeof(float)))
 #if defined(ZENR_LEVEL_sse2)
-            _mm_stream_ps(dst + i, _mm_loadu_ps(src + i));
+                _mm_stream_ps(line_ + k + i, _mm_loadu_ps(stage_ + k + i));
 #else
-            _mm256_stream_ps(dst + i, _mm256_loadu_ps(src + i));
+                _mm256_stream_ps(line_ + k + i, _mm256_loadu_ps(stage_ + k + i));
+#endif
 #endif
         }
-#endif
+        line_ += k;
+        held_ = end - k;
+        memcpy(stage_, stage_ + k, 16 * sizeof(float));
     }
-    for (int i = 0; i < n; ++i) dst[i] = src[i];
-}
+    void finish() {
+        for (int i = 0; i < held_; ++i) line_[i] = stage_[i];
+        _mm_sfence();
+    }
 
-// Output of this size is beyond the caches, and rows of fewer values than this fill lines well enough without.
-constexpr size_t kStreamBytes = size_t(16) << 20;
+private:
+    int held_;    // floats that wait in the stage
+    int foreign_; // of which so many are not ours
+    float* line_;
+    float* stage_;
+};
+
+// Output of this size is beyond the caches that it can have for itself, and rows of fewer values than this fill lines
+// well enough without.
+constexpr size_t kStreamBytes = size_t(6) << 20;
 constexpr int kStreamValues = 32;
 
 template <class Set> void evaluate(const Set& set, const ShDirections& d, float* dst) {
@@ -243,12 +265,13 @@ template <class Set> void evaluate(const Set& set, const ShDirections& d, float*
     int i = 0;
     // (Byte counts of the largest batches do not fit 32 bits.)
     if (n >= kStreamValues && uint64_t(d.count) * unsigned(n) * sizeof(float) >= kStreamBytes) {
+        LineStream stream(dst, s.turned);
         for (; d.count - i >= kLanes; i += kLanes, dst += kLanes * n) {
             set.rows(d.x + i, d.y + i, d.z + i, s.rows);
-            turnRows(s.rows, n, s.turned, n);
-            streamCopy(dst, s.turned, kLanes * n);
+            turnRows(s.rows, n, stream.next(), n);
+            stream.put(kLanes * n);
         }
-        _mm_sfence();
+        stream.finish();
     }
     for (; d.count - i >= kLanes; i += kLanes, dst += kLanes * n) {
         set.rows(d.x + i, d.y + i, d.z + i, s.rows);

@@ -567,7 +567,7 @@ TEST(ShBasis, ArraysAreReadAndWrittenExactly) {
 // Output beyond the caches takes another way to memory.
 TEST(ShBasis, LargeBatches) {
     if (rounds(30) == 1) GTEST_SKIP() << "too slow under emulation";
-    const unsigned L = 7;
+    const unsigned L = 8;
     const size_t count = (size_t(17) << 20) / (values(L) * 4) + 3;
     const Directions d = unitDirections(count, 12);
     State closed(15, 0), recurrence(15, 1);
@@ -581,6 +581,7 @@ TEST(ShBasis, LargeBatches) {
                 evaluate(level, d, 0, int(count), L, s, &out[shift]);
                 ASSERT_EQ(memcmp(&out[shift], want.data(), want.size() * 4), 0);
                 EXPECT_EQ(out[shift + want.size()], 7.5f);
+                for (size_t i = 0; i < shift; ++i) EXPECT_EQ(out[i], 7.5f);
             }
         }
     }
