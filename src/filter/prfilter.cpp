@@ -5,6 +5,9 @@
 
 namespace zenr {
 
+// The paths of a call keep programs and sums on the stack: each its own, not the sum of all of them.
+#define ZENR_OWN_FRAME __attribute__((noinline))
+
 // Bytes to whole voxels, rounded towards minus infinity: an odd step loses its last byte.
 static ptrdiff_t voxelStep(int bytes) {
     return bytes >> 1;
@@ -26,8 +29,485 @@ FilterJob ownFilterJob(const int16_t* const pSrc[], int srcStep, int16_t* const 
             kernelVolume,        int32_t(divisor)};
 }
 
+// ---- The kernel as the planning sees it ----------------------------------------------------------------------------
+
+// Mirrored weights with strides: tap (kx, ky, kz) reads column x + kx, row y + ky, plane z + kz.
+struct Weights {
+    const int32_t* first;
+    ptrdiff_t strideX, strideY, strideZ;
+    int width, height, depth;
+
+    int32_t at(int kx, int ky, int kz) const { return first[kx * strideX + ky * strideY + kz * strideZ]; }
+};
+
+static Weights mirrored(const FilterJob& job) {
+    const ZenrVolume& k = job.kernelSize;
+    const ptrdiff_t row = k.width, plane = row * k.height;
+    return {job.kernel + plane * k.depth - 1, -1, -row, -plane, k.width, k.height, k.depth};
+}
+
+static int64_t sizeOf(int32_t w) {
+    return w < 0 ? -int64_t(w) : int64_t(w);
+}
+
+// A product wraps at 32 bits for some voxel: 65536 * 32768 just fits with one sign, and not with the other.
+constexpr int64_t kLargestUnwrapped = 65535;
+static bool wraps(int32_t w) {
+    return sizeOf(w) > kLargestUnwrapped;
+}
+
+// Sums of products of voxels with weights whose sizes sum to this fit 32 bits: 65535 * 32768 < 2^31.
+constexpr int64_t kNarrowSum = 65535;
+
+// A weight as a sum of parts that fit 16 bits. -32768 is left out: a pair of those would overflow with the voxels
+// -32768.
+constexpr int32_t kLargestPart = 32767;
+static int32_t partOf(int32_t w, int part) {
+    for (;; --part) {
+        const int32_t p = w > kLargestPart ? kLargestPart : w < -kLargestPart ? -kLargestPart : w;
+        if (part == 0) return p;
+        w -= p;
+    }
+}
+
+static int32_t packPair(int32_t first, int32_t second) {
+    return int32_t((uint32_t(first) & 0xFFFFu) | uint32_t(second) << 16);
+}
+
+// ---- Programs ------------------------------------------------------------------------------------------------------
+
+struct Counts {
+    int64_t sum;      // of the sizes of all weights
+    int64_t wrapping; // taps
+    int64_t largest;  // size of a weight whose products do not wrap
+};
+
+static Counts countWeights(const Weights& k) {
+    Counts c = {0, 0, 0};
+    for (int z = 0; z < k.depth; ++z)
+        for (int y = 0; y < k.height; ++y)
+            for (int x = 0; x < k.width; ++x) {
+                const int32_t w = k.at(x, y, z);
+                c.sum += sizeOf(w);
+                if (wraps(w))
+                    ++c.wrapping;
+                else if (sizeOf(w) > c.largest)
+                    c.largest = sizeOf(w);
+            }
+    return c;
+}
+
+static int partsOf(const Counts& counts) {
+    return int((counts.largest + kLargestPart - 1) / kLargestPart);
+}
+
+// Writes the programs of a kernel one after the other: as many as its size needs, usually one.
+class PairPlanner {
+public:
+    PairPlanner(const Weights& k, ptrdiff_t step) : k_(k), step_(step), parts_(partsOf(countWeights(k))) { restart(); }
+
+    void restart() { part_ = z_ = y_ = x_ = 0; }
+    bool done() const { return part_ == parts_; }
+
+    void next(FilterProgram& p) {
+        p.entryCount = p.segmentCount = 0;
+        plane_ = -1;
+        while (!done() && p.entryCount + FilterProgram::kPiece < FilterProgram::kEntries &&
+               p.segmentCount + FilterProgram::kPiece < FilterProgram::kSegments) {
+            const int end = k_.width - x_ < FilterProgram::kPiece ? k_.width : x_ + FilterProgram::kPiece;
+            addPiece(p, x_, end);
+            x_ = end;
+            if (x_ == k_.width) x_ = 0, ++y_;
+            if (y_ == k_.height) y_ = 0, ++z_;
+            if (z_ == k_.depth) z_ = 0, ++part_;
+        }
+    }
+
+private:
+    int32_t weight(int kx) const {
+        const int32_t w = k_.at(kx, y_, z_);
+        return wraps(w) ? 0 : partOf(w, part_);
+    }
+
+    // Taps begin <= kx < end of a row. A load at o serves the even outputs with taps o and o + 1, the odd ones with
+    // taps o - 1 and o, and o itself is a tap: so nothing outside the neighbourhood is read.
+    void addPiece(FilterProgram& p, int begin, int end) {
+        int even = begin, odd = begin; // taps before these are served
+        for (;;) {
+            while (even < end && weight(even) == 0) ++even;
+            while (odd < end && weight(odd) == 0) ++odd;
+            const int first = even < odd ? even : odd;
+            if (first >= end) break;
+            // When only the odd outputs still miss this tap, the load one further on serves them with two.
+            const int o = even > odd && odd + 1 < end ? odd + 1 : first;
+            const int32_t e0 = even <= o ? weight(o) : 0, e1 = o + 1 < end && even <= o + 1 ? weight(o + 1) : 0;
+            const int32_t o0 = o - 1 >= odd ? weight(o - 1) : 0, o1 = odd <= o ? weight(o) : 0;
+            add(p, o, e0, e1, o0, o1);
+            if (even <= o + 1) even = o + 2;
+            if (odd <= o) odd = o + 1;
+        }
+    }
+
+    void add(FilterProgram& p, int kx, int32_t e0, int32_t e1, int32_t o0, int32_t o1) {
+        const int64_t e = sizeOf(e0) + sizeOf(e1), o = sizeOf(o0) + sizeOf(o1);
+        if (plane_ != z_ || evenSum_ + e > kNarrowSum || oddSum_ + o > kNarrowSum) {
+            p.segment[p.segmentCount++] = {z_, p.entryCount, p.entryCount};
+            plane_ = z_;
+            evenSum_ = oddSum_ = 0;
+        }
+        evenSum_ += e, oddSum_ += o;
+        p.entry[p.entryCount++] = {y_ * step_ + kx, packPair(e0, e1), packPair(o0, o1)};
+        p.segment[p.segmentCount - 1].end = p.entryCount;
+    }
+
+    const Weights k_;
+    ptrdiff_t step_;
+    int parts_;
+    int part_, z_, y_, x_;
+    int plane_; // of the current segment
+    int64_t evenSum_, oddSum_;
+};
+
+// The same for the taps whose products wrap.
+class SinglePlanner {
+public:
+    SinglePlanner(const Weights& k, ptrdiff_t step) : k_(k), step_(step) { restart(); }
+
+    void restart() { z_ = y_ = x_ = 0; }
+    bool done() const { return z_ == k_.depth; }
+
+    void next(FilterProgram& p) {
+        p.entryCount = p.segmentCount = 0;
+        int plane = -1;
+        while (!done() && p.entryCount < FilterProgram::kPiece) {
+            const int32_t w = k_.at(x_, y_, z_);
+            if (wraps(w)) {
+                if (plane != z_) p.segment[p.segmentCount++] = {z_, p.entryCount, p.entryCount};
+                plane = z_;
+                const int32_t low = int16_t(uint32_t(w) & 0xFFFFu);
+                const int32_t high = int32_t((uint32_t(w) - uint32_t(low)) >> 16);
+                p.entry[p.entryCount++] = {y_ * step_ + x_, packPair(low, low), packPair(high, high)};
+                p.segment[p.segmentCount - 1].end = p.entryCount;
+            }
+            if (++x_ == k_.width) x_ = 0, ++y_;
+            if (y_ == k_.height) y_ = 0, ++z_;
+        }
+    }
+
+private:
+    const Weights k_;
+    ptrdiff_t step_;
+    int z_, y_, x_;
+};
+
+// A planner with its program: a kernel that fits one program is planned once, others anew for every tile.
+template <class Planner> class Programs {
+public:
+    explicit Programs(const Planner& planner) : planner_(planner) {
+        planner_.next(program_);
+        single_ = planner_.done();
+    }
+
+    // Hands one program after the other to run(program, add), where add is false for the first.
+    template <class Run> void forEach(const Run& run) {
+        if (single_) {
+            run(program_, false);
+            return;
+        }
+        planner_.restart();
+        for (bool add = false; !planner_.done(); add = true) {
+            planner_.next(program_);
+            run(program_, add);
+        }
+    }
+
+    int entries() const { return program_.entryCount; }
+
+private:
+    Planner planner_;
+    bool single_;
+    FilterProgram program_;
+};
+
+// ---- Division ------------------------------------------------------------------------------------------------------
+
+// bound: no sum is larger in size; below 0 for wide sums, whose division is always by a reciprocal.
+static FilterDivision planDivision(int32_t divisor, int64_t bound) {
+    FilterDivision d = {FilterDivision::reciprocal, 0, 0, 1.0 / divisor, 0};
+    d.high = d.low;
+    const bool powerOfTwo = divisor > 0 && (divisor & (divisor - 1)) == 0;
+    if (powerOfTwo) {
+        // The reciprocal is exact, and so are quotients and ties; adding half is cheaper where it cannot overflow.
+        if (bound < 0) return d;
+        if (divisor == 1) d.mode = FilterDivision::none;
+        if (divisor > 1 && bound + divisor / 2 <= INT32_MAX) {
+            d.mode = FilterDivision::shift;
+            d.half = divisor / 2;
+            while (int32_t(1) << d.bits != divisor) ++d.bits;
+        }
+        return d;
+    }
+    // The rounding of a product is at most 2^-53 of it, and of the reciprocal too, so within the range of the result
+    // both are far below 1 / (2 * 2^31), the least distance from a tie. An odd divisor has no ties. With an even one
+    // the reciprocals are moved by 2^-50 of their size: more than all roundings, so that a tie's two quotients lie on
+    // either side of it, and still too little to reach another tie.
+    if (divisor % 2 == 0) {
+        constexpr double kNudge = 1.0 / 1125899906842624.0;
+        d.mode = FilterDivision::reciprocalWithTies;
+        d.high = d.low * (1.0 + kNudge);
+        d.low = d.low * (1.0 - kNudge);
+    }
+    return d;
+}
+
+// ---- Tiles ---------------------------------------------------------------------------------------------------------
+
+constexpr int kTileWidth = 128;
+constexpr int kTileRows = 16;
+
+// Walks the tiles of the destination's columns and rows: body(tile, x, y), whose tile lacks its planes.
+template <class Body>
+static void overTiles(const FilterKernels& kernels, const FilterJob& job, int rows, const Body& body) {
+    const int lanes = [&] {
+        int n = kernels.lanes;
+        while (n > job.size.width) n /= 2;
+        return n;
+    }();
+    for (int64_t y = 0; y < job.size.height; y += rows)
+        for (int64_t start = 0; start < job.size.width; start += kTileWidth) {
+            // A narrow rest is widened towards the left to one vector.
+            const int64_t x = start < job.size.width - lanes ? start : job.size.width - lanes;
+            FilterTile tile;
+            tile.planes = nullptr;
+            tile.origin = job.srcOrigin + ptrdiff_t(y * job.srcStep + x);
+            tile.step = job.srcStep;
+            tile.rows = int(job.size.height - y < rows ? job.size.height - y : rows);
+            tile.width = int(job.size.width - x < kTileWidth ? job.size.width - x : kTileWidth);
+            tile.lanes = lanes;
+            tile.stride = (tile.width + lanes - 1) / lanes * lanes;
+            body(tile, int(x), int(y));
+        }
+}
+
+static ZENR_OWN_FRAME void filterNarrow(const FilterKernels& kernels, const FilterJob& job, const Weights& weights,
+                                        const FilterDivision& division) {
+    Programs<PairPlanner> pairs(PairPlanner(weights, job.srcStep));
+    alignas(64) int32_t sums[kTileRows * kTileWidth];
+    overTiles(kernels, job, kTileRows, [&](FilterTile& tile, int x, int y) {
+        for (int z = 0; z < job.size.depth; ++z) {
+            tile.planes = job.src + z;
+            pairs.forEach(
+                [&](const FilterProgram& program, bool add) { kernels.narrowPairs(program, tile, sums, add); });
+            kernels.finishNarrow(division, tile, sums, job.dst[z] + y * job.dstStep + x, job.dstStep);
+        }
+    });
+}
+
+static ZENR_OWN_FRAME void filterWide(const FilterKernels& kernels, const FilterJob& job, const Weights& weights,
+                                      const Counts& counts, const FilterDivision& division) {
+    Programs<PairPlanner> pairs(PairPlanner(weights, job.srcStep));
+    Programs<SinglePlanner> singles(SinglePlanner(weights, job.srcStep));
+    alignas(64) int32_t low[kTileRows * kTileWidth];
+    alignas(64) int32_t high[kTileRows * kTileWidth];
+    overTiles(kernels, job, kTileRows, [&](FilterTile& tile, int x, int y) {
+        for (int z = 0; z < job.size.depth; ++z) {
+            tile.planes = job.src + z;
+            pairs.forEach(
+                [&](const FilterProgram& program, bool add) { kernels.widePairs(program, tile, low, high, add); });
+            if (counts.wrapping)
+                singles.forEach(
+                    [&](const FilterProgram& program, bool) { kernels.wideSingles(program, tile, low, high, true); });
+            kernels.finishWide(division, tile, low, high, job.dst[z] + y * job.dstStep + x, job.dstStep);
+        }
+    });
+}
+
+// ---- Factored kernels ----------------------------------------------------------------------------------------------
+
+constexpr int kFactorTaps = 33; // along an axis
+constexpr int kBaseTaps = 2048; // of what remains
+constexpr int kRingRows = 64;   // tile rows that the ring of planes holds
+
+enum Axis { axisY, axisZ };
+
+// The kernel is factor (along one axis) times base (the other two), or it is not: decided exactly.
+struct Split {
+    int32_t factor[kFactorTaps];
+    int32_t base[kBaseTaps];
+    Weights rest;
+};
+
+static int32_t gcd(int32_t a, int32_t b) {
+    while (b != 0) {
+        const int32_t r = a % b;
+        a = b, b = r;
+    }
+    return a < 0 ? -a : a;
+}
+
+// Only for kernels of narrow sums, so no product here overflows. The line through an element that is not zero, divided
+// by the greatest common divisor, has to be the factor if there is one: it has no common divisor left, so what remains
+// is integer too.
+static bool split(const Weights& k, Axis axis, Split& out) {
+    const int taps = axis == axisZ ? k.depth : k.height;
+    const int rows = axis == axisZ ? k.height : k.depth;
+    const ptrdiff_t along = axis == axisZ ? k.strideZ : k.strideY;
+    const ptrdiff_t across = axis == axisZ ? k.strideY : k.strideZ;
+    if (taps < 2 || taps > kFactorTaps || int64_t(k.width) * rows > kBaseTaps) return false;
+
+    const int32_t* pivot = nullptr; // on the first plane or row of the axis
+    int t0 = 0;
+    for (int r = 0; r < rows && !pivot; ++r)
+        for (int x = 0; x < k.width && !pivot; ++x)
+            for (int t = 0; t < taps && !pivot; ++t) {
+                const int32_t* line = k.first + x * k.strideX + r * across;
+                if (line[t * along] != 0) pivot = line, t0 = t;
+            }
+    if (!pivot) return false;
+    int32_t divisor = 0;
+    for (int t = 0; t < taps; ++t) divisor = gcd(divisor, pivot[t * along]);
+    for (int t = 0; t < taps; ++t) out.factor[t] = pivot[t * along] / divisor;
+
+    for (int r = 0; r < rows; ++r)
+        for (int x = 0; x < k.width; ++x) {
+            const int32_t* line = k.first + x * k.strideX + r * across;
+            const int32_t b = line[t0 * along] / out.factor[t0];
+            for (int t = 0; t < taps; ++t)
+                if (line[t * along] != int64_t(b) * out.factor[t]) return false;
+            out.base[r * k.width + x] = b;
+        }
+    out.rest = axis == axisZ ? Weights{out.base, 1, k.width, 0, k.width, k.height, 1}
+                             : Weights{out.base, 1, 0, k.width, k.width, 1, k.depth};
+    return true;
+}
+
+// A factor's taps that are not zero.
+struct Taps {
+    int length; // with the zeros
+    int count;
+    int32_t weight[kFactorTaps];
+    int at[kFactorTaps];
+};
+
+static Taps tapsOf(const int32_t* factor, int length) {
+    Taps taps;
+    taps.length = length;
+    taps.count = 0;
+    for (int t = 0; t < length; ++t)
+        if (factor[t] != 0) {
+            taps.weight[taps.count] = factor[t];
+            taps.at[taps.count++] = t;
+        }
+    return taps;
+}
+
+static const int32_t kUnit = 1;
+static Taps noTaps() {
+    return tapsOf(&kUnit, 1);
+}
+
+static int tileRowsFor(int depth) {
+    const int rows = kRingRows / depth;
+    return rows < kTileRows ? rows : kTileRows;
+}
+
+// Vector operations per two registers of 32-bit sums, that is for one vector of voxels.
+static ZENR_OWN_FRAME double costOfPairs(const Weights& weights) {
+    PairPlanner planner(weights, 0);
+    FilterProgram program;
+    double cost = 4;
+    while (!planner.done()) {
+        planner.next(program);
+        cost += 4.0 * program.entryCount;
+    }
+    return cost;
+}
+static double costOfTaps(const FilterKernels& kernels, const Taps& taps) {
+    return taps.length == 1 ? 0 : 4 + 2.0 * taps.count * (1 + kernels.multiplyCost);
+}
+
+// The base by pairs, then along y where y has taps, then along z out of a ring of planes.
+static ZENR_OWN_FRAME void filterFactored(const FilterKernels& kernels, const FilterJob& job, const Weights& base,
+                                          const Taps& yTaps, const Taps& zTaps, const FilterDivision& division) {
+    Programs<PairPlanner> pairs(PairPlanner(base, job.srcStep));
+    alignas(64) int32_t stage[(kTileRows + kFactorTaps - 1) * kTileWidth];
+    alignas(64) int32_t ring[kRingRows * kTileWidth];
+    alignas(64) int32_t sums[kTileRows * kTileWidth];
+    const int rows = tileRowsFor(zTaps.length);
+    overTiles(kernels, job, rows, [&](FilterTile& tile, int x, int y) {
+        const int count = tile.rows * tile.stride;
+        const int32_t* in[kFactorTaps];
+        for (int64_t p = 0; p < int64_t(job.size.depth) + zTaps.length - 1; ++p) {
+            tile.planes = job.src + ptrdiff_t(p);
+            int32_t* plane = ring + p % zTaps.length * rows * kTileWidth;
+            FilterTile tall = tile;
+            tall.rows += yTaps.length - 1;
+            int32_t* first = yTaps.length > 1 ? stage : plane;
+            pairs.forEach(
+                [&](const FilterProgram& program, bool add) { kernels.narrowPairs(program, tall, first, add); });
+            if (yTaps.length > 1) {
+                for (int t = 0; t < yTaps.count; ++t) in[t] = stage + yTaps.at[t] * tile.stride;
+                kernels.combine(in, yTaps.weight, yTaps.count, plane, count);
+            }
+            const ptrdiff_t z = ptrdiff_t(p) - (zTaps.length - 1);
+            if (z < 0) continue;
+            const int32_t* done = plane;
+            if (zTaps.length > 1) {
+                for (int t = 0; t < zTaps.count; ++t)
+                    in[t] = ring + (z + zTaps.at[t]) % zTaps.length * rows * kTileWidth;
+                kernels.combine(in, zTaps.weight, zTaps.count, sums, count);
+                done = sums;
+            }
+            kernels.finishNarrow(division, tile, done, job.dst[z] + y * job.dstStep + x, job.dstStep);
+        }
+    });
+}
+
+// The cheapest way for a kernel of narrow sums.
+static ZENR_OWN_FRAME void filterNarrowBest(const FilterKernels& kernels, const FilterJob& job, const Weights& weights,
+                                            const FilterDivision& division) {
+    double least = costOfPairs(weights);
+    const Weights* base = nullptr;
+    Taps yTaps = noTaps(), zTaps = noTaps();
+    const auto consider = [&](const Weights& b, const Taps& y, const Taps& z) {
+        const int rows = tileRowsFor(z.length);
+        if (rows < 4) return;
+        const double cost =
+            costOfPairs(b) * (rows + y.length - 1) / rows + costOfTaps(kernels, y) + costOfTaps(kernels, z);
+        if (cost >= least) return;
+        least = cost;
+        base = &b, yTaps = y, zTaps = z;
+    };
+    Split alongY, alongZ, both;
+    if (split(weights, axisY, alongY)) consider(alongY.rest, tapsOf(alongY.factor, weights.height), noTaps());
+    if (split(weights, axisZ, alongZ)) {
+        const Taps z = tapsOf(alongZ.factor, weights.depth);
+        consider(alongZ.rest, noTaps(), z);
+        if (split(alongZ.rest, axisY, both)) consider(both.rest, tapsOf(both.factor, weights.height), z);
+    }
+    if (base)
+        filterFactored(kernels, job, *base, yTaps, zTaps, division);
+    else
+        filterNarrow(kernels, job, weights, division);
+}
+
 void ownFilter(Level level, const FilterJob& job) {
-    filterKernels(level).plain(job);
+    const FilterKernels& kernels = filterKernels(level);
+    const Weights weights = mirrored(job);
+    // Terms that a wide sum may have, so that neither of its words overflows: a tap has at most three parts, and every
+    // part at most one segment for either of two entries.
+    const int64_t taps = int64_t(job.kernelSize.width) * job.kernelSize.height * job.kernelSize.depth;
+    constexpr int64_t kWideTaps = 65535 / 6;
+    const Counts counts = countWeights(weights);
+
+    if (job.size.width < 8)
+        kernels.plain(job);
+    else if (counts.sum <= kNarrowSum)
+        filterNarrowBest(kernels, job, weights, planDivision(job.divisor, counts.sum * 32768));
+    else if (taps <= kWideTaps)
+        filterWide(kernels, job, weights, counts, planDivision(job.divisor, -1));
+    else
+        kernels.plain(job);
 }
 
 } // namespace zenr

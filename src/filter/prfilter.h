@@ -1,4 +1,17 @@
 // Volume filtering: what the exported functions, the planning and the kernels of a level share.
+//
+// A call is planned once from its weights, such that the arithmetic chosen provably gives the sum that 64 bits would:
+//
+//   narrow    the sizes of all weights sum to at most 65535: every partial sum of products fits 32 bits
+//   wide      any weights: pairs of 16-bit products are summed in 32 bits as long as that is proven to fit, then added
+//             to a sum that is kept in two words; weights whose products wrap go one by one
+//   factored  narrow, and the kernel is a product of vectors, or of a vector and a plane: passes of lower dimension.
+//             32-bit arithmetic wraps in between, but the sum at the end fits
+//   plain     what is left: volumes narrower than a register, and kernels beyond the counts of the wide sums
+//
+// The volume is walked in tiles whose sums stay in the first-level cache. A tile's sums are kept in blocks of one
+// vector of voxels (`lanes`): the sums of its even voxels, then those of its odd ones, as the multiply-add of pairs
+// delivers them. The last block of a row overlaps the one before it, so that nothing outside is read or written.
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
@@ -22,7 +35,72 @@ struct FilterJob {
     int32_t divisor;
 };
 
+// One load of a vector of voxels. In a program of pairs, `even` holds the 16-bit weights of voxels 2i and 2i + 1 of the
+// load for the even output 2i (first one in the low half), `odd` those for the odd output 2i + 1. In a program of
+// single taps `even` holds the low, `odd` the high 16 bits of the weight, both twice.
+struct FilterEntry {
+    ptrdiff_t offset; // voxels
+    int32_t even;
+    int32_t odd;
+};
+
+// Entries that read one plane, and whose sum fits 32 bits.
+struct FilterSegment {
+    ptrdiff_t plane;
+    int32_t begin;
+    int32_t end;
+};
+
+struct FilterProgram {
+    static constexpr int kEntries = 768;
+    static constexpr int kSegments = 384;
+    // Taps of one kernel row that are planned at a time, and single taps in a program: the sums of their upper and
+    // lower halves are kept in 16 bits.
+    static constexpr int kPiece = 255;
+
+    int entryCount;
+    int segmentCount;
+    FilterSegment segment[kSegments];
+    FilterEntry entry[kEntries];
+};
+
+// Where a tile reads and what shape it has. Row r of the sums starts at r * stride.
+struct FilterTile {
+    const int16_t* const* planes;
+    ptrdiff_t origin; // voxels from a plane's pointer to the first voxel of the first output's neighbourhood
+    ptrdiff_t step;
+    int rows;
+    int width;
+    int lanes;  // 8, 16 or 32, at most width
+    int stride; // width rounded up to whole lanes
+};
+
+// sum / divisor, half to even.
+struct FilterDivision {
+    enum Mode { none, shift, reciprocal, reciprocalWithTies } mode;
+    int32_t bits; // mode shift
+    int32_t half;
+    // The reciprocal; where ties are possible, one that is slightly too small and one that is slightly too large: their
+    // quotients round to different integers at ties only.
+    double low;
+    double high;
+};
+
 struct FilterKernels {
+    int lanes;        // the most voxels of a vector
+    int multiplyCost; // of a 32-bit multiplication, in additions
+    // Sums of a tile; `add` to what is there. The wide ones keep the sum as high * 2^16 + the remainder, which is
+    // (low - high * 2^16) modulo 2^32.
+    void (*narrowPairs)(const FilterProgram& program, const FilterTile& tile, int32_t* sums, bool add);
+    void (*widePairs)(const FilterProgram& program, const FilterTile& tile, int32_t* low, int32_t* high, bool add);
+    void (*wideSingles)(const FilterProgram& program, const FilterTile& tile, int32_t* low, int32_t* high, bool add);
+    // out[i] = sum of weight[t] * in[t][i] modulo 2^32; count is a multiple of 8.
+    void (*combine)(const int32_t* const* in, const int32_t* weight, int taps, int32_t* out, int count);
+    // Sums to voxels.
+    void (*finishNarrow)(const FilterDivision& division, const FilterTile& tile, const int32_t* sums, int16_t* dst,
+                         ptrdiff_t dstStep);
+    void (*finishWide)(const FilterDivision& division, const FilterTile& tile, const int32_t* low, const int32_t* high,
+                       int16_t* dst, ptrdiff_t dstStep);
     // The whole job by plain loops over rows, in 64 bits: for any kernel and any width.
     void (*plain)(const FilterJob& job);
 };

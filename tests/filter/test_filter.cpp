@@ -92,7 +92,7 @@ struct Case {
                         ASSERT_EQ(dstPlanes[z][long(y) * dstStep + x], zenrref::divideFiltered(sums[i], divisor))
                             << levelName(level) << " size " << w << "x" << h << "x" << d << " kernel " << shape.kw
                             << "x" << shape.kh << "x" << shape.kd << " at " << x << " " << y << " " << z << " sum "
-                            << sums[i] << " divisor " << divisor;
+                            << sums[i] << " divisor " << divisor << " weights " << testing::PrintToString(kernel);
                 const int16_t* block = dstBlocks[z]->data();
                 const long stride = labs(long(dstStep));
                 for (size_t j = 0; j < dstBlocks[z]->size(); ++j) {
@@ -342,9 +342,10 @@ TEST(Filter, LimitsOfTheSums) {
     const int32_t special[] = {32767,  32768, -32768,  -32769,  65534,   65535,    -65535,     65536,
                                -65536, 65537, INT_MAX, INT_MIN, 0x18000, -0x18000, 0x7FFF8000, int32_t(0x80008000)};
     for (int32_t weight : special)
-        for (int kw : {1, 2, 3}) {
-            Case c(37, 4, 2, {kw, 2, 1, 0, 0, 0});
-            for (int32_t& k : c.kernel) k = weight;
+        for (int kw : {1, 2, 3, 4}) {
+            // Four wide: one weight among zeros.
+            Case c(37, 4, 2, {kw, kw == 1 ? 1 : 2, 1 + kw / 4, 0, 0, 0});
+            for (int32_t& k : c.kernel) k = kw == 4 && &k != &c.kernel[5] ? 0 : weight;
             c.fillExtremes();
             const std::vector<int64_t> sums = c.sums();
             for (int32_t divisor : {1, 65536, 100000, -3}) c.check(divisor, sums);
