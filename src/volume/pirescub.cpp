@@ -1,78 +1,75 @@
 // The cubic passes of volume resize, once per level.
-//
-// The sums are defined in extended precision and rounded once. Here they run in double, where the products of two
-// floats are exact, with a bound on what the double sum and the extended sum may differ by: where every number within
-// the bound rounds to the same result, that is the result; where not (one element in some ten million, and every
-// infinity), the run of elements is summed again in extended precision.
 #include "volume/pirescub.h"
 
 #include "volume/presround.h"
+#include "volume/presvec.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
 namespace {
 
-// Elements that share one test of doubt.
-constexpr int kRun = 64;
-
-// Of weights of at most 1 in size: three additions with a rounding error of 2^-53 of at most `size` each, one more in
-// forming the interval's ends, and the extended sum's own.
-template <class T>
-inline float sumOf(const T* s0, const T* s1, const T* s2, const T* s3, double w0, double w1, double w2, double w3,
-                   int* doubt) {
-    const double a = w0 * *s0;
-    const double b = w1 * *s1;
-    const double c = w2 * *s2;
-    const double d = w3 * *s3;
-    return roundDoubtfully(a + b + c + d, sizeOf(a) + sizeOf(b) + sizeOf(c) + sizeOf(d), doubt);
-}
-
-inline long double exactSum(long double s0, long double s1, long double s2, long double s3, float w0, float w1,
-                            float w2, float w3) {
+inline long double exactSum(long double s0, long double s1, long double s2, long double s3, double w0, double w1,
+                            double w2, double w3) {
     return w0 * s0 + w1 * s1 + w2 * s2 + w3 * s3;
 }
 
+// A row pass: taps through the index table, weights in one array per tap.
+template <class T> struct RowSums {
+    const T* s;
+    const int* index;
+    const double *w0, *w1, *w2, *w3;
+    Sum sum(int x) const {
+        const T* const t = s + index[x];
+        return cubicSum(w0[x] * t[0], w1[x] * t[1], w2[x] * t[2], w3[x] * t[3]);
+    }
+    long double exact(int x) const {
+        const T* const t = s + index[x];
+        return exactSum(t[0], t[1], t[2], t[3], w0[x], w1[x], w2[x], w3[x]);
+    }
+};
+
 template <class T>
-void rowCubic(const T* const* rows, float* const* dst, int rowCount, const int* index, const float* weights, int stride,
-              int n) {
-    const float* const w0 = weights;
-    const float* const w1 = w0 + stride;
-    const float* const w2 = w1 + stride;
-    const float* const w3 = w2 + stride;
+void rowCubic(const T* const* rows, float* const* dst, int rowCount, const int* index, const double* weights,
+              int stride, int n) {
     for (int r = 0; r < rowCount; ++r) {
         const T* const s = rows[r] - 1;
-        float* const out = dst[r];
-        for (int begin = 0; begin < n; begin += kRun) {
-            const int end = n - begin < kRun ? n : begin + kRun;
-            int doubt = 0;
-            for (int x = begin; x < end; ++x) {
-                const T* const t = s + index[x];
-                out[x] = sumOf(t, t + 1, t + 2, t + 3, w0[x], w1[x], w2[x], w3[x], &doubt);
-            }
-            if (doubt)
-                for (int x = begin; x < end; ++x) {
-                    const T* const t = s + index[x];
-                    out[x] = float(exactSum(t[0], t[1], t[2], t[3], w0[x], w1[x], w2[x], w3[x]));
+        const RowSums<T> sums = {s, index, weights, weights + stride, weights + 2 * stride, weights + 3 * stride};
+#if defined(ZENR_LEVEL_avx512)
+        constexpr int kGroup = 8;
+        if (n >= kGroup) {
+            for (int begin = 0; begin < n; begin += kGroup) {
+                const int x = n - begin < kGroup ? n - kGroup : begin; // the last group may overlap the one before
+                __m512d t[4];
+                bool settled = tapsOf8<4>(s, index + x, t);
+                if (settled) {
+                    for (int k = 0; k < 4; ++k) t[k] = _mm512_mul_pd(t[k], _mm512_loadu_pd(weights + x + k * stride));
+                    const __m512d sum = _mm512_add_pd(_mm512_add_pd(_mm512_add_pd(t[0], t[1]), t[2]), t[3]);
+                    const __m512d size = _mm512_add_pd(_mm512_add_pd(_mm512_abs_pd(t[0]), _mm512_abs_pd(t[1])),
+                                                       _mm512_add_pd(_mm512_abs_pd(t[2]), _mm512_abs_pd(t[3])));
+                    settled = !storeDoubtfully8(dst[r] + x, sum, size);
                 }
+                if (!settled) roundRun(sums, dst[r], x, kGroup);
+            }
+            continue;
         }
+#endif
+        roundRow(sums, dst[r], n);
     }
 }
 
-void colCubic(const float* const rows[4], const float* w, float* __restrict dst, int n) {
-    const float* const r0 = rows[0];
-    const float* const r1 = rows[1];
-    const float* const r2 = rows[2];
-    const float* const r3 = rows[3];
-    const double w0 = w[0], w1 = w[1], w2 = w[2], w3 = w[3];
-    for (int begin = 0; begin < n; begin += kRun) {
-        const int end = n - begin < kRun ? n : begin + kRun;
-        int doubt = 0;
-        for (int x = begin; x < end; ++x) dst[x] = sumOf(r0 + x, r1 + x, r2 + x, r3 + x, w0, w1, w2, w3, &doubt);
-        if (doubt)
-            for (int x = begin; x < end; ++x)
-                dst[x] = float(exactSum(r0[x], r1[x], r2[x], r3[x], w[0], w[1], w[2], w[3]));
-    }
+// A column or depth pass: four rows, four weights.
+struct ColumnSums {
+    const float *r0, *r1, *r2, *r3;
+    double w0, w1, w2, w3;
+    Sum sum(int x) const { return cubicSum(w0 * r0[x], w1 * r1[x], w2 * r2[x], w3 * r3[x]); }
+    long double exact(int x) const { return exactSum(r0[x], r1[x], r2[x], r3[x], w0, w1, w2, w3); }
+};
+
+void colCubic(const float* const rows[4], const float* w, float* dst, int n) {
+    roundRow(ColumnSums{rows[0], rows[1], rows[2], rows[3], w[0], w[1], w[2], w[3]}, dst, n);
 }
+
+constexpr int kRun = 64; // voxels that share one test of doubt
 
 // Half-way values and those up to 1e-7 below them round up: the constant is not 0.5 on purpose.
 constexpr double kHalfUp = 0.5000001;

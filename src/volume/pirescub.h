@@ -47,7 +47,7 @@ void ownpi_CubicWeights(int mode, const float* fractions, int n, float* weights)
 // The passes. Row: the taps of destination column x lie at src[index[x] - 1] and on; its weight k at weights[k *
 // stride + x]. Sums run in extended precision, and each pass rounds once.
 template <class T>
-using RowCubic = void(const T* const* rows, float* const* dst, int rowCount, const int* index, const float* weights,
+using RowCubic = void(const T* const* rows, float* const* dst, int rowCount, const int* index, const double* weights,
                       int stride, int n);
 using ColCubic = void(const float* const rows[4], const float* weights, float* dst, int n);
 template <class T> using DepCubic = void(const float* const planes[4], const float* weights, T* dst, int n);

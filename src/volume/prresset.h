@@ -101,7 +101,7 @@ template <class T> struct Linear {
 template <class T> struct Cubic {
     using Voxel = T;
     using Inter = float;
-    using Weight = float;
+    using Weight = double; // a float, in the type that sums run in
     struct Weights {
         float tap[4];
     };
@@ -126,7 +126,7 @@ template <class T> struct Cubic {
     }
 
     static void row(const Kernels& k, const T* const* src, float* const* dst, int rowCount, const int* index,
-                    const float* weights, int stride, int n) {
+                    const double* weights, int stride, int n) {
         if constexpr (sizeof(T) == 1)
             k.row8(src, dst, rowCount, index, weights, stride, n);
         else if constexpr (sizeof(T) == 2)
