@@ -66,7 +66,20 @@ struct ColumnSums {
 };
 
 void colCubic(const float* const rows[4], const float* w, float* dst, int n) {
-    roundRow(ColumnSums{rows[0], rows[1], rows[2], rows[3], w[0], w[1], w[2], w[3]}, dst, n);
+    const ColumnSums sums = {rows[0], rows[1], rows[2], rows[3], w[0], w[1], w[2], w[3]};
+#if defined(ZENR_LEVEL_avx512)
+    constexpr int kGroup = 16;
+    if (n >= kGroup) {
+        const __m512d weights[4] = {_mm512_set1_pd(w[0]), _mm512_set1_pd(w[1]), _mm512_set1_pd(w[2]),
+                                    _mm512_set1_pd(w[3])};
+        for (int begin = 0; begin < n; begin += kGroup) {
+            const int x = n - begin < kGroup ? n - kGroup : begin; // the last group may overlap the one before
+            if (__builtin_expect(column16(rows, x, weights, dst) != 0, 0)) roundRun(sums, dst, x, kGroup);
+        }
+        return;
+    }
+#endif
+    roundRow(sums, dst, n);
 }
 
 constexpr int kRun = 64; // voxels that share one test of doubt
@@ -78,18 +91,31 @@ constexpr double kHalfUp = 0.5000001;
 // is more than the rounding errors of the sum in double.
 constexpr double kSumError = 1.862645149230957e-9;
 
+template <class T> T depthExact(const ColumnSums& sums, int x) {
+    constexpr int kMost = T(~T(0));
+    const long double sum = sums.exact(x) + kHalfUp;
+    return sum < 0 ? T(0) : sum > kMost ? T(kMost) : T(int(sum));
+}
+
 template <class T> void depCubicInteger(const float* const planes[4], const float* w, T* __restrict dst, int n) {
-    const float* const p0 = planes[0];
-    const float* const p1 = planes[1];
-    const float* const p2 = planes[2];
-    const float* const p3 = planes[3];
-    const double w0 = w[0], w1 = w[1], w2 = w[2], w3 = w[3];
-    constexpr double kMost = T(~T(0));
-    for (int begin = 0; begin < n; begin += kRun) {
+    const ColumnSums sums = {planes[0], planes[1], planes[2], planes[3], w[0], w[1], w[2], w[3]};
+    constexpr int kMost = T(~T(0));
+    int done = 0;
+#if defined(ZENR_LEVEL_avx512)
+    const __m512d weights[4] = {_mm512_set1_pd(w[0]), _mm512_set1_pd(w[1]), _mm512_set1_pd(w[2]), _mm512_set1_pd(w[3])};
+    for (; n - done >= 16; done += 16) {
+        __m512i voxels;
+        if (__builtin_expect(depthInteger16(planes, done, weights, kHalfUp, kSumError, kMost, &voxels) != 0, 0))
+            for (int x = done; x < done + 16; ++x) dst[x] = depthExact<T>(sums, x);
+        else
+            storeVoxels(dst + done, voxels);
+    }
+#endif
+    for (int begin = done; begin < n; begin += kRun) {
         const int end = n - begin < kRun ? n : begin + kRun;
         int doubt = 0;
         for (int x = begin; x < end; ++x) {
-            const double sum = w0 * p0[x] + w1 * p1[x] + w2 * p2[x] + w3 * p3[x] + kHalfUp;
+            const double sum = sums.sum(x).value + kHalfUp;
             double low = sum - kSumError;
             double high = sum + kSumError;
             low = low < 0 ? 0 : low;
@@ -100,10 +126,7 @@ template <class T> void depCubicInteger(const float* const planes[4], const floa
             dst[x] = T(int(low));
         }
         if (doubt)
-            for (int x = begin; x < end; ++x) {
-                const long double sum = exactSum(p0[x], p1[x], p2[x], p3[x], w[0], w[1], w[2], w[3]) + kHalfUp;
-                dst[x] = sum < 0 ? T(0) : sum > kMost ? T(kMost) : T(int(sum));
-            }
+            for (int x = begin; x < end; ++x) dst[x] = depthExact<T>(sums, x);
     }
 }
 
