@@ -1,5 +1,6 @@
 // Volume resize: ns per destination voxel of every type, mode and level, against plain loops over the same weights
-// (whole planes, one thread, -O3), and two threads against one. Writes JSON with --json FILE; --size N for the source.
+// (whole planes, one thread, -O3), and two threads against one. Writes JSON with --benchmark_out=FILE; --size N for the
+// source.
 #include <math.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -140,6 +141,7 @@ template <class T> void plain(const Volume<T>& s, Volume<T>& d, double factor, i
 }
 
 FILE* json = nullptr;
+bool first = true;
 
 template <class T> void measure(const char* type, int n, double factor) {
     Volume<T> src({n, n, n});
@@ -172,11 +174,13 @@ template <class T> void measure(const char* type, int n, double factor) {
         const char* const name = mode == 1 ? "nearest" : mode == 2 ? "linear" : "cubic";
         printf("%-4s %-8s x%-5.3g %4d^3  %7.3f ns/voxel  plain loops %7.3f  %5.1fx  two threads %5.2fx\n", type, name,
                factor, n, one / voxels * 1e9, peerTime / voxels * 1e9, peerTime / one, oneWall / two);
-        if (json)
+        if (json) {
             fprintf(json,
-                    "{\"bench\":\"resize\",\"type\":\"%s\",\"mode\":\"%s\",\"factor\":%.4f,\"size\":%d,\"ns\":%.4f,"
-                    "\"plain\":%.2f,\"threads2\":%.2f}\n",
-                    type, name, factor, n, one / voxels * 1e9, peerTime / one, oneWall / two);
+                    "%s{\"bench\":\"resize\",\"type\":\"%s\",\"mode\":\"%s\",\"factor\":%.4f,\"size\":%d,\"ns\":%.4f,"
+                    "\"plain\":%.2f,\"threads2\":%.2f}",
+                    first ? "[\n" : ",\n", type, name, factor, n, one / voxels * 1e9, peerTime / one, oneWall / two);
+            first = false;
+        }
         fflush(stdout);
     }
 }
@@ -185,12 +189,13 @@ template <class T> void measure(const char* type, int n, double factor) {
 
 int main(int argc, char** argv) {
     int n = 128;
-    for (int i = 1; i + 1 < argc; ++i) {
-        if (!strcmp(argv[i], "--size")) n = atoi(argv[i + 1]);
-        if (!strcmp(argv[i], "--json")) json = fopen(argv[i + 1], "w");
+    const char* const outOption = "--benchmark_out=";
+    for (int i = 1; i < argc; ++i) {
+        if (i + 1 < argc && !strcmp(argv[i], "--size")) n = atoi(argv[i + 1]);
+        if (!strncmp(argv[i], outOption, strlen(outOption))) json = fopen(argv[i] + strlen(outOption), "w");
     }
     if (n < 16 || n > 1024) {
-        fprintf(stderr, "usage: bench_resize [--size 16..1024] [--json FILE]\n");
+        fprintf(stderr, "usage: bench_resize [--size 16..1024] [--benchmark_out=FILE]\n");
         return 2;
     }
     for (double factor : {1.5, 2.0 / 3}) {
@@ -198,6 +203,9 @@ int main(int argc, char** argv) {
         measure<uint16_t>("16u", n, factor);
         measure<float>("32f", n, factor);
     }
-    if (json) fclose(json);
+    if (json) {
+        fputs("\n]\n", json);
+        fclose(json);
+    }
     return 0;
 }
