@@ -1,0 +1,111 @@
+// The program as a user meets it: what it writes, and what it says about input that it cannot use.
+#include "program_test.h"
+
+namespace {
+
+class VolumeProgram : public ProgramTest {
+protected:
+    // A raw volume of 8-bit voxels with the value of their place.
+    std::string ramp(int width, int height, int depth) const {
+        std::string voxels;
+        for (int i = 0; i < width * height * depth; ++i) voxels += char(i % 251);
+        return voxels;
+    }
+    void write(const std::string& name, const std::string& bytes) const {
+        std::ofstream(path("work/" + name), std::ios::binary) << bytes;
+    }
+    void expectRefused(const std::string& arguments, const std::string& reason) const {
+        const auto files = filesOfWork();
+        const Outcome outcome = run(arguments);
+        EXPECT_EQ(outcome.code, 1) << arguments;
+        EXPECT_NE(outcome.err.find(reason), std::string::npos) << arguments << ": " << outcome.err;
+        EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
+        EXPECT_EQ(filesOfWork(), files) << arguments;
+    }
+};
+
+} // namespace
+
+TEST_F(VolumeProgram, FactorOneCopies) {
+    write("in.raw", ramp(20, 18, 17));
+    for (const char* how : {"nearest", "linear", "cubic"}) {
+        const Outcome outcome =
+            run(std::string("resize in.raw out.raw --size 20x18x17 --factor 1 --interpolation ") + how);
+        ASSERT_EQ(outcome.code, 0) << outcome.err;
+        EXPECT_EQ(slurp(path("work/out.raw")), ramp(20, 18, 17)) << how;
+    }
+}
+
+TEST_F(VolumeProgram, FactorTwoDoublesEachVoxelWhereItIsNearest) {
+    write("in.raw", ramp(5, 4, 3));
+    ASSERT_EQ(run("resize in.raw out.raw --size 5x4x3 --factor 2 --interpolation nearest --picture sheet.png").code, 0);
+    const std::string in = ramp(5, 4, 3), out = slurp(path("work/out.raw"));
+    ASSERT_EQ(out.size(), size_t(10 * 8 * 6));
+    for (int z = 0; z < 6; ++z) {
+        for (int y = 0; y < 8; ++y) {
+            for (int x = 0; x < 10; ++x)
+                ASSERT_EQ(out[size_t((z * 8 + y) * 10 + x)], in[size_t((z / 2 * 4 + y / 2) * 5 + x / 2)]);
+        }
+    }
+    EXPECT_EQ(slurp(path("work/sheet.png")).substr(1, 3), "PNG");
+}
+
+TEST_F(VolumeProgram, TheNumberOfThreadsDoesNotMatter) {
+    write("in.raw", ramp(40, 30, 35));
+    ASSERT_EQ(run("resize in.raw a.raw --size 40x30x35 --factor 1.3,0.8,2.2 --threads 1").code, 0);
+    ASSERT_EQ(run("resize in.raw b.raw --size 40x30x35 --factor 1.3,0.8,2.2 --threads 3").code, 0);
+    EXPECT_EQ(slurp(path("work/a.raw")), slurp(path("work/b.raw")));
+}
+
+TEST_F(VolumeProgram, AKernelOfOneCopiesAndAFlatVolumeStaysFlat) {
+    write("in.raw", ramp(9, 8, 7));
+    write("one.txt", "# identity\n1 1 1 1\n1\n");
+    ASSERT_EQ(run("filter in.raw out.raw --size 9x8x7 --kernel one.txt").code, 0);
+    EXPECT_EQ(slurp(path("work/out.raw")), ramp(9, 8, 7));
+    write("flat.raw", std::string(9 * 8 * 7, '\x2a'));
+    for (const char* kernel : {"box", "gauss", "sharpen"}) {
+        ASSERT_EQ(run(std::string("filter flat.raw out.raw --size 9x8x7 --kernel ") + kernel).code, 0);
+        EXPECT_EQ(slurp(path("work/out.raw")), std::string(9 * 8 * 7, '\x2a')) << kernel;
+    }
+    for (const char* kernel : {"laplace", "sobel"}) {
+        ASSERT_EQ(run(std::string("filter flat.raw out.raw --size 9x8x7 --kernel ") + kernel).code, 0);
+        EXPECT_EQ(slurp(path("work/out.raw")), std::string(9 * 8 * 7, '\0')) << kernel;
+    }
+}
+
+#ifdef VOLUME_WITH_NIFTI
+TEST_F(VolumeProgram, NiftiKeepsVoxelsAndPlace) {
+    write("in.raw", ramp(20, 18, 17));
+    ASSERT_EQ(run("resize in.raw a.nii.gz --size 20x18x17 --factor 1").code, 0);
+    ASSERT_EQ(run("resize a.nii.gz b.nii --factor 1").code, 0);
+    ASSERT_EQ(run("resize b.nii c.raw --factor 1").code, 0);
+    EXPECT_EQ(slurp(path("work/c.raw")), ramp(20, 18, 17));
+    write("broken.nii", slurp(path("work/b.nii")).substr(0, 500));
+    expectRefused("resize broken.nii out.raw --factor 1", "broken.nii");
+    write("text.nii", "this is no scan");
+    expectRefused("resize text.nii out.raw --factor 1", "text.nii");
+}
+#endif
+
+TEST_F(VolumeProgram, BadInputIsRefusedInOneLine) {
+    write("in.raw", ramp(5, 4, 3));
+    write("bad.txt", "3 3 3 1\n1 2 3\n");
+    write("zero.txt", "1 1 1 0\n1\n");
+    expectRefused("resize none.raw out.raw --size 5x4x3 --factor 2", "none.raw");
+    expectRefused("resize in.raw out.raw --factor 2", "--size");
+    expectRefused("resize in.raw out.raw --size 5x4 --factor 2", "--size");
+    expectRefused("resize in.raw out.raw --size 0x4x3 --factor 2", "--size");
+    expectRefused("resize in.raw out.raw --size 5x4x4 --factor 2", "60 bytes");
+    expectRefused("resize in.raw out.raw --size 5x4x3 --factor 1,2", "--factor");
+    expectRefused("resize in.raw out.raw --size 5x4x3 --factor 0", "--factor");
+    expectRefused("resize in.raw out.raw --size 5x4x3 --factor nan", "factor");
+    expectRefused("resize in.raw out.raw --size 5x4x3 --factor 0.01", "no voxel");
+    expectRefused("resize in.raw out.raw --size 5x4x3 --factor 2 --interpolation best", "--interpolation");
+    expectRefused("resize in.raw missing/out.raw --size 5x4x3 --factor 2", "missing/out.raw");
+    expectRefused("resize in.raw out.raw --size 5x4x3 --factor 2 --picture missing/sheet.png", "missing/sheet.png");
+    expectRefused("filter in.raw out.raw --size 5x4x3 --kernel bad.txt", "bad.txt");
+    expectRefused("filter in.raw out.raw --size 5x4x3 --kernel zero.txt", "zero.txt");
+    expectRefused("filter in.raw out.raw --size 5x4x3 --kernel none.txt", "none.txt");
+    expectRefused("rotate in.raw", "volume:");
+    expectRefused("", "volume:");
+}
