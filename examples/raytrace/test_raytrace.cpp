@@ -1,5 +1,5 @@
 // The program as a user meets it: runs it, reads what it says and the pictures that it writes. The path of the program
-// comes in the environment variable RAYTRACE.
+// comes in the environment variable PROGRAM.
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -17,6 +17,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "program_test.h"
+
 #define STB_IMAGE_IMPLEMENTATION
 #define STB_IMAGE_STATIC
 #define STBI_ONLY_PNG
@@ -27,48 +29,8 @@
 
 namespace {
 
-std::string slurp(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-struct Outcome {
-    int code;
-    std::string out, err;
-};
-
-class Raytrace : public testing::Test {
+class Raytrace : public ProgramTest {
 protected:
-    void SetUp() override {
-        const char* program = std::getenv("RAYTRACE");
-        ASSERT_NE(program, nullptr);
-        program_ = program;
-        char name[] = "/tmp/raytrace-test-XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        folder_ = name;
-        ASSERT_EQ(mkdir(path("work").c_str(), 0777), 0);
-    }
-    void TearDown() override { ASSERT_EQ(std::system(("rm -rf " + folder_).c_str()), 0); }
-
-    std::string path(const std::string& name) const { return folder_ + "/" + name; }
-
-    // Runs the program in the folder "work" with arguments as a shell would take them.
-    Outcome run(const std::string& arguments) const {
-        const std::string command = "cd " + path("work") + " && '" + program_ + "' " + arguments + " >" + path("out") +
-                                    " 2>" + path("err") + " </dev/null";
-        const int status = std::system(command.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(path("out")), slurp(path("err"))};
-    }
-
-    std::vector<std::string> filesOfWork() const {
-        std::vector<std::string> names;
-        DIR* folder = opendir(path("work").c_str());
-        while (const dirent* entry = readdir(folder))
-            if (entry->d_name[0] != '.') names.push_back(entry->d_name);
-        closedir(folder);
-        return names;
-    }
-
     // Exit code 1, exactly one line on stderr that has `word` in it, and no file left.
     void expectRefused(const std::string& arguments, const std::string& word) const {
         const Outcome outcome = run(arguments);
@@ -82,8 +44,6 @@ protected:
     void write(const std::string& name, const std::string& bytes) const {
         std::ofstream(path(name), std::ios::binary) << bytes;
     }
-
-    std::string program_, folder_;
 };
 
 // A dump as a second hand would write it.

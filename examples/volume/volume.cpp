@@ -94,11 +94,25 @@ bool anyNegative(const int16_t* data, size_t count) {
     return false;
 }
 
+// Whether the file holds so many bytes once decompressed: the NIfTI library fills what is missing with zeros.
+bool holds(const std::string& path, size_t bytes) {
+    znzFile file = znzopen(path.c_str(), "rb", endsWith(path, ".gz"));
+    if (znz_isnull(file)) return false;
+    std::vector<char> block(1 << 20);
+    size_t total = 0;
+    for (size_t n; total < bytes && (n = znzread(block.data(), 1, block.size(), file)) > 0 && n <= block.size();)
+        total += n;
+    znzclose(file);
+    return total >= bytes;
+}
+
 Volume readNifti(const std::string& path) {
     nifti_set_debug_level(0); // its own messages would stand beside ours
-    const auto size = readFile(path).size();
+    readFile(path);           // says what is wrong with a file that cannot be read at all
     Image image(nifti_image_read(path.c_str(), 1), nifti_image_free);
-    if (!image || !image->data || size == 0) throw Failure(path + ": is not a readable NIfTI file");
+    if (!image || !image->data) throw Failure(path + ": is not a readable NIfTI file");
+    if (!holds(path, size_t(image->iname_offset) + image->nvox * size_t(image->nbyper)))
+        throw Failure(path + ": ends before its last voxel");
     if (image->nvox != size_t(image->nx) * image->ny * std::max(image->nz, 1))
         throw Failure(path + ": holds more than one volume");
     const size_t count = image->nvox;
