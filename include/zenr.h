@@ -53,9 +53,9 @@ typedef struct ZenrLibraryVersion {
     int32_t minor;
     int32_t majorBuild;
     int32_t build;
-    char targetCpu[4];       /* processor code, NUL-padded */
-    const char* name;        /* soname of the library */
-    const char* version;     /* version as text */
+    char targetCpu[4];   /* processor code, NUL-padded */
+    const char* name;    /* soname of the library */
+    const char* version; /* version as text */
     const char* buildDate;
 } ZenrLibraryVersion;
 
@@ -151,11 +151,11 @@ enum {
 };
 
 typedef struct ZenrKDTreeBuildParams {
-    uint32_t tag;           /* zenKDTBuildSimple: only this and the next field are read; or zenKDTBuildSAH */
-    int32_t maxDepth;       /* greatest number of interior levels, 0..50 */
+    uint32_t tag;            /* zenKDTBuildSimple: only this and the next field are read; or zenKDTBuildSAH */
+    int32_t maxDepth;        /* greatest number of interior levels, 0..50 */
     float optimizationRatio; /* 0..1: 0 a small tree that is quick to build, 1 the most subdivided */
-    uint32_t memoryLimitMB; /* working memory for the build in MiB, from 33 up */
-    const float* pBoundBox; /* scene box (minimum x, y, z, maximum x, y, z), or null: the box of all vertices */
+    uint32_t memoryLimitMB;  /* working memory for the build in MiB, from 33 up */
+    const float* pBoundBox;  /* scene box (minimum x, y, z, maximum x, y, z), or null: the box of all vertices */
 } ZenrKDTreeBuildParams;
 
 /* Builds the tree of a mesh.
@@ -260,8 +260,8 @@ ZenStatus zenrCastReflectionRay_32f(const float* const incident[3], const int* m
  *   shadowDirection  out: 0 for inactive rays
  * Statuses: zenStsNullPtrErr (side, normal, point, mask, cosine, shadowDirection). */
 ZenStatus zenrCastShadowSO_32f(const float light[3], const float* side, const float* const normal[3],
-                               const float* const point[3], int* mask, float* cosine,
-                               float* const shadowDirection[3], int count);
+                               const float* const point[3], int* mask, float* cosine, float* const shadowDirection[3],
+                               int count);
 
 /* hitPoint = direction * eps * distance + origin for active rays, 0 for the others. eps is a factor: slightly below 1 it
  * pulls the point off the surface, towards the origin. S0: one origin; M0: one per ray.
@@ -406,25 +406,25 @@ ZenStatus zenrResize_8u_C1V(const uint8_t* pSrc, ZenrVolume srcVolume, int srcSt
                             double yFactor, double zFactor, double xShift, double yShift, double zShift,
                             int interpolation, uint8_t* pBuffer);
 ZenStatus zenrResize_16u_C1V(const uint16_t* pSrc, ZenrVolume srcVolume, int srcStep, int srcPlaneStep, ZenrBox srcRoi,
-                            uint16_t* pDst, int dstStep, int dstPlaneStep, ZenrBox dstRoi, double xFactor,
-                            double yFactor, double zFactor, double xShift, double yShift, double zShift,
-                            int interpolation, uint8_t* pBuffer);
+                             uint16_t* pDst, int dstStep, int dstPlaneStep, ZenrBox dstRoi, double xFactor,
+                             double yFactor, double zFactor, double xShift, double yShift, double zShift,
+                             int interpolation, uint8_t* pBuffer);
 ZenStatus zenrResize_32f_C1V(const float* pSrc, ZenrVolume srcVolume, int srcStep, int srcPlaneStep, ZenrBox srcRoi,
-                            float* pDst, int dstStep, int dstPlaneStep, ZenrBox dstRoi, double xFactor,
-                            double yFactor, double zFactor, double xShift, double yShift, double zShift,
-                            int interpolation, uint8_t* pBuffer);
+                             float* pDst, int dstStep, int dstPlaneStep, ZenrBox dstRoi, double xFactor, double yFactor,
+                             double zFactor, double xShift, double yShift, double zShift, int interpolation,
+                             uint8_t* pBuffer);
 ZenStatus zenrResize_8u_C1PV(const uint8_t* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
                              uint8_t* const* pDst, int dstStep, ZenrBox dstRoi, double xFactor, double yFactor,
                              double zFactor, double xShift, double yShift, double zShift, int interpolation,
                              uint8_t* pBuffer);
 ZenStatus zenrResize_16u_C1PV(const uint16_t* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
-                             uint16_t* const* pDst, int dstStep, ZenrBox dstRoi, double xFactor, double yFactor,
-                             double zFactor, double xShift, double yShift, double zShift, int interpolation,
-                             uint8_t* pBuffer);
+                              uint16_t* const* pDst, int dstStep, ZenrBox dstRoi, double xFactor, double yFactor,
+                              double zFactor, double xShift, double yShift, double zShift, int interpolation,
+                              uint8_t* pBuffer);
 ZenStatus zenrResize_32f_C1PV(const float* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
-                             float* const* pDst, int dstStep, ZenrBox dstRoi, double xFactor, double yFactor,
-                             double zFactor, double xShift, double yShift, double zShift, int interpolation,
-                             uint8_t* pBuffer);
+                              float* const* pDst, int dstStep, ZenrBox dstRoi, double xFactor, double yFactor,
+                              double zFactor, double xShift, double yShift, double zShift, int interpolation,
+                              uint8_t* pBuffer);
 
 /* ---- Spherical harmonics ----------------------------------------------------------------------------------------- */
 

@@ -1,7 +1,7 @@
 /* The public headers compile on their own, as C99 and as C++, and their records are what both flavours exchange.
  * DEVIATION makes every comparison wrong, to show that this file can fail. */
-#include "zenr.h"
 #include "zencore.h"
+#include "zenr.h"
 
 #include <stddef.h>
 
