@@ -56,6 +56,17 @@ protected:
         return names;
     }
 
-protected:
+    // Exit code 1, exactly one line on stderr, which names the program and has `word` in it, and no file come or gone.
+    void expectRefused(const std::string& arguments, const std::string& word) const {
+        const auto files = filesOfWork();
+        const Outcome outcome = run(arguments);
+        EXPECT_EQ(outcome.code, 1) << arguments;
+        EXPECT_NE(outcome.err.find(word), std::string::npos) << arguments << ": " << outcome.err;
+        EXPECT_EQ(outcome.err.find('\n'), outcome.err.size() - 1) << arguments << ": " << outcome.err;
+        const std::string name = program_.substr(program_.rfind('/') + 1);
+        EXPECT_EQ(outcome.err.rfind(name + ": ", 0), 0u) << outcome.err;
+        EXPECT_EQ(filesOfWork(), files) << arguments;
+    }
+
     std::string program_, folder_;
 };

@@ -14,14 +14,6 @@ protected:
     void write(const std::string& name, const std::string& bytes) const {
         std::ofstream(path("work/" + name), std::ios::binary) << bytes;
     }
-    void expectRefused(const std::string& arguments, const std::string& reason) const {
-        const auto files = filesOfWork();
-        const Outcome outcome = run(arguments);
-        EXPECT_EQ(outcome.code, 1) << arguments;
-        EXPECT_NE(outcome.err.find(reason), std::string::npos) << arguments << ": " << outcome.err;
-        EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
-        EXPECT_EQ(filesOfWork(), files) << arguments;
-    }
 };
 
 } // namespace

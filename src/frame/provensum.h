@@ -8,9 +8,8 @@
 // Notation: u = 2^-53 and v = 2^-64, the relative error of one addition in double and in the 80-bit format; P the exact
 // sum of |p_i|; h the greatest number of additions that any one product goes through on its way into S (and into A).
 //
-// 1. Every p_i is exact in both formats: 48 bits, and between 2^-298 and 2^256 in size. All partial sums are multiples
-// of
-//    2^-298 and, for n < 2^31, below 2^287. So nothing here under- or overflows, and errors of additions are relative.
+// 1. Every p_i is exact in both formats: 48 bits, and between 2^-298 and 2^256 in size. All partial sums are
+//    multiples of 2^-298 and, for n < 2^31, below 2^287. So nothing here under- or overflows, and errors of additions are relative.
 // 2. Each addition scales everything added so far by 1 + e, |e| <= u (or v). Hence
 //        |S - sum p| <= ((1+u)^h - 1) P,    |T - sum p| <= ((1+v)^n - 1) P,    A >= (1-u)^h P.
 //    For h, n < 2^31, hu < 2^-22 and nv < 2^-33, and with (1+x)^k - 1 <= kx (1 + kx) for kx < 1,
@@ -21,12 +20,10 @@
 //    which B = f A with f = (h + n/2048 + 4) u (1 + 2^-18) exceeds by more than the roundings of f and of B.
 //    B does not underflow: A = 0 or A >= 2^-298.
 // 4. R is monotone, also in taking negative values that it rounds to zero to -0 and positive ones to +0. T itself is
-// never
-//    -0, as it starts from +0, and low and high are zero only as +0: S is never -0, for the same reason. So if R(low)
+//    never -0, as it starts from +0, and low and high are zero only as +0: S is never -0, for the same reason. So if R(low)
 //    and R(high) have the same bits, they are R(T)'s. A value beyond the largest float rounds to infinity in all three.
 // 5. With an infinite product A and B are infinite, and with a NaN one S is NaN: one of low and high is NaN then, which
-// is
-//    never taken for an answer. (Finite products never make an infinity, by 1.)
+//    is never taken for an answer. (Finite products never make an infinity, by 1.)
 //
 // An undecided sum has to be done again in extended precision. For random terms that is one sum in about
 // 2^28 |S| / (h A): hardly any, unless nearly everything cancels.
