@@ -1,6 +1,5 @@
-// Volume resize: ns per destination voxel of every type, mode and level, against plain loops over the same weights
-// (whole planes, one thread, -O3), and two threads against one. Writes JSON with --benchmark_out=FILE; --size N for the
-// source.
+// Volume resize: ns per destination voxel for every type and mode, and ratios to plain loops, to CImg and to zimg where
+// those are installed; two threads against one; and whether the work per voxel grows with the volume.
 #include <math.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -12,13 +11,20 @@
 #include <string>
 #include <vector>
 
-#include "volume/prresset.h"
+#include "frame/dispatch.h"
+#include "resize_peers.h"
 #include "zencore.h"
 #include "zenr.h"
 
-using namespace zenr;
-
 namespace {
+
+const char kUsage[] =
+    "usage: bench_resize [--size N] [--brief] [--table | --series] [--only TEXT] [--benchmark_out=FILE]\n"
+    "  --size N      sources of N^3 voxels, 16 to 512 (default 256)\n"
+    "  --brief       128^3, no plain loops, no series of sizes\n"
+    "  --table       no series of sizes\n"
+    "  --series      nothing but the series of sizes\n"
+    "  --only TEXT   rows that contain TEXT, as in \"8u linear\" or \"cubic x1.5\"\n";
 
 // One thread is timed by its own processor time, so that other load on the machine counts less.
 double now(bool wall) {
@@ -27,10 +33,10 @@ double now(bool wall) {
     return t.tv_sec + t.tv_nsec * 1e-9;
 }
 
-// The best of several runs, within about half a second.
-template <class F> double best(bool wall, const F& f) {
+// The best of several runs.
+template <class F> double best(bool wall, double budget, const F& f) {
     double least = 1e9, spent = 0;
-    for (int i = 0; i < 12 && (i < 3 || spent < 0.4); ++i) {
+    for (int i = 0; i < 20 && (i < 2 || spent < budget); ++i) {
         const double begin = now(wall);
         f();
         const double took = now(wall) - begin;
@@ -40,172 +46,247 @@ template <class F> double best(bool wall, const F& f) {
     return least;
 }
 
-template <class T> struct Volume {
-    ZenrVolume size;
-    std::vector<T> data;
-    explicit Volume(ZenrVolume s) : size(s), data(size_t(s.width) * s.height * s.depth) {}
-};
+template <class T> constexpr const char* kTypeName = sizeof(T) == 1 ? "8u" : sizeof(T) == 2 ? "16u" : "32f";
+const char* modeName(int mode) {
+    return mode == 1 ? "nearest" : mode == 2 ? "linear" : "cubic";
+}
 
-// A smooth head-like volume with an empty background and some noise.
-template <class T> void fill(Volume<T>& v) {
+// A smooth head-like cube with an empty background and some noise.
+template <class T> std::vector<T> head(int n) {
+    std::vector<T> v(size_t(n) * n * n);
+    std::vector<double> r2(n), a(n), b(n), c(n);
+    for (int i = 0; i < n; ++i) {
+        const double d = 2.0 * i / n - 1;
+        r2[i] = d * d;
+        a[i] = 0.3 * sin(9 * d);
+        b[i] = cos(7 * d);
+        c[i] = cos(5 * d);
+    }
     uint32_t seed = 1;
     size_t i = 0;
-    for (int z = 0; z < v.size.depth; ++z)
-        for (int y = 0; y < v.size.height; ++y)
-            for (int x = 0; x < v.size.width; ++x, ++i) {
-                const double dx = 2.0 * x / v.size.width - 1, dy = 2.0 * y / v.size.height - 1,
-                             dz = 2.0 * z / v.size.depth - 1;
-                const double r = dx * dx + dy * dy + dz * dz;
+    for (int z = 0; z < n; ++z)
+        for (int y = 0; y < n; ++y)
+            for (int x = 0; x < n; ++x, ++i) {
                 seed = seed * 1664525u + 1013904223u;
                 const double noise = (seed >> 8) / 16777216.0;
-                const double value = r > 0.9 ? 0 : 0.35 + 0.3 * sin(9 * dx) * cos(7 * dy) * cos(5 * dz) + 0.2 * noise;
-                v.data[i] = T(value * (sizeof(T) == 1 ? 255 : sizeof(T) == 2 ? 4095 : 1));
+                const double value = r2[x] + r2[y] + r2[z] > 0.9 ? 0 : 0.35 + a[x] * b[y] * c[z] + 0.2 * noise;
+                v[i] = T(value * (sizeof(T) == 1 ? 255 : sizeof(T) == 2 ? 4095 : 1));
             }
+    return v;
 }
 
-ZenStatus call(const Volume<uint8_t>& s, Volume<uint8_t>& d, ZenrBox sb, ZenrBox db, double f, int mode, uint8_t* b) {
-    return zenrResize_8u_C1V(s.data.data(), s.size, s.size.width, s.size.width * s.size.height, sb, d.data.data(),
-                             d.size.width, d.size.width * d.size.height, db, f, f, f, 0, 0, 0, mode, b);
+void call(const ResizeTask& t, const uint8_t* s, uint8_t* d, ZenrBox sb, ZenrBox db, uint8_t* b) {
+    const double f = double(t.m) / t.n;
+    zenrResize_8u_C1V(s, {t.n, t.n, t.n}, t.n, t.n * t.n, sb, d, t.m, t.m * t.m, db, f, f, f, 0, 0, 0, t.mode, b);
 }
-ZenStatus call(const Volume<uint16_t>& s, Volume<uint16_t>& d, ZenrBox sb, ZenrBox db, double f, int mode, uint8_t* b) {
-    return zenrResize_16u_C1V(s.data.data(), s.size, 2 * s.size.width, 2 * s.size.width * s.size.height, sb,
-                              d.data.data(), 2 * d.size.width, 2 * d.size.width * d.size.height, db, f, f, f, 0, 0, 0,
-                              mode, b);
+void call(const ResizeTask& t, const uint16_t* s, uint16_t* d, ZenrBox sb, ZenrBox db, uint8_t* b) {
+    const double f = double(t.m) / t.n;
+    zenrResize_16u_C1V(s, {t.n, t.n, t.n}, 2 * t.n, 2 * t.n * t.n, sb, d, 2 * t.m, 2 * t.m * t.m, db, f, f, f, 0, 0, 0,
+                       t.mode, b);
 }
-ZenStatus call(const Volume<float>& s, Volume<float>& d, ZenrBox sb, ZenrBox db, double f, int mode, uint8_t* b) {
-    return zenrResize_32f_C1V(s.data.data(), s.size, 4 * s.size.width, 4 * s.size.width * s.size.height, sb,
-                              d.data.data(), 4 * d.size.width, 4 * d.size.width * d.size.height, db, f, f, f, 0, 0, 0,
-                              mode, b);
+void call(const ResizeTask& t, const float* s, float* d, ZenrBox sb, ZenrBox db, uint8_t* b) {
+    const double f = double(t.m) / t.n;
+    zenrResize_32f_C1V(s, {t.n, t.n, t.n}, 4 * t.n, 4 * t.n * t.n, sb, d, 4 * t.m, 4 * t.m * t.m, db, f, f, f, 0, 0, 0,
+                       t.mode, b);
 }
 
-// The peer: the same mapping in float, axis after axis over whole planes, as one would write it first.
-template <class T> void plain(const Volume<T>& s, Volume<T>& d, double factor, int mode) {
-    const int W = d.size.width, H = d.size.height, D = d.size.depth;
-    const int taps = mode == 1 ? 1 : mode == 2 ? 2 : 4;
-    struct Tap {
-        int i[4];
-        float w[4];
-    };
-    const auto table = [&](int n, int size) {
-        std::vector<Tap> t(n);
-        for (int k = 0; k < n; ++k) {
-            const double p = (k + 0.5) / factor - 0.5;
-            const float f = float(p - floor(p));
-            float w[4] = {1};
-            if (mode == 2) w[0] = 1 - f, w[1] = f;
-            if (mode >= 4) ownpi_CubicWeights(mode, &f, 1, w);
-            const int base = mode == 1 ? int((k + 0.5) / factor - 1e-10) : int(floor(p)) - (mode >= 4);
-            for (int j = 0; j < taps; ++j) t[k].i[j] = std::clamp(base + j, 0, size - 1), t[k].w[j] = w[j];
+// The library's own call, with the work memory for two threads.
+template <class T> class Own {
+public:
+    Own(const ResizeTask& task, const T* src, T* dst) : task_(task), src_(src), dst_(dst) {
+        zenSetNumThreads(2);
+        int size = 0;
+        zenrResizeGetBufSize(box(task.n), box(task.m), 1, task.mode, &size);
+        buffer_.resize(size);
+    }
+    double seconds(int threads, bool wall) {
+        zenSetNumThreads(threads);
+        const double s = best(wall, 0.3, [&] { call(task_, src_, dst_, box(task_.n), box(task_.m), buffer_.data()); });
+        zenSetNumThreads(1);
+        return s;
+    }
+
+private:
+    static ZenrBox box(int n) { return {0, 0, 0, n, n, n}; }
+    ResizeTask task_;
+    const T* src_;
+    T* dst_;
+    std::vector<uint8_t> buffer_;
+};
+
+// One row of results; ratios are the other's time over ours, 0 where the other was not run.
+struct Row {
+    std::string name;
+    double ns, plain, cimg, vtk, zimg, threads;
+};
+
+struct Options {
+    int size = 256;
+    bool plain = true, table = true, series = true;
+    const char* only = "";
+    FILE* json = nullptr;
+};
+
+// Both must have done the same work: no voxel far from the other's.
+void compare(const std::string& name, const char* peer, double worst, double allowed) {
+    if (worst <= allowed) return;
+    fprintf(stderr, "%s: differs from %s by %g\n", name.c_str(), peer, worst);
+    exit(1);
+}
+
+template <class T> void measure(const Options& o, int m, std::vector<Row>* rows) {
+    std::vector<T> src, dst, other;
+    for (int mode : {1, 2, 6}) {
+        const ResizeTask task = {o.size, m, mode};
+        Row row = {
+            std::string(kTypeName<T>) + " " + modeName(mode) + (m > o.size ? " x1.5" : " x2/3"), 0, 0, 0, 0, 0, 0};
+        if (row.name.find(o.only) == std::string::npos) continue;
+        if (src.empty()) {
+            src = head<T>(o.size);
+            dst.resize(size_t(m) * m * m);
+            other.resize(dst.size());
         }
-        return t;
-    };
-    const auto tx = table(W, s.size.width), ty = table(H, s.size.height), tz = table(D, s.size.depth);
-    const size_t plane = size_t(W) * H;
-    std::vector<float> ring(plane * 4), row(size_t(W) * s.size.height);
-    int tag[4] = {-1, -1, -1, -1};
-    for (int z = 0; z < D; ++z) {
-        const float* p[4] = {};
-        for (int k = 0; k < taps; ++k) {
-            const int q = tz[z].i[k];
-            float* const out = &ring[(q & 3) * plane];
-            p[k] = out;
-            if (tag[q & 3] == q) continue;
-            tag[q & 3] = q;
-            const T* const in = &s.data[size_t(q) * s.size.width * s.size.height];
-            for (int y = 0; y < s.size.height; ++y)
-                for (int x = 0; x < W; ++x) {
-                    float sum = 0;
-                    for (int j = 0; j < taps; ++j) sum += tx[x].w[j] * in[size_t(y) * s.size.width + tx[x].i[j]];
-                    row[size_t(y) * W + x] = sum;
-                }
-            for (int y = 0; y < H; ++y)
-                for (int x = 0; x < W; ++x) {
-                    float sum = 0;
-                    for (int j = 0; j < taps; ++j) sum += ty[y].w[j] * row[size_t(ty[y].i[j]) * W + x];
-                    out[size_t(y) * W + x] = sum;
-                }
+        Own<T> own(task, src.data(), dst.data());
+        const double one = own.seconds(1, false);
+        row.ns = one / double(dst.size()) * 1e9;
+        row.threads = own.seconds(1, true) / own.seconds(2, true);
+        const double allowed = sizeof(T) == 4 ? 1e-4 : sizeof(T) == 2 ? 4 : 2;
+        if (o.plain) {
+            row.plain = best(false, 0.1, [&] { plainResize(task, src.data(), other.data()); }) / one;
+            double worst = 0;
+            for (size_t i = 0; i < dst.size(); ++i) worst = std::max(worst, fabs(double(dst[i]) - double(other[i])));
+            compare(row.name, "the plain loops", worst, allowed);
         }
-        T* const dst = &d.data[z * plane];
-        const float top = sizeof(T) == 1 ? 255.f : 65535.f;
-        for (size_t i = 0; i < plane; ++i) {
-            float sum = 0;
-            for (int k = 0; k < taps; ++k) sum += tz[z].w[k] * p[k][i];
-            if (sizeof(T) == 4)
-                dst[i] = T(sum);
-            else {
-                sum += 0.5f;
-                dst[i] = T(sum < 0 ? 0 : sum > top ? top : sum);
-            }
+#if defined(ZENR_BENCH_CIMG)
+        row.cimg = best(false, 0.1, [&] { cimgResize(task, src.data()); }) / one;
+#endif
+#if defined(ZENR_BENCH_VTK)
+        VtkResize<T> vtk(task, src.data());
+        row.vtk = std::min(best(false, 0.1, [&] { vtk.reslice(); }), best(false, 0.1, [&] { vtk.resize(); })) / one;
+        if (mode != 1) { // nearest breaks ties another way
+            double sum = 0;
+            for (size_t i = 0; i < dst.size(); ++i) sum += fabs(double(dst[i]) - double(vtk.voxels()[i]));
+            compare(row.name, "VTK (on average)", sum / double(dst.size()), allowed);
         }
+#endif
+#if defined(ZENR_BENCH_ZIMG)
+        ZimgResize<T> zimg(task, src.data());
+        row.zimg = best(false, 0.2, [&] { zimg.run(); }) / one;
+        if (m > o.size && mode != 1) {
+            double sum = 0;
+            for (int z = 0; z < m; ++z)
+                for (int y = 0; y < m; ++y)
+                    for (int x = 0; x < m; ++x)
+                        sum += fabs(double(zimg.row(y, z)[x]) - double(dst[(size_t(z) * m + y) * m + x]));
+            compare(row.name, "zimg (on average)", sum / double(dst.size()), allowed);
+        }
+#endif
+        printf("%-18s %8.3f", row.name.c_str(), row.ns);
+        for (double ratio : {row.plain, row.cimg, row.vtk, row.zimg, row.threads})
+            ratio > 0 ? printf(" %11.2f", ratio) : printf(" %11s", "-");
+        printf("\n");
+        fflush(stdout);
+        rows->push_back(row);
     }
 }
 
-FILE* json = nullptr;
-bool first = true;
-
-template <class T> void measure(const char* type, int n, double factor) {
-    Volume<T> src({n, n, n});
-    fill(src);
-    const int m = int(n * factor + 0.5);
-    Volume<T> dst({m, m, m}), peer({m, m, m});
-    const double voxels = double(m) * m * m;
-    const ZenrBox sb = {0, 0, 0, n, n, n}, db = {0, 0, 0, m, m, m};
+// Time per voxel of the same work on larger and larger volumes, relative to the smallest.
+template <class T> void series(const Options& o, int largest) {
     for (int mode : {1, 2, 6}) {
-        zenSetNumThreads(2);
-        int size = 0;
-        zenrResizeGetBufSize(sb, db, 1, mode, &size);
-        std::vector<uint8_t> buffer(size);
-        zenSetNumThreads(1);
-        const double one = best(false, [&] { call(src, dst, sb, db, factor, mode, buffer.data()); });
-        zenSetNumThreads(2);
-        const double two = best(true, [&] { call(src, dst, sb, db, factor, mode, buffer.data()); });
-        zenSetNumThreads(1);
-        const double oneWall = best(true, [&] { call(src, dst, sb, db, factor, mode, buffer.data()); });
-        const double peerTime = best(false, [&] { plain(src, peer, factor, mode); });
-        // Both must have done the same work: no voxel far from the peer's.
-        double worst = 0;
-        for (size_t i = 0; i < dst.data.size(); ++i)
-            worst = std::max(worst, fabs(double(dst.data[i]) - double(peer.data[i])));
-        const double allowed = sizeof(T) == 4 ? 1e-4 : 2;
-        if (!(worst <= allowed)) {
-            fprintf(stderr, "%s mode %d differs from the plain loops by %g\n", type, mode, worst);
-            exit(1);
+        const std::string name = std::string(kTypeName<T>) + " " + modeName(mode) + " x1.5";
+        if (name.find(o.only) == std::string::npos) continue;
+        printf("%-18s", name.c_str());
+        double smallest = 0;
+        for (int n = 64; n <= largest; n *= 2) {
+            const std::vector<T> src = head<T>(n);
+            std::vector<T> dst(src.size() / 8 * 27);
+            const double ns =
+                Own<T>({n, n * 3 / 2, mode}, src.data(), dst.data()).seconds(1, false) / double(dst.size()) * 1e9;
+            if (n == 64) smallest = ns;
+            printf(" %7.3f (%4.2f)", ns, ns / smallest);
+            fflush(stdout);
         }
-        const char* const name = mode == 1 ? "nearest" : mode == 2 ? "linear" : "cubic";
-        printf("%-4s %-8s x%-5.3g %4d^3  %7.3f ns/voxel  plain loops %7.3f  %5.1fx  two threads %5.2fx\n", type, name,
-               factor, n, one / voxels * 1e9, peerTime / voxels * 1e9, peerTime / one, oneWall / two);
-        if (json) {
-            fprintf(json,
-                    "%s{\"bench\":\"resize\",\"type\":\"%s\",\"mode\":\"%s\",\"factor\":%.4f,\"size\":%d,\"ns\":%.4f,"
-                    "\"plain\":%.2f,\"threads2\":%.2f}",
-                    first ? "[\n" : ",\n", type, name, factor, n, one / voxels * 1e9, peerTime / one, oneWall / two);
-            first = false;
+        printf("\n");
+    }
+}
+
+// The same figures side by side: a line per peer and mode, a column per type.
+void table(const std::vector<Row>& rows, const char* factor, double Row::*ratio, const char* what) {
+    for (const char* mode : {"nearest", "linear", "cubic"}) {
+        printf("%-10s %-8s %-4s", what, mode, factor);
+        for (const char* type : {"8u", "16u", "32f"}) {
+            double value = 0;
+            for (const Row& r : rows)
+                if (r.name == std::string(type) + " " + mode + " " + factor) value = r.*ratio;
+            value > 0 ? printf(" %7.2f", value) : printf(" %7s", "-");
         }
-        fflush(stdout);
+        printf("\n");
     }
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    int n = 128;
+    Options o;
     const char* const outOption = "--benchmark_out=";
     for (int i = 1; i < argc; ++i) {
-        if (i + 1 < argc && !strcmp(argv[i], "--size")) n = atoi(argv[i + 1]);
-        if (!strncmp(argv[i], outOption, strlen(outOption))) json = fopen(argv[i] + strlen(outOption), "w");
+        const std::string a = argv[i];
+        if (a == "--size" && i + 1 < argc)
+            o.size = atoi(argv[++i]);
+        else if (a == "--only" && i + 1 < argc)
+            o.only = argv[++i];
+        else if (a == "--brief")
+            o.size = 128, o.plain = o.series = false;
+        else if (a == "--table")
+            o.series = false;
+        else if (a == "--series")
+            o.table = false;
+        else if (!a.compare(0, strlen(outOption), outOption))
+            o.json = fopen(argv[i] + strlen(outOption), "w");
+        else if (a.compare(0, 12, "--benchmark_")) {
+            fputs(kUsage, stderr);
+            return 2;
+        }
     }
-    if (n < 16 || n > 1024) {
-        fprintf(stderr, "usage: bench_resize [--size 16..1024] [--benchmark_out=FILE]\n");
+    if (o.size < 16 || o.size > 512) {
+        fputs(kUsage, stderr);
         return 2;
     }
-    for (double factor : {1.5, 2.0 / 3}) {
-        measure<uint8_t>("8u", n, factor);
-        measure<uint16_t>("16u", n, factor);
-        measure<float>("32f", n, factor);
+    std::vector<Row> rows;
+    if (o.table) {
+        printf(
+            "sources of %d^3 voxels; ratios are the other's time over ours, one thread; at last one thread over two\n"
+            "%-18s %8s %11s %11s %11s %11s %11s\n",
+            o.size, "", "ns/voxel", "plain loops", "CImg", "VTK", "zimg", "2 threads");
+        for (int m : {o.size * 3 / 2, o.size * 2 / 3}) {
+            measure<uint8_t>(o, m, &rows);
+            measure<uint16_t>(o, m, &rows);
+            measure<float>(o, m, &rows);
+        }
+        printf("\n%-24s %7s %7s %7s\n", "", "8u", "16u", "32f");
+        for (const char* factor : {"x1.5", "x2/3"}) {
+            table(rows, factor, &Row::cimg, "CImg");
+            table(rows, factor, &Row::vtk, "VTK");
+            table(rows, factor, &Row::zimg, "zimg");
+            table(rows, factor, &Row::threads, "2 threads");
+        }
     }
-    if (json) {
-        fputs("\n]\n", json);
-        fclose(json);
+    if (o.series) {
+        printf("\nns per voxel (relative to 64^3) for sources of 64^3, 128^3, 256^3, 512^3\n");
+        series<uint8_t>(o, 512);
+        series<uint16_t>(o, 512);
+        series<float>(o, 512);
+    }
+    if (o.json) {
+        fputs("[", o.json);
+        for (size_t i = 0; i < rows.size(); ++i)
+            fprintf(o.json,
+                    "%s\n{\"bench\":\"resize\",\"name\":\"%s\",\"size\":%d,\"ns\":%.4f,\"plain\":%.2f,\"cimg\":%.2f,"
+                    "\"vtk\":%.2f,\"zimg\":%.2f,\"threads2\":%.2f}",
+                    i ? "," : "", rows[i].name.c_str(), o.size, rows[i].ns, rows[i].plain, rows[i].cimg, rows[i].vtk,
+                    rows[i].zimg, rows[i].threads);
+        fputs("\n]\n", o.json);
+        fclose(o.json);
     }
     return 0;
 }
