@@ -500,6 +500,78 @@ ZenStatus zenrSHTInv_32f_P3(const float* const pSrcCoeffs[3], uint32_t L, const 
 ZenStatus zenrSHTInv_32f_P3C3(const float* const pSrcCoeffs[3], uint32_t L, const float* pX, const float* pY,
                               const float* pZ, float* pDst, int len, const ZenrSHState* pState);
 
+/* ---- Volumes: affine warp and remap ------------------------------------------------------------------------------ */
+
+/* Both trace every voxel of a destination back into a source and interpolate there. Volumes are in the PV layout (see
+ * volume resize above): arrays of pointers to slices, steps in bytes. Voxel centres lie at whole coordinates.
+ *
+ * The source's box is what may be read: whatever lies beyond srcVolume is cut off from srcRoi. A voxel of the destination
+ * whose position in the source lies outside the box (before its first or behind its last voxel along any axis, however
+ * little), or is no number, is left as it is. Near the box's edges cubic interpolation repeats its edge voxels.
+ *
+ * A volume of fewer than 4 voxels along any axis is interpolated linearly when a cubic mode is asked for, one of fewer
+ * than 2 by the nearest voxel.
+ *
+ * Results: 8u and 16u are rounded and clamped to their range, 32f is not clamped (cubic modes may overshoot). Source and
+ * destination must not overlap. ownGetNumThreads() threads are used where the region has at least 16 voxels along each
+ * axis. */
+
+/* Bytes of work memory for a warp: 0, as it needs none.
+ *   srcRoi, dstRoi, interpolation  only checked
+ *   nChannel       1
+ *   pSize          out
+ * Statuses, in check order:
+ *   zenStsNullPtrErr        pSize
+ *   zenStsSizeErr           srcRoi, then dstRoi: x, y, z < 0, width, height, depth < 1
+ *   zenStsNumChannelsErr    nChannel
+ *   zenStsInterpolationErr  interpolation */
+ZenStatus zenrWarpAffineGetBufSize(ZenrBox srcRoi, ZenrBox dstRoi, int nChannel, int interpolation, int* pSize);
+
+/* Affine warp.
+ *   pSrc, srcVolume, srcRoi  the source, its size, and its box
+ *   pDst, dstRoi             the destination, and its box that is written; slices dstRoi.z and on are used
+ *   coeffs                   12 numbers, three rows of four: x' = c[0] x + c[1] y + c[2] z + c[3], then y', z'; takes
+ *                            source to destination coordinates. Not checked for null
+ *   interpolation            a mode
+ * A matrix that is singular, or nearly so (a determinant below 1e-10 in size), without being degenerate in the way
+ * described below, writes nothing and returns zenStsNoErr.
+ * Statuses, in check order:
+ *   zenStsNullPtrErr        pSrc, pDst
+ *   zenStsSizeErr           srcVolume < 1; srcRoi, then dstRoi with x, y, z < 0 or width, height, depth < 1
+ *   zenStsCoeffErr          the diagonal of coeffs is 0, or its rows for y' and z' are parallel
+ *   zenStsInterpolationErr  interpolation
+ *   zenStsRoiOutside        srcRoi starts outside the volume */
+ZenStatus zenrWarpAffine_8u_C1PV(const uint8_t* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
+                                 uint8_t* const* pDst, int dstStep, ZenrBox dstRoi, const double* coeffs,
+                                 int interpolation);
+ZenStatus zenrWarpAffine_16u_C1PV(const uint16_t* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
+                                  uint16_t* const* pDst, int dstStep, ZenrBox dstRoi, const double* coeffs,
+                                  int interpolation);
+ZenStatus zenrWarpAffine_32f_C1PV(const float* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
+                                  float* const* pDst, int dstStep, ZenrBox dstRoi, const double* coeffs,
+                                  int interpolation);
+
+/* Remap: positions are given voxel by voxel.
+ *   pSrc, srcVolume, srcRoi  the source, its size, and its box
+ *   pxMap, pyMap, pzMap      per destination voxel the x, y and z of its position, in coordinates of the source volume:
+ *                            three arrays of pointers to slices, which share mapStep
+ *   pDst, dstVolume          the destination and its size; all of it is walked
+ *   interpolation            a mode
+ * Statuses, in check order:
+ *   zenStsNullPtrErr        pSrc, pDst, then pxMap, pyMap, pzMap
+ *   zenStsSizeErr           srcVolume < 1; srcRoi with x, y, z < 0 or width, height, depth < 1; dstVolume < 1
+ *   zenStsInterpolationErr  interpolation
+ *   zenStsRoiOutside        srcRoi starts outside the volume */
+ZenStatus zenrRemap_8u_C1PV(const uint8_t* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
+                            const float* const* pxMap, const float* const* pyMap, const float* const* pzMap,
+                            int mapStep, uint8_t* const* pDst, int dstStep, ZenrVolume dstVolume, int interpolation);
+ZenStatus zenrRemap_16u_C1PV(const uint16_t* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
+                             const float* const* pxMap, const float* const* pyMap, const float* const* pzMap,
+                             int mapStep, uint16_t* const* pDst, int dstStep, ZenrVolume dstVolume, int interpolation);
+ZenStatus zenrRemap_32f_C1PV(const float* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi,
+                             const float* const* pxMap, const float* const* pyMap, const float* const* pzMap,
+                             int mapStep, float* const* pDst, int dstStep, ZenrVolume dstVolume, int interpolation);
+
 #ifdef __cplusplus
 }
 #endif
