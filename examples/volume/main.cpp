@@ -1,9 +1,11 @@
-// volume: resizes and filters scans (NIfTI or raw) and draws what became of them.
+// volume: resizes, filters, turns and distorts scans (NIfTI or raw) and draws what became of them.
 #include <zencore.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <unistd.h>
 
 #include "failure.h"
@@ -15,7 +17,9 @@ namespace {
 
 struct Options {
     std::string input, output, picture, size, type = "8u", interpolation = "cubic", kernel = "gauss";
-    std::vector<double> factor;
+    std::vector<double> factor, matrix, axis = {0, 0, 1}, scale = {1}, shift = {0, 0, 0};
+    double rotate = 0, twist = 0;
+    std::string field;
     int threads = 0;
     bool quiet = false;
 };
@@ -72,11 +76,40 @@ void commonOptions(CLI::App* verb, Options& options) {
     verb->add_flag("--quiet", options.quiet, "no progress, no summary");
 }
 
+void interpolationOption(CLI::App* verb, Options& options) {
+    verb->add_option("--interpolation", options.interpolation, "how to interpolate")
+        ->check(CLI::IsMember(interpolationNames()));
+}
+
+// Numbers from `least` to `most`, of which NaN is none.
+CLI::Option* within(CLI::Option* option, double least, double most) {
+    return option->check([=](const std::string& text) {
+        const double value = std::strtod(text.c_str(), nullptr);
+        return value >= least && value <= most ? std::string() : text + " is out of range";
+    });
+}
+constexpr double kFar = 1e6; // more than any volume has voxels, or needs turns
+
+CLI::Option* numbers(CLI::Option* option, int count) {
+    return within(option->delimiter(',')->expected(count), -kFar, kFar);
+}
+
+Matrix matrixOf(const Options& options, const Volume& volume) {
+    Matrix matrix;
+    if (options.matrix.empty()) {
+        std::vector<double> scale = options.scale;
+        scale.resize(3, scale[0]);
+        return aboutCentre(volume, options.rotate, options.axis.data(), scale.data(), options.shift.data());
+    }
+    std::copy(options.matrix.begin(), options.matrix.end(), matrix.begin());
+    return matrix;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     Options options;
-    CLI::App app("volume: resizes and filters scans");
+    CLI::App app("volume: resizes, filters, turns and distorts scans");
     app.require_subcommand(1);
     CLI::App* resize = app.add_subcommand("resize", "scale by factors");
     commonOptions(resize, options);
@@ -84,11 +117,34 @@ int main(int argc, char** argv) {
         ->required()
         ->delimiter(',')
         ->check(CLI::Range(1e-3, 1e3));
-    resize->add_option("--interpolation", options.interpolation, "how to interpolate")
-        ->check(CLI::IsMember(interpolationNames()));
+    interpolationOption(resize, options);
     CLI::App* filter = app.add_subcommand("filter", "convolve with a kernel of whole numbers");
     commonOptions(filter, options);
     filter->add_option("--kernel", options.kernel, "box, gauss, sharpen, laplace, sobel, or a kernel file");
+
+    CLI::App* warp = app.add_subcommand("warp", "move by an affine transform; what is not covered becomes 0");
+    commonOptions(warp, options);
+    interpolationOption(warp, options);
+    CLI::Option* matrix =
+        numbers(warp->add_option("--matrix", options.matrix, "12 numbers, rows of 4: where voxels go, in voxels"), 12);
+    for (CLI::Option* option :
+         {within(warp->add_option("--rotate", options.rotate, "degrees to turn by, about the centre"), -kFar, kFar),
+          numbers(warp->add_option("--axis", options.axis, "axis to turn about, as 1,2,3 (default: z)"), 3),
+          within(warp->add_option("--scale", options.scale, "one factor, or three for x, y and z; the centre stays")
+                     ->delimiter(','),
+                 1e-3, 1e3),
+          numbers(warp->add_option("--shift", options.shift, "voxels to move by along x, y and z"), 3)})
+        option->excludes(matrix);
+    CLI::App* remap = app.add_subcommand("remap", "take each voxel from a place of its own");
+    commonOptions(remap, options);
+    interpolationOption(remap, options);
+    CLI::Option* field =
+        remap->add_option("--field", options.field,
+                          "displacements in voxels: raw 32-bit floats, those along x of all voxels, then y, then z");
+    within(
+        remap->add_option("--twist", options.twist, "twist about the z axis by so many degrees, first slice to last"),
+        -kFar, kFar)
+        ->excludes(field);
 
     try {
         app.parse(argc, argv);
@@ -107,6 +163,18 @@ int main(int argc, char** argv) {
             const int mode = interpolationOf(options.interpolation);
             run(options, "resize",
                 [&](const Volume& v, const Report& report) { return resized(v, options.factor.data(), mode, report); });
+        } else if (warp->parsed()) {
+            if (options.scale.size() != 1 && options.scale.size() != 3)
+                throw Failure("--scale: one factor or three, separated by commas");
+            const int mode = interpolationOf(options.interpolation);
+            run(options, "warp",
+                [&](const Volume& v, const Report& report) { return warped(v, matrixOf(options, v), mode, report); });
+        } else if (remap->parsed()) {
+            const int mode = interpolationOf(options.interpolation);
+            run(options, "remap", [&](const Volume& v, const Report& report) {
+                return remapped(v, options.field.empty() ? twist(v, options.twist) : readField(options.field, v), mode,
+                                report);
+            });
         } else {
             const Kernel kernel = kernelOf(options.kernel);
             run(options, "filter", [&](const Volume& v, const Report& report) { return filtered(v, kernel, report); });

@@ -13,17 +13,11 @@
 
 namespace {
 
-constexpr int kSlab = 64; // slices at a time: enough for the library to share among threads
-
 struct NamedMode {
     const char* name;
     int mode;
 };
 const NamedMode kModes[] = {{"nearest", 1}, {"linear", 2}, {"cubic", 4}, {"cubic5", 5}, {"cubic6", 6}, {"cubic7", 7}};
-
-void check(ZenStatus status, const char* what) {
-    if (status < 0) throw Failure(std::string(what) + ": the library says " + std::to_string(int(status)));
-}
 
 template <class T, class Resize>
 ZenStatus resizeSlab(Resize resize, const Volume& s, Volume& d, ZenrBox box, const double f[3], int mode,
@@ -41,6 +35,10 @@ int scaledSize(int size, double factor) {
 }
 
 } // namespace
+
+void check(int status, const char* what) {
+    if (status < 0) throw Failure(std::string(what) + ": the library says " + std::to_string(status));
+}
 
 const std::vector<std::string>& interpolationNames() {
     static const std::vector<std::string> names = [] {

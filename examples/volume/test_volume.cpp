@@ -65,6 +65,64 @@ TEST_F(VolumeProgram, AKernelOfOneCopiesAndAFlatVolumeStaysFlat) {
     }
 }
 
+TEST_F(VolumeProgram, WarpsByNothingByWholeVoxelsAndByRightAngles) {
+    const std::string in = ramp(20, 18, 17);
+    write("in.raw", in);
+    const auto at = [](const std::string& v, int x, int y, int z) { return v[size_t((z * 18 + y) * 20 + x)]; };
+    for (const char* how : {"nearest", "linear", "cubic", "cubic6"}) {
+        const std::string rest = std::string(" --size 20x18x17 --picture sheet.png --interpolation ") + how;
+        ASSERT_EQ(run("warp in.raw out.raw --rotate 360" + rest).code, 0);
+        EXPECT_EQ(slurp(path("work/out.raw")), in) << how;
+        for (const char* move : {"--shift 3,-2,1", "--matrix 1,0,0,3,0,1,0,-2,0,0,1,1"}) {
+            ASSERT_EQ(run("warp in.raw out.raw " + std::string(move) + rest).code, 0);
+            const std::string out = slurp(path("work/out.raw"));
+            ASSERT_EQ(out.size(), in.size());
+            for (int z = 0; z < 17; ++z) {
+                for (int y = 0; y < 18; ++y) {
+                    for (int x = 0; x < 20; ++x)
+                        ASSERT_EQ(at(out, x, y, z), x >= 3 && y < 16 && z >= 1 ? at(in, x - 3, y + 2, z - 1) : '\0');
+                }
+            }
+        }
+        ASSERT_EQ(run("warp in.raw out.raw --rotate 180 --axis 0,2,0" + rest).code, 0);
+        const std::string out = slurp(path("work/out.raw"));
+        for (int z = 0; z < 17; ++z) {
+            for (int y = 0; y < 18; ++y) {
+                for (int x = 0; x < 20; ++x) ASSERT_EQ(at(out, x, y, z), at(in, 19 - x, y, 16 - z)) << how;
+            }
+        }
+    }
+    EXPECT_EQ(slurp(path("work/sheet.png")).substr(1, 3), "PNG");
+}
+
+TEST_F(VolumeProgram, RemapsByAFieldAndByATwist) {
+    const std::string in = ramp(20, 18, 17);
+    write("in.raw", in);
+    // Each voxel from two voxels further along x, and one before along z.
+    std::vector<float> field(3 * in.size());
+    for (size_t i = 0; i < in.size(); ++i) field[i] = 2, field[2 * in.size() + i] = -1;
+    write("field.raw", std::string(reinterpret_cast<const char*>(field.data()), field.size() * sizeof(float)));
+    for (const char* how : {"nearest", "linear", "cubic"}) {
+        const std::string rest = std::string(" --size 20x18x17 --interpolation ") + how;
+        ASSERT_EQ(run("remap in.raw out.raw --field field.raw" + rest).code, 0);
+        const std::string out = slurp(path("work/out.raw"));
+        ASSERT_EQ(out.size(), in.size());
+        for (int i = 0; i < int(in.size()); ++i) {
+            const bool there = i % 20 < 18 && i >= 360;
+            ASSERT_EQ(out[size_t(i)], there ? in[size_t(i + 2 - 360)] : '\0') << i;
+        }
+        ASSERT_EQ(run("remap in.raw out.raw --twist 0" + rest).code, 0);
+        EXPECT_EQ(slurp(path("work/out.raw")), in);
+    }
+    // The first slice stays, the last is turned upside down.
+    ASSERT_EQ(run("remap in.raw out.raw --size 20x18x17 --twist 180 --threads 3").code, 0);
+    const std::string out = slurp(path("work/out.raw"));
+    EXPECT_EQ(out.substr(0, 360), in.substr(0, 360));
+    EXPECT_EQ(out.substr(16 * 360), std::string(in.rbegin(), in.rbegin() + 360));
+    ASSERT_EQ(run("remap in.raw one.raw --size 20x18x17 --twist 180 --threads 1").code, 0);
+    EXPECT_EQ(slurp(path("work/one.raw")), out);
+}
+
 #ifdef VOLUME_WITH_NIFTI
 TEST_F(VolumeProgram, NiftiKeepsVoxelsAndPlace) {
     write("in.raw", ramp(20, 18, 17));
@@ -98,6 +156,18 @@ TEST_F(VolumeProgram, BadInputIsRefusedInOneLine) {
     expectRefused("filter in.raw out.raw --size 5x4x3 --kernel bad.txt", "bad.txt");
     expectRefused("filter in.raw out.raw --size 5x4x3 --kernel zero.txt", "zero.txt");
     expectRefused("filter in.raw out.raw --size 5x4x3 --kernel none.txt", "none.txt");
+    expectRefused("warp in.raw out.raw --size 5x4x3 --matrix 1,2,3", "--matrix");
+    expectRefused("warp in.raw out.raw --size 5x4x3 --matrix 1,0,0,0,1,0,0,0,1,0,0,0", "no volume");
+    expectRefused("warp in.raw out.raw --size 5x4x3 --shift 1,nan,0", "--shift");
+    expectRefused("warp in.raw out.raw --size 5x4x3 --rotate nan", "--rotate");
+    expectRefused("warp in.raw out.raw --size 5x4x3 --scale 0", "--scale");
+    expectRefused("remap in.raw out.raw --size 5x4x3 --twist inf", "--twist");
+    expectRefused("warp in.raw out.raw --size 5x4x3 --rotate 5 --axis 0,0,0", "--axis");
+    expectRefused("warp in.raw out.raw --size 5x4x3 --scale 1,2", "--scale");
+    expectRefused("warp in.raw out.raw --size 5x4x3 --scale 2 --matrix 1,0,0,0,0,1,0,0,0,0,1,0", "--matrix");
+    expectRefused("remap in.raw out.raw --size 5x4x3 --field in.raw", "720");
+    expectRefused("remap in.raw out.raw --size 5x4x3 --field none.raw", "none.raw");
+    expectRefused("remap in.raw out.raw --size 5x4x3 --field in.raw --twist 5", "--field");
     expectRefused("rotate in.raw", "volume:");
     expectRefused("", "volume:");
 }
