@@ -1,12 +1,12 @@
-// Meshes of the ray benchmarks: files go through the example renderer's loader; models are set out on a floor.
+// Meshes of the ray benchmarks: files go through the example programs' loader; models are set out on a floor.
 #include "meshes.h"
 
 #include <dirent.h>
 #include <stdio.h>
 #include <sys/stat.h>
 
-#include "../examples/raytrace/mesh.h"
 #include "failure.h"
+#include "mesh.h"
 
 namespace {
 

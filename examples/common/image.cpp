@@ -1,4 +1,4 @@
-// sRGB without pow(), whose last bits differ between mathematical libraries; PNG.
+// sRGB without pow(), whose last bits differ between mathematical libraries; PNG and Radiance HDR.
 #include "image.h"
 
 #include <algorithm>
@@ -7,7 +7,6 @@
 
 #define STB_IMAGE_WRITE_IMPLEMENTATION
 #define STB_IMAGE_WRITE_STATIC
-#define STBI_WRITE_NO_STDIO
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wunused-function"
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
@@ -27,13 +26,6 @@ double fifthRoot(double x) {
     }
 }
 
-// Linear light of an sRGB value: ((s + 0.055) / 1.055)^2.4 above the linear toe.
-double linearOf(double srgb) {
-    if (srgb <= 0.04045) return srgb / 12.92;
-    const double base = (srgb + 0.055) / 1.055;
-    return base * base * fifthRoot(base * base);
-}
-
 void append(void* context, void* data, int size) {
     auto& bytes = *static_cast<std::vector<unsigned char>*>(context);
     const auto* from = static_cast<const unsigned char*>(data);
@@ -42,8 +34,15 @@ void append(void* context, void* data, int size) {
 
 } // namespace
 
+// ((s + 0.055) / 1.055)^2.4 above the linear toe.
+double linearOfSrgb(double srgb) {
+    if (srgb <= 0.04045) return srgb / 12.92;
+    const double base = (srgb + 0.055) / 1.055;
+    return base * base * fifthRoot(base * base);
+}
+
 SrgbEncoder::SrgbEncoder() {
-    for (int i = 0; i < 255; ++i) threshold_[i] = linearOf((i + 0.5) / 255);
+    for (int i = 0; i < 255; ++i) threshold_[i] = linearOfSrgb((i + 0.5) / 255);
 }
 
 uint8_t SrgbEncoder::operator()(double linear) const {
@@ -54,6 +53,13 @@ uint8_t SrgbEncoder::operator()(double linear) const {
 std::vector<unsigned char> encodePng(int width, int height, const std::vector<uint8_t>& rgb) {
     std::vector<unsigned char> bytes;
     if (!stbi_write_png_to_func(append, &bytes, width, height, 3, rgb.data(), 3 * width))
+        throw Failure("the picture cannot be encoded: no memory");
+    return bytes;
+}
+
+std::vector<unsigned char> encodeHdr(int width, int height, const std::vector<float>& rgb) {
+    std::vector<unsigned char> bytes;
+    if (!stbi_write_hdr_to_func(append, &bytes, width, height, 3, rgb.data()))
         throw Failure("the picture cannot be encoded: no memory");
     return bytes;
 }

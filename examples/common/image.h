@@ -1,4 +1,4 @@
-// From linear light to the bytes of a PNG file.
+// From linear light to the bytes of picture files, and sRGB.
 #pragma once
 #include <cstdint>
 #include <vector>
@@ -13,5 +13,11 @@ private:
     double threshold_[255]; // least linear value of the byte i + 1
 };
 
+// Linear light of an sRGB value from 0 to 1.
+double linearOfSrgb(double srgb);
+
 // A PNG file of rows of red, green, blue bytes.
 std::vector<unsigned char> encodePng(int width, int height, const std::vector<uint8_t>& rgb);
+
+// A Radiance HDR file of rows of linear red, green, blue.
+std::vector<unsigned char> encodeHdr(int width, int height, const std::vector<float>& rgb);

@@ -3,11 +3,11 @@
 
 #include <algorithm>
 #include <cfloat>
-#include <chrono>
-#include <omp.h>
+#include <memory>
 
 #include "image.h"
-#include "progress.h"
+#include "rays.h"
+#include "tiles.h"
 #include "tree.h"
 
 namespace {
@@ -25,37 +25,12 @@ constexpr double kExposure = 0.95; // of the light, where the mesh is
 constexpr float kEyeEps = 1 - 1e-4f;
 constexpr float kReflectionEps = 1 - 1e-3f;
 
-// Planar vectors: x, y and z of all rays, one after the other.
-class Planes {
-public:
-    explicit Planes(size_t rays) : data_(3 * rays), plane_{&data_[0], &data_[rays], &data_[2 * rays]} {}
-    Planes(const Planes&) = delete;
-    Planes& operator=(const Planes&) = delete;
-    operator float* const*() { return plane_; }
-
-private:
-    std::vector<float> data_;
-    float* plane_[3];
-};
-
 // What is known of the rays of one tile; a thread reuses it for its next tile.
-struct Rays {
+struct Rays : Hits {
     explicit Rays(size_t n)
-        : direction(n), distance(n), hit{std::vector<float>(n), std::vector<float>(n)}, triangle(n), point(n),
-          normal(n), facing(n), albedo(n), fog(n), colour(n), mask(n), blocker(n), shadow(n), lit(n), falloff(n) {}
+        : Hits(n), point(n), albedo(n), fog(n), colour(n), mask(n), blocker(n), shadow(n), lit(n), falloff(n) {}
 
-    float* const* hitPlanes() {
-        hitPlane[0] = hit[0].data();
-        hitPlane[1] = hit[1].data();
-        return hitPlane;
-    }
-
-    Planes direction;
-    std::vector<float> distance;
-    std::vector<float> hit[2];
-    std::vector<int> triangle; // -1 for a miss: serves as the mask of what follows
-    Planes point, normal;
-    std::vector<float> facing; // direction . normal, not positive
+    Planes point;
     Planes albedo;
     std::vector<float> fog; // 0 near, 1 where the ground has faded into the sky
     Planes colour;
@@ -63,34 +38,22 @@ struct Rays {
     std::vector<int> mask, blocker;
     Planes shadow;
     std::vector<float> lit, falloff;
-    float* hitPlane[2];
 };
-
-double seconds() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
 
 class Tracer {
 public:
     Tracer(const Scene& scene, const Camera& camera, const Vec& light, const Options& options, size_t rays)
-        : scene_(scene), camera_(camera), options_(options), context_(scene.context()), up_(normalised(options.up)),
-          eyeRays_(rays), bounced_(rays), weight_(rays), bounceMask_(rays), ones_(rays, 1.0f) {
+        : scene_(scene), camera_(camera), options_(options), context_(scene.context()), eyeRays_(rays), bounced_(rays),
+          weight_(rays), bounceMask_(rays), ones_(rays, 1.0f) {
         toFloats(light, light_);
         // The light falls off with the square of the distance; at the mesh its colour is what it is without.
         const double reach = std::max(1.0, length(light));
         for (float& c : lightColour_) c = static_cast<float>(kExposure * reach * reach);
     }
 
-    // Traces the rays of a tile: `block` rays from ray (column * side, row * side) of the picture on.
-    void trace(int side, int column, int row, ZenrSize block) {
-        const int n = block.width * block.height;
-        zenrCastEye_32f(camera_.plane, camera_.widthStep, camera_.heightStep, side, side, column, row,
-                        eyeRays_.direction, block);
-        std::fill_n(eyeRays_.distance.begin(), n, FLT_MAX);
-        const double start = seconds();
-        zenrIntersectEyeSO_32f(camera_.origin, eyeRays_.direction, eyeRays_.distance.data(), eyeRays_.hitPlanes(),
-                               eyeRays_.triangle.data(), &context_, block);
-        eye += {n, seconds() - start};
+    void trace(const Tiles& tiles, const Tile& tile) {
+        const int n = tile.rays.width * tile.rays.height;
+        eye += {n, traceEye(camera_, context_, tiles, tile, eyeRays_)};
     }
 
     // Colours of the rays that trace() traced.
@@ -121,12 +84,7 @@ private:
     // Normals facing the viewer, colours, and how far the ground has faded at the hit points.
     void surface(Rays& rays, int n) {
         const int* triangle = rays.triangle.data();
-        if (scene_.flat)
-            zenrSurfFlatNormal_32f(scene_.normals.data(), triangle, rays.normal, n);
-        else
-            zenrSurfSmoothNormal_32f(scene_.normals.data(), scene_.mesh.triangles.data(), triangle, rays.hitPlanes(),
-                                     rays.normal, n, 4);
-        zenrDotChangeNorm_32f_IM(rays.direction, triangle, rays.normal, rays.facing.data(), n);
+        facingNormals(scene_, rays, n);
         for (int i = 0; i < n; ++i) {
             rays.fog[i] = 0;
             if (triangle[i] < 0) continue;
@@ -171,7 +129,7 @@ private:
             const double fog = rays.triangle[i] < 0 ? 1 : rays.fog[i];
             if (fog == 0) continue;
             const Vec direction{rays.direction[0][i], rays.direction[1][i], rays.direction[2][i]};
-            const double height = std::max(0.0, dot(normalised(direction), up_));
+            const double height = std::max(0.0, dot(normalised(direction), scene_.up));
             for (int k = 0; k < 3; ++k) {
                 const double sky = kHorizon[k] + (kZenith[k] - kHorizon[k]) * height;
                 const double own = rays.triangle[i] < 0 ? 0 : rays.colour[k][i];
@@ -205,7 +163,7 @@ private:
             cast += bounceMask_[i] >= 0;
         }
         const double start = seconds();
-        zenrIntersectMO_32f(eyeRays_.point, bounced_.direction, bounced_.distance.data(), bounced_.hitPlanes(),
+        zenrIntersectMO_32f(eyeRays_.point, bounced_.direction, bounced_.distance.data(), bounced_.weightPlane,
                             bounced_.triangle.data(), &context_, block);
         reflection += {cast, seconds() - start};
         zenrHitPoint3DEpsM0_32f_M(eyeRays_.point, bounced_.direction, bounced_.distance.data(),
@@ -219,7 +177,6 @@ private:
     const Camera& camera_;
     const Options& options_;
     const ZenrIntersectContext context_;
-    const Vec up_;
     float light_[3], lightColour_[3];
     Rays eyeRays_, bounced_;
     std::vector<float> weight_;
@@ -250,56 +207,47 @@ void paintCost(const std::vector<double>& steps, Picture& picture) {
 
 } // namespace
 
+Vec lightPosition(const Options& options, const Scene& scene, const Camera& camera) {
+    if (options.light) return scene.fit(*options.light);
+    const Vec& up = scene.up;
+    const Vec toEye = normalised(camera.back - up * dot(camera.back, up));
+    return (up * 1.7 + camera.right * -1.2 + toEye * 0.9) * scene.radius;
+}
+
 Picture render(const Scene& scene, const Camera& camera, const Vec& light, const Options& options) {
-    const int width = options.width, height = options.height, tile = options.tile, samples = options.samples;
-    const int columns = (width + tile - 1) / tile, rows = (height + tile - 1) / tile;
-    const int side = tile * samples; // of a tile, in rays
+    const Tiles tiles(options, options.tile);
+    const size_t pixels = static_cast<size_t>(options.width) * options.height;
     const SrgbEncoder encode;
 
     Picture picture;
-    picture.rgb.resize(3 * static_cast<size_t>(width) * height);
-    std::vector<double> steps(options.showCost ? static_cast<size_t>(width) * height : 0);
-    picture.threads = std::min(options.threads > 0 ? options.threads : omp_get_max_threads(), columns * rows);
+    picture.rgb.resize(3 * pixels);
+    std::vector<double> steps(options.showCost ? pixels : 0);
+    picture.threads = tiles.threads(options.threads);
 
     // Memory is taken here, where its lack can still be reported.
     std::vector<std::unique_ptr<Tracer>> tracers;
     for (int t = 0; t < picture.threads; ++t)
-        tracers.push_back(std::make_unique<Tracer>(scene, camera, light, options, static_cast<size_t>(side) * side));
+        tracers.push_back(std::make_unique<Tracer>(scene, camera, light, options, tiles.mostRays()));
 
-    Progress progress(columns * rows, options.quiet);
     const double start = seconds();
-#pragma omp parallel for schedule(dynamic) num_threads(picture.threads)
-    for (int index = 0; index < columns * rows; ++index) {
-        Tracer& tracer = *tracers[omp_get_thread_num()];
-        const int column = index % columns, row = index / columns;
-        const int left = column * tile, top = row * tile;
-        const int tileWidth = std::min(tile, width - left), tileHeight = std::min(tile, height - top);
-        const ZenrSize block{tileWidth * samples, tileHeight * samples};
+    tiles.forEach(picture.threads, options.quiet, [&](int thread, const Tile& tile) {
+        Tracer& tracer = *tracers[thread];
         const int64_t before = tracer.eye.rays + tracer.shadow.rays + tracer.reflection.rays;
-
-        tracer.trace(side, column, row, block);
-        if (!options.showCost) tracer.shade(block);
-        // A pixel is the mean of its rays, added row by row whatever the tile.
-        for (int y = 0; y < tileHeight; ++y)
-            for (int x = 0; x < tileWidth; ++x) {
-                const size_t pixel = static_cast<size_t>(top + y) * width + left + x;
-                double sum[3] = {0, 0, 0};
-                for (int j = 0; j < samples; ++j)
-                    for (int i = 0; i < samples; ++i) {
-                        const int ray = (y * samples + j) * block.width + x * samples + i;
-                        if (options.showCost)
-                            sum[0] += tracer.steps(ray);
-                        else
-                            for (int k = 0; k < 3; ++k) sum[k] += std::min(1.0f, tracer.colour(k, ray));
-                    }
-                if (options.showCost)
-                    steps[pixel] = sum[0] / (samples * samples);
-                else
-                    for (int k = 0; k < 3; ++k) picture.rgb[3 * pixel + k] = encode(sum[k] / (samples * samples));
+        tracer.trace(tiles, tile);
+        if (!options.showCost) tracer.shade(tile.rays);
+        for (int y = 0; y < tile.height; ++y)
+            for (int x = 0; x < tile.width; ++x) {
+                const size_t pixel = static_cast<size_t>(tile.top + y) * options.width + tile.left + x;
+                if (options.showCost) {
+                    steps[pixel] = tiles.mean(tile, x, y, [&](int ray) { return tracer.steps(ray); });
+                    continue;
+                }
+                for (int k = 0; k < 3; ++k)
+                    picture.rgb[3 * pixel + k] =
+                        encode(tiles.mean(tile, x, y, [&](int ray) { return std::min(1.0f, tracer.colour(k, ray)); }));
             }
-        progress.tileDone(tracer.eye.rays + tracer.shadow.rays + tracer.reflection.rays - before);
-    }
-    progress.finish();
+        return tracer.eye.rays + tracer.shadow.rays + tracer.reflection.rays - before;
+    });
     picture.seconds = seconds() - start;
 
     for (const auto& tracer : tracers) {

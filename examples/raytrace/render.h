@@ -27,4 +27,7 @@ struct Picture {
     double meanSteps = 0, mostSteps = 0, hottestSteps = 0;
 };
 
+// Where the light is; when the user names no place, above and to the left of the eye.
+Vec lightPosition(const Options& options, const Scene& scene, const Camera& camera);
+
 Picture render(const Scene& scene, const Camera& camera, const Vec& light, const Options& options);

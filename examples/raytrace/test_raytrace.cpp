@@ -115,7 +115,7 @@ TEST_F(Raytrace, MeshesThatCannotBeReadAreRefused) {
     expectRefused(path("noise.obj"), "noise.obj");
     write("noise", std::string("\x7f\0\1\2", 4));
     expectRefused(path("noise"), "noise");
-#ifdef RAYTRACE_WITH_ASSIMP
+#ifdef EXAMPLES_WITH_ASSIMP
     write("points.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\n");
     expectRefused(path("points.obj"), "points.obj");
     write("nan.obj", "v 0 0 0\nv nan 0 0\nv 0 1 0\nf 1 2 3\n");
@@ -197,7 +197,7 @@ TEST_F(Raytrace, DumpOfADumpIsTheSame) {
     EXPECT_EQ(filesOfWork().size(), 1u) << "a dump alone renders nothing";
 }
 
-#ifdef RAYTRACE_WITH_ASSIMP
+#ifdef EXAMPLES_WITH_ASSIMP
 TEST_F(Raytrace, FilesAreMergedTriangulatedAndJoined) {
     // Two quads of two groups that share an edge, its vertices given twice: four triangles over six places.
     write("two.obj", "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nv 1 0 0\nv 2 0 0\nv 2 1 0\nv 1 1 0\nv 9 9 9\n"

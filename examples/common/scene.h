@@ -7,8 +7,19 @@
 #include <zenr.h>
 
 #include "mesh.h"
-#include "options.h"
 #include "vec.h"
+
+enum class Builder { simple, sah, automatic };
+
+struct SceneOptions {
+    Vec up{0, 1, 0};
+    bool ground = true;
+    bool flat = false; // facets instead of smooth normals
+    Builder builder = Builder::automatic;
+    double ratio = 0.5;
+    int depth = 50;
+    int memory = 1024; // of the sah builder, in MiB
+};
 
 // Mesh coordinates to scene coordinates: the mesh's middle at 0, its largest extent 10. The tracer's offsets and
 // thresholds are meant for scenes of about that size.
@@ -24,9 +35,11 @@ struct Scene {
     Fit fit;
     Vec half;          // half the diagonal of the mesh's box, whose middle is 0
     double radius = 0; // of the sphere around that box
+    Vec up;            // of unit length
     Vec groundMiddle;  // and its half side, 0 without a ground
     double groundHalf = 0;
     bool flat = false;
+    std::vector<float> triangleNormals;
     std::vector<float> normals; // of the vertices; flat: of the triangles
 
     float box[6] = {};
@@ -40,4 +53,4 @@ struct Scene {
     ZenrIntersectContext context() const { return {box, records.data(), tree.get()}; }
 };
 
-Scene makeScene(Mesh mesh, const Options& options);
+Scene makeScene(Mesh mesh, const SceneOptions& options);

@@ -1,5 +1,5 @@
 // Three doubles with the usual operators: positions and directions outside the inner loops. The square root is the only
-// function of the mathematical library used in this program, because its result is the same everywhere.
+// function of the mathematical library used in these programs, because its result is the same everywhere.
 #pragma once
 #include <cmath>
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <numeric>
 
-#ifdef RAYTRACE_WITH_ASSIMP
+#ifdef EXAMPLES_WITH_ASSIMP
 #include <assimp/Importer.hpp>
 #include <assimp/postprocess.h>
 #include <assimp/scene.h>
@@ -67,7 +67,7 @@ Mesh readDump(const std::string& path, const std::vector<unsigned char>& bytes) 
 
 // ---- Mesh files -------------------------------------------------------------------------------------------------
 
-#ifdef RAYTRACE_WITH_ASSIMP
+#ifdef EXAMPLES_WITH_ASSIMP
 
 // Appends the meshes of a node and of its children, placed where the file says.
 void appendNode(const aiScene& scene, const aiNode& node, const aiMatrix4x4& parent, Mesh& out) {
@@ -159,13 +159,13 @@ Mesh loadMesh(const std::string& path) {
         checkMesh(path, mesh);
         return mesh;
     }
-#ifdef RAYTRACE_WITH_ASSIMP
+#ifdef EXAMPLES_WITH_ASSIMP
     Mesh mesh = importFile(path);
     checkMesh(path, mesh);
     joinVertices(mesh);
     return mesh;
 #else
-    throw Failure(path + ": not a mesh dump (this build reads only those; the 64-bit one makes them with --dump)");
+    throw Failure(path + ": not a mesh dump (this build reads only those; the 64-bit raytrace makes them with --dump)");
 #endif
 }
 

@@ -1,32 +1,13 @@
-// Placing the eye. Angles go through series of our own: the last bits of sin() and tan() depend on the library.
+// Placing the eye.
 #include "camera.h"
 
 #include <algorithm>
 #include <cmath>
 
+#include "angles.h"
 #include "failure.h"
 
 namespace {
-
-constexpr double kPi = 3.14159265358979323846;
-
-// Sine and cosine of an angle of at most one turn, summed until terms no longer count.
-void sineCosine(double degrees, double& sine, double& cosine) {
-    const double x = degrees * (kPi / 180);
-    sine = cosine = 0;
-    double term = 1; // x^n / n!
-    for (int n = 0; n < 60; ++n) {
-        const double signedTerm = n % 4 < 2 ? term : -term;
-        (n % 2 ? sine : cosine) += signedTerm;
-        term *= x / (n + 1);
-    }
-}
-
-double tangent(double degrees) {
-    double sine, cosine;
-    sineCosine(degrees, sine, cosine);
-    return sine / cosine;
-}
 
 // A direction across `up`, from which the automatic eye looks: +z for meshes with y up, -y for those with z up.
 Vec frontOf(const Vec& up) {
@@ -49,9 +30,9 @@ double framingDistance(const Scene& scene, const Vec& back, const Vec& up, doubl
 
 } // namespace
 
-Camera makeCamera(const Options& options, const Scene& scene) {
+Camera makeCamera(const CameraOptions& options, const Scene& scene) {
     Camera camera;
-    const Vec up = normalised(options.up);
+    const Vec& up = scene.up;
     const double halfHeight = tangent(options.fov / 2);
     const double aspect = static_cast<double>(options.width) / options.height;
 
@@ -83,11 +64,4 @@ Camera makeCamera(const Options& options, const Scene& scene) {
     toFloats(heightStep, camera.heightStep);
     toFloats(camera.back * -1 + widthStep * firstX + heightStep * firstY, camera.plane);
     return camera;
-}
-
-Vec lightPosition(const Options& options, const Scene& scene, const Camera& camera) {
-    if (options.light) return scene.fit(*options.light);
-    const Vec up = normalised(options.up);
-    const Vec toEye = normalised(camera.back - up * dot(camera.back, up));
-    return (up * 1.7 + camera.right * -1.2 + toEye * 0.9) * scene.radius;
 }

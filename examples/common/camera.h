@@ -1,7 +1,15 @@
 // The eye and its image plane, in scene coordinates, in the form that zenrCastEye_32f takes.
 #pragma once
-#include "options.h"
+#include <optional>
+
 #include "scene.h"
+
+struct CameraOptions {
+    int width = 640, height = 480;
+    int samples = 2; // samples * samples rays a pixel
+    std::optional<Vec> eye, target;
+    double fov = 36, turn = 30, tilt = 20; // degrees
+};
 
 struct Camera {
     Vec eye, target;
@@ -13,7 +21,4 @@ struct Camera {
 };
 
 // Rays are numbered through the picture: width * samples in a row, height * samples rows.
-Camera makeCamera(const Options& options, const Scene& scene);
-
-// Where the light is when the user names no place: above and to the left of the eye.
-Vec lightPosition(const Options& options, const Scene& scene, const Camera& camera);
+Camera makeCamera(const CameraOptions& options, const Scene& scene);

@@ -1,4 +1,4 @@
-// Triangle meshes: loading, the program's own binary dump, vertex normals.
+// Triangle meshes: loading, a binary dump that needs no library to read, vertex normals.
 #pragma once
 #include <string>
 #include <vector>

@@ -31,7 +31,8 @@ void fitMesh(Scene& scene) {
 }
 
 // Two triangles, perpendicular to `up`, touching the mesh from below.
-void addGround(Scene& scene, const Vec& up) {
+void addGround(Scene& scene) {
+    const Vec& up = scene.up;
     Mesh& mesh = scene.mesh;
     double lowest = DBL_MAX;
     for (size_t i = 0; i < mesh.vertices.size(); i += 3) lowest = std::min(lowest, dot(toVec(&mesh.vertices[i]), up));
@@ -51,7 +52,7 @@ void addGround(Scene& scene, const Vec& up) {
     mesh.triangles.insert(mesh.triangles.end(), {first, first + 2, first + 3, kMaterialGround});
 }
 
-ZenStatus build(Scene& scene, const Options& options, bool sah) {
+ZenStatus build(Scene& scene, const SceneOptions& options, bool sah) {
     ZenrKDTreeBuildParams params{};
     params.tag = sah ? zenKDTBuildSAH : zenKDTBuildSimple;
     params.maxDepth = options.depth;
@@ -69,7 +70,7 @@ ZenStatus build(Scene& scene, const Options& options, bool sah) {
     return status;
 }
 
-void buildTree(Scene& scene, const Options& options) {
+void buildTree(Scene& scene, const SceneOptions& options) {
     ZenStatus status = build(scene, options, options.builder != Builder::simple);
     if (status != zenStsNoErr && options.builder == Builder::automatic) {
         scene.note = "the sah builder failed with status " + std::to_string(status) + " within " +
@@ -83,20 +84,18 @@ void buildTree(Scene& scene, const Options& options) {
 
 } // namespace
 
-Scene makeScene(Mesh mesh, const Options& options) {
+Scene makeScene(Mesh mesh, const SceneOptions& options) {
     Scene scene;
     scene.mesh = std::move(mesh);
     fitMesh(scene);
-    if (options.ground) addGround(scene, normalised(options.up));
+    scene.up = normalised(options.up);
+    if (options.ground) addGround(scene);
 
     scene.flat = options.flat;
-    if (scene.flat) {
-        scene.normals.resize(3 * static_cast<size_t>(scene.mesh.triangleCount()));
-        zenrTriangleNormal_32f(scene.mesh.vertices.data(), scene.mesh.triangles.data(), scene.normals.data(),
-                               scene.mesh.triangleCount());
-    } else {
-        scene.normals = vertexNormals(scene.mesh);
-    }
+    scene.triangleNormals.resize(3 * static_cast<size_t>(scene.mesh.triangleCount()));
+    zenrTriangleNormal_32f(scene.mesh.vertices.data(), scene.mesh.triangles.data(), scene.triangleNormals.data(),
+                           scene.mesh.triangleCount());
+    scene.normals = scene.flat ? scene.triangleNormals : vertexNormals(scene.mesh);
 
     const auto start = std::chrono::steady_clock::now();
     zenrSetBoundBox_32f(scene.mesh.vertices.data(), scene.mesh.vertexCount(), scene.box);
