@@ -280,7 +280,7 @@ uint32_t firstReferences(const Geometry& geometry, uint32_t triangleCount, TriRe
     return n;
 }
 
-ZenStatus build(Builder& builder, int vertexCount, int triangleCount, ZenrKDTreeNode** pTree, int* pSize,
+ZenStatus build(Builder& builder, Level level, int vertexCount, int triangleCount, ZenrKDTreeNode** pTree, int* pSize,
                 float optimizationRatio, int maxDepth, const float* boundBox) {
     MemContext& context = *builder.context;
     if (!contextComplete(context, triangleCount)) return zenStsMemAllocErr;
@@ -301,7 +301,7 @@ ZenStatus build(Builder& builder, int vertexCount, int triangleCount, ZenrKDTree
     context.poolA.cursor = reinterpret_cast<char*>(refs + n);
     *root = WorkNode{kWorkLeaf, n, 0};
     // Without vertices nothing may be read, whatever box was given: the root stays a leaf of all triangles.
-    const ZenStatus status = ownOptimizationPSAH(builder, *root, optimizationRatio, vertexCount > 0 ? maxDepth : 0);
+    const ZenStatus status = ownOptimizationPSAH(builder, *root, level, optimizationRatio, vertexCount > 0 ? maxDepth : 0, 1);
     if (status != zenStsNoErr) return status;
     return ownCompactTreeRepresentation(builder.tables, *root, pTree, pSize);
 }
@@ -311,13 +311,15 @@ ZenStatus build(Builder& builder, int vertexCount, int triangleCount, ZenrKDTree
 ZenStatus ownKDTBldPSAH_ML(const float* vertices, const int* triangles, int vertexCount, int triangleCount,
                            ZenrKDTreeNode** pTree, int* pSize, float optimizationRatio, int maxDepth, uint32_t budget,
                            const float* boundBox) {
+    // On i386 leaving a wide level costs too much to do it for each node.
+    const Level level = sizeof(void*) == 8 ? bestLevel() : Level::sse2;
     Builder builder;
     const ZenStatus created =
         ownMemCreateContext(&builder.context, budget, vertices, triangles, vertexCount, triangleCount);
     if (created != zenStsNoErr) return created;
     builder.tables.nodeCount = builder.tables.listCount = builder.tables.arrayCount = 0;
     const ZenStatus status =
-        build(builder, vertexCount, triangleCount, pTree, pSize, optimizationRatio, maxDepth, boundBox);
+        build(builder, level, vertexCount, triangleCount, pTree, pSize, optimizationRatio, maxDepth, boundBox);
     releaseContext(builder.context);
     return status;
 }

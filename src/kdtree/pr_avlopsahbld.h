@@ -4,6 +4,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "frame/dispatch.h"
 #include "zenr.h"
 
 namespace zenr {
@@ -50,7 +51,7 @@ struct MemContext {
     const int* trianglesLimit;
     Pool poolA; // root node and reference lists, used like a stack
     Pool poolB; // points made by cutting, used like a stack
-    // Four for each axis: starts, ends, planar events, sort scratch.
+    // Extents of references, least and greatest coordinate on each axis; then two for each axis' events.
     uint32_t* scratch[kScratchArrays];
     BlockHeader nodeBlocks;
     BlockHeader listBlocks;
@@ -141,17 +142,6 @@ inline char* takeRecords(Pool& pool, uint64_t n) {
 ZenStatus ownCompactTreeRepresentation(const BlockTables& tables, const WorkNode& root, ZenrKDTreeNode** pTree,
                                        int* pSize);
 
-// What a split search returns. On entry `cost` holds the node's cost Q; axis -1 means no split.
-struct __attribute__((packed, aligned(4))) SplitRecord {
-    double cost;
-    float position;
-    int32_t axis;
-    int32_t left;  // NL: references that go to the lower side
-    int32_t right; // NR
-    uint32_t flag; // where a triangle in the split plane goes: 0 lower side, 1 upper side
-};
-static_assert(sizeof(SplitRecord) == 28, "seven words");
-
 // Everything that reading a reference needs.
 struct Geometry {
     const float* vertices;
@@ -171,37 +161,47 @@ inline const float* pointAt(const Geometry& geometry, uint32_t point) {
                                         : geometry.cutPoints + size_t(point - geometry.vertexCount) * 3;
 }
 
-struct SearchInput {
-    Geometry geometry;
-    const TriRef* refs;
-    int count;
-    const float* box;
-    uint32_t* const* scratch; // kScratchArrays arrays of at least `count` words
-    long double factor;       // F
-};
-
-void localFindBestSplitSortSearch_ST(const SearchInput& input, SplitRecord& split);
-void localFindBestSplitSortSearch_MT(const SearchInput& input, SplitRecord& split);
-
-// Half the surface of a box times a number of triangles.
-double nodeCost(const float* box, int count);
-// F for an optimisation ratio.
-long double costFactor(float optimizationRatio);
-
-// A build under way.
+// A build under way: what all threads share.
 struct Builder {
     MemContext* context;
     BlockTables tables;
     float box[6];
 };
 
-// Subdivides the root, whose references lie in pool A, until every leaf is decided.
-ZenStatus ownOptimizationPSAH(Builder& builder, WorkNode& root, float optimizationRatio, int maxDepth);
+enum BlockKind { kNodeBlocks, kListBlocks, kArrayBlocks, kBlockKinds };
+
+// What one thread builds with: all of the context's memory, or a part of it.
+struct Workspace {
+    Pool* poolA;
+    Pool* poolB;
+    uint32_t* freeArrays;
+    uint32_t* scratch[kScratchArrays];
+    int capacity;                     // words of each scratch array
+    BlockHeader* blocks[kBlockKinds]; // the ones in use
+    uint32_t blockNumbers[kBlockKinds];
+};
+Workspace wholeWorkspace(Builder& builder, int triangleCount);
+// Takes a further block into use; false when the budget does not pay for it or there is no memory.
+bool nextBlock(Builder& builder, Workspace& space, BlockKind kind);
+
+// Subdivides the root, whose references end at pool A's cursor, until every leaf is decided. With more than one thread
+// it may run out of memory that one thread would find enough.
+ZenStatus ownOptimizationPSAH(Builder& builder, WorkNode& root, Level level, float optimizationRatio, int maxDepth,
+                              int threads);
 
 // Selectors of a polygon: the first point with the least and with the greatest coordinate on each axis.
 uint32_t selectBounds(const Geometry& geometry, const uint32_t* points, uint32_t count);
+
+// One side of a cut reference, and its bounds.
+struct CutPart {
+    TriRef ref;
+    float lo[3];
+    float hi[3];
+};
 // Cuts a reference that straddles a plane. A status, because new points and arrays can run out of memory.
-ZenStatus cutReference(Builder& builder, const Geometry& geometry, const TriRef& ref, int axis, float split,
-                       TriRef& lower, TriRef& upper);
+ZenStatus cutReference(Builder& builder, Workspace& space, const Geometry& geometry, const TriRef& ref, int axis,
+                       float split, CutPart& lower, CutPart& upper);
+// Returns a reference's point array for reuse.
+void returnArray(Builder& builder, Workspace& space, const TriRef& ref);
 
 } // namespace zenr

@@ -1,0 +1,216 @@
+// The split search of the surface-area-heuristic builder: which plane, if any, divides a node.
+#include "kdtree/pr_avlopsahsrch.h"
+
+#include <float.h>
+#include <omp.h>
+
+#include "frame/prprim.h"
+#include "kdtree/pr_avlopsahkern.h"
+#include "zencore.h"
+
+namespace zenr {
+
+namespace {
+
+constexpr float kFlat = 1e-5f; // an extent up to this is none
+constexpr double kSmallestThreshold = 1e-5;
+constexpr double kSmallestSection = 1e-9;
+constexpr float kEmptyShare = 0.1f;  // an empty slab of more than this share of the extent is cut off
+constexpr double kEmptyBonus = 0.7f; // and its price reduced to this
+// A region that forks costs microseconds, and much more where the processors are busy; smaller nodes run the same
+// sections in the calling thread.
+constexpr int kForkCount = 16384;
+
+constexpr int kNextAxis[5] = {1, 2, 0, 1, 2};
+
+// One axis of a node under search.
+struct AxisSearch {
+    bool usable = false;
+    bool swept = false; // the sweep has to run, or has run
+    float sum;          // S
+    Pricing pricing;
+    AxisScan scan;
+    Candidate best{DBL_MAX, 0, 0, 0, 1};
+};
+
+// Everything but the sweep: the axis' prices and its empty slabs. All arithmetic is in double on coordinates that are
+// floats.
+void searchSlabs(const SearchInput& input, int axis, AxisSearch& search) {
+    const float* const box = input.box;
+    const double min = box[axis];
+    const double max = box[axis + 3];
+    const double extent = max - min;
+    if (!(extent > kFlat)) return;
+    const int b = kNextAxis[axis];
+    const int c = kNextAxis[axis + 1];
+    const double e1 = double(box[b + 3]) - box[b];
+    const double e2 = double(box[c + 3]) - box[c];
+    if (e1 <= kFlat && e2 <= kFlat) return;
+    search.usable = true;
+    search.sum = float(e1 + e2);
+    const double section = e1 * e2;
+    search.pricing = Pricing{min, max, section < kSmallestSection ? 0.0 : section / search.sum};
+    const double rest = search.pricing.rest;
+    const int n = input.count;
+
+    input.kernels->scan(input.lo[axis], input.hi[axis], n, &search.scan);
+    const float first = search.scan.first;
+    const float last = search.scan.last;
+
+    // Planar events in the candidate plane stay with the other triangles, which the flags say too.
+    const double gap = double(kEmptyShare) * extent;
+    bool empty = false;
+    if (first - min > gap) {
+        search.best = Candidate{(max - first + rest) * n * kEmptyBonus, first, 0, n, 1};
+        empty = true;
+    }
+    if (max - last > gap) {
+        const double price = (last - min + rest) * n * kEmptyBonus;
+        if (!empty || price < search.best.price) search.best = Candidate{price, last, n, 0, 0};
+        empty = true;
+    }
+    // Without planar events an empty slab is final; with them the sweep competes against the reduced price.
+    search.swept = !empty || search.scan.inPlane > 0;
+}
+
+// `limit`: a cost that need not be found exactly when it lies above.
+void searchPlanes(const SearchInput& input, int axis, double limit, AxisSearch& search) {
+    if (!search.swept) return;
+    uint32_t* const* const scratch = input.scratch + 2 * axis;
+    const AxisEvents events{input.lo[axis],
+                            input.hi[axis],
+                            input.count,
+                            search.scan.inPlane,
+                            {reinterpret_cast<float*>(scratch[0]), reinterpret_cast<float*>(scratch[1])},
+                            input.capacity};
+    Candidate swept;
+    input.kernels->sweep(&events, &search.pricing, limit / search.sum, &swept);
+    if (swept.price < search.best.price) search.best = swept;
+}
+
+double costOf(const AxisSearch& search) {
+    return search.best.price * search.sum;
+}
+
+// The axis' record, whose cost is Q on entry and stays so when the axis is passed over.
+void storeRecord(const AxisSearch& search, int axis, SplitRecord& record) {
+    if (!search.usable) return;
+    const Candidate& best = search.best;
+    record = SplitRecord{costOf(search), best.position, axis, best.left, best.right, best.flag};
+}
+
+// T for a node: F * Q, but never less than a smallest value. A NaN stays, and refuses every split.
+long double thresholdOf(const SearchInput& input, double nodeCostQ) {
+    const long double threshold = input.factor * nodeCostQ;
+    return threshold < kSmallestThreshold ? (long double)(kSmallestThreshold) : threshold;
+}
+
+// No cost above this can lead to a split; a little more than the bound itself, to be safe from rounding.
+double greatestUsefulCost(double nodeCostQ, long double threshold, int count) {
+    const double bound = nodeCostQ - double(threshold) / count;
+    return bound + 1e-9 * nodeCostQ;
+}
+
+// Ties go to the higher axis, deliberately. With a NaN among the costs no split results.
+void chooseAxis(const SplitRecord (&axes)[3], long double threshold, int count, double nodeCostQ, SplitRecord& split) {
+    const double c0 = axes[0].cost;
+    const double c1 = axes[1].cost;
+    const double c2 = axes[2].cost;
+    const int axis = c1 <= c0 ? (c2 > c1 ? 1 : 2) : (c2 <= c0 ? 2 : 0);
+    const long double gain = count * ((long double)(nodeCostQ) - (long double)(axes[axis].cost));
+    if (!(threshold < gain)) {
+        split.axis = -1;
+        return;
+    }
+    zensCopy_32s(reinterpret_cast<const int*>(&axes[axis]), reinterpret_cast<int*>(&split), 7);
+    split.axis = axis;
+}
+
+void startRecords(SplitRecord (&axes)[3], double nodeCostQ) {
+    for (SplitRecord& record : axes) record = SplitRecord{nodeCostQ, 0, -1, 0, 0, 1};
+}
+
+void searchAxis(const SearchInput& input, int axis, double limit, SplitRecord& record) {
+    AxisSearch search;
+    searchSlabs(input, axis, search);
+    searchPlanes(input, axis, limit, search);
+    storeRecord(search, axis, record);
+}
+
+} // namespace
+
+void localFindBestSplitSortSearch_ST(const SearchInput& input, SplitRecord& split) {
+    const double q = split.cost;
+    SplitRecord axes[3];
+    startRecords(axes, q);
+    const long double threshold = thresholdOf(input, q);
+    // What one axis reaches the others have to beat, so the slabs, which cost little, come first.
+    double limit = greatestUsefulCost(q, threshold, input.count);
+    AxisSearch search[3];
+    for (int axis = 0; axis < 3; ++axis) {
+        searchSlabs(input, axis, search[axis]);
+        if (search[axis].usable && costOf(search[axis]) < limit) limit = costOf(search[axis]);
+    }
+    for (int axis = 0; axis < 3; ++axis) {
+        searchPlanes(input, axis, limit, search[axis]);
+        if (search[axis].usable && costOf(search[axis]) < limit) limit = costOf(search[axis]);
+        storeRecord(search[axis], axis, axes[axis]);
+    }
+    chooseAxis(axes, threshold, input.count, q, split);
+}
+
+void localFindBestSplitSortSearch_MT(const SearchInput& input, SplitRecord& split) {
+    const double q = split.cost;
+    SplitRecord axes[3];
+    startRecords(axes, q);
+    const float* const box = input.box;
+    int usable[3];
+    int n = 0;
+    for (int axis = 0; axis < 3; ++axis)
+        if (double(box[axis + 3]) - box[axis] > kFlat) usable[n++] = axis;
+    // One thread for each usable axis, but never more than the library may use, and none for a node too small to repay
+    // them: then the same sections run one after the other in the calling thread.
+    const int allowed = input.count >= kForkCount && !omp_in_parallel() ? ownGetNumThreads() : 1;
+    if (allowed == 1) {
+        localFindBestSplitSortSearch_ST(input, split);
+        return;
+    }
+    const long double threshold = thresholdOf(input, q);
+    const double limit = greatestUsefulCost(q, threshold, input.count);
+    const int team = n < allowed ? n : allowed;
+    if (n == 3) {
+#pragma omp parallel sections num_threads(team)
+        {
+#pragma omp section
+            searchAxis(input, 0, limit, axes[0]);
+#pragma omp section
+            searchAxis(input, 1, limit, axes[1]);
+#pragma omp section
+            searchAxis(input, 2, limit, axes[2]);
+        }
+    } else if (n == 2) {
+        const int axis0 = usable[0];
+        const int axis1 = usable[1];
+#pragma omp parallel sections num_threads(team)
+        {
+#pragma omp section
+            searchAxis(input, axis0, limit, axes[axis0]);
+#pragma omp section
+            searchAxis(input, axis1, limit, axes[axis1]);
+        }
+    }
+    chooseAxis(axes, threshold, input.count, q, split);
+}
+
+double nodeCost(const float* box, int count) {
+    const long double ex = (long double)(box[3]) - box[0];
+    const long double ey = (long double)(box[4]) - box[1];
+    const long double ez = (long double)(box[5]) - box[2];
+    return double(count * (ex * (ey + ez) + ey * ez));
+}
+
+long double costFactor(float optimizationRatio) {
+    return (10.0L - 9.0L * optimizationRatio) * (long double)(0.5057569742202759);
+}
+
+} // namespace zenr
