@@ -2,11 +2,13 @@
 // compaction of the working tree into the packed format.
 #include "kdtree/pr_avlopsahbld.h"
 
+#include <omp.h>
 #include <string.h>
 
 #include "frame/prmem.h"
 #include "frame/prprim.h"
 #include "kdtree/kdtree.h"
+#include "zencore.h"
 
 namespace zenr {
 
@@ -103,6 +105,19 @@ BlockHeader* takeBlock(MemContext& context, BlockHeader& chain) {
     chain.prev->next = block;
     chain.prev = block;
     return block;
+}
+
+void startOver(MemContext& context, BlockTables& tables) {
+    context.remaining += (tables.nodeCount + tables.listCount + tables.arrayCount) * kBlockCharge;
+    tables.nodeCount = tables.listCount = tables.arrayCount = 0;
+    BlockHeader* const chains[] = {&context.nodeBlocks, &context.listBlocks, &context.arrayBlocks};
+    for (BlockHeader* chain : chains) {
+        releaseChain(*chain);
+        emptyChain(*chain);
+    }
+    memset(context.freeArrays, 0, sizeof context.freeArrays);
+    context.poolA.cursor = context.poolA.start;
+    context.poolB.cursor = context.poolB.start;
 }
 
 // ---- Compaction
@@ -280,6 +295,23 @@ uint32_t firstReferences(const Geometry& geometry, uint32_t triangleCount, TriRe
     return n;
 }
 
+// Meshes of fewer triangles do not repay a team.
+constexpr int kTeamTriangles = 16384;
+
+ZenStatus subdivide(Builder& builder, Level level, int triangleCount, float optimizationRatio, int maxDepth,
+                    int threads, WorkNode*& root) {
+    MemContext& context = *builder.context;
+    root = reinterpret_cast<WorkNode*>(takeRecords(context.poolA, 1));
+    TriRef* const refs = reinterpret_cast<TriRef*>(takeRecords(context.poolA, uint32_t(triangleCount)));
+    if (!root || !refs) return zenStsNoMemErr;
+    const Geometry geometry{context.vertices, reinterpret_cast<const float*>(context.poolB.start), context.triangles,
+                            builder.tables.arrays, uint32_t(size_t(context.verticesEnd - context.vertices) / 3)};
+    const uint32_t n = firstReferences(geometry, uint32_t(triangleCount), refs);
+    context.poolA.cursor = reinterpret_cast<char*>(refs + n);
+    *root = WorkNode{kWorkLeaf, n, 0};
+    return ownOptimizationPSAH(builder, *root, level, optimizationRatio, maxDepth, threads);
+}
+
 ZenStatus build(Builder& builder, Level level, int vertexCount, int triangleCount, ZenrKDTreeNode** pTree, int* pSize,
                 float optimizationRatio, int maxDepth, const float* boundBox) {
     MemContext& context = *builder.context;
@@ -292,16 +324,16 @@ ZenStatus build(Builder& builder, Level level, int vertexCount, int triangleCoun
     else if (vertexCount > 0)
         boxOfVertices(context.vertices, uint32_t(vertexCount), builder.box);
 
-    WorkNode* const root = reinterpret_cast<WorkNode*>(takeRecords(context.poolA, 1));
-    TriRef* const refs = reinterpret_cast<TriRef*>(takeRecords(context.poolA, uint32_t(triangleCount)));
-    if (!root || !refs) return zenStsNoMemErr;
-    const Geometry geometry{context.vertices, reinterpret_cast<const float*>(context.poolB.start), context.triangles,
-                            builder.tables.arrays, uint32_t(vertexCount)};
-    const uint32_t n = firstReferences(geometry, uint32_t(triangleCount), refs);
-    context.poolA.cursor = reinterpret_cast<char*>(refs + n);
-    *root = WorkNode{kWorkLeaf, n, 0};
     // Without vertices nothing may be read, whatever box was given: the root stays a leaf of all triangles.
-    const ZenStatus status = ownOptimizationPSAH(builder, *root, level, optimizationRatio, vertexCount > 0 ? maxDepth : 0, 1);
+    const int depth = vertexCount > 0 ? maxDepth : 0;
+    const int allowed = triangleCount >= kTeamTriangles && !omp_in_parallel() ? ownGetNumThreads() : 1;
+    WorkNode* root = nullptr;
+    ZenStatus status = subdivide(builder, level, triangleCount, optimizationRatio, depth, allowed, root);
+    if (status == zenStsNoMemErr && allowed > 1) {
+        // Threads need more memory than one: what that decides is whether the budget is enough.
+        startOver(context, builder.tables);
+        status = subdivide(builder, level, triangleCount, optimizationRatio, depth, 1, root);
+    }
     if (status != zenStsNoErr) return status;
     return ownCompactTreeRepresentation(builder.tables, *root, pTree, pSize);
 }

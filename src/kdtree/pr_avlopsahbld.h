@@ -120,6 +120,8 @@ ZenStatus ownMemCreateContext(MemContext** pContext, uint32_t budget, const floa
 bool contextComplete(const MemContext& context, int triangleCount);
 // Releases everything that the context holds, and the context.
 void releaseContext(MemContext* context);
+// Gives all blocks back and empties the pools, for a build from the beginning.
+void startOver(MemContext& context, BlockTables& tables);
 
 // Whether the remaining budget pays for one more block. The fixed pools may have overdrawn it: then `remaining` has
 // wrapped above the budget.

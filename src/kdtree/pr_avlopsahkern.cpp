@@ -14,47 +14,74 @@ namespace ZENR_LEVEL {
 namespace {
 
 constexpr uint32_t kRadixCount = 320; // up to so many events the comparison sort is quicker
-constexpr int kLanes = kSimdBytes / 4;
-typedef float Floats __attribute__((vector_size(kSimdBytes), may_alias));
-typedef float FloatsAnywhere __attribute__((vector_size(kSimdBytes), may_alias, aligned(4)));
-typedef int32_t Ints __attribute__((vector_size(kSimdBytes), may_alias));
-typedef double Doubles __attribute__((vector_size(kSimdBytes), may_alias));
+// Most nodes are small, so that wider registers would be filled with padding.
+constexpr int kVectorBytes = kSimdBytes < 32 ? kSimdBytes : 32;
+constexpr int kLanes = kVectorBytes / 4;
+template <int Lanes> struct Vector {
+    typedef float Floats __attribute__((vector_size(4 * Lanes), may_alias));
+    typedef float FloatsAnywhere __attribute__((vector_size(4 * Lanes), may_alias, aligned(4)));
+    typedef int32_t Ints __attribute__((vector_size(4 * Lanes), may_alias));
+};
+typedef Vector<kLanes>::Floats Floats;
+typedef Vector<kLanes>::Ints Ints;
 
 ZENR_INLINE Floats load(const float* p) {
-    return *reinterpret_cast<const FloatsAnywhere*>(p);
+    return *reinterpret_cast<const Vector<kLanes>::FloatsAnywhere*>(p);
 }
 ZENR_INLINE Floats all(float x) {
     return Floats{} + x;
 }
 
+// At least Lanes references: the last vector overlaps the one before it, which changes no least or greatest value.
+template <int Lanes> ZENR_INLINE void scanVectors(const float* lo, const float* hi, int n, AxisScan* result) {
+    typedef typename Vector<Lanes>::Floats Values;
+    typedef typename Vector<Lanes>::FloatsAnywhere Anywhere;
+    Values first = *reinterpret_cast<const Anywhere*>(lo);
+    Values last = *reinterpret_cast<const Anywhere*>(hi);
+    Values firstEnd = last;
+    Values lastStart = first;
+    typename Vector<Lanes>::Ints planar = first == last;
+    for (int i = Lanes; i < n; i += Lanes) {
+        const int at = i <= n - Lanes ? i : n - Lanes;
+        const Values l = *reinterpret_cast<const Anywhere*>(lo + at);
+        const Values h = *reinterpret_cast<const Anywhere*>(hi + at);
+        first = l < first ? l : first;
+        lastStart = l > lastStart ? l : lastStart;
+        last = h > last ? h : last;
+        firstEnd = h < firstEnd ? h : firstEnd;
+        planar |= l == h;
+    }
+    AxisScan scan{first[0], last[0], lastStart[0], firstEnd[0], planar[0]};
+    for (int k = 1; k < Lanes; ++k) {
+        scan.first = first[k] < scan.first ? first[k] : scan.first;
+        scan.last = last[k] > scan.last ? last[k] : scan.last;
+        scan.lastStart = lastStart[k] > scan.lastStart ? lastStart[k] : scan.lastStart;
+        scan.firstEnd = firstEnd[k] < scan.firstEnd ? firstEnd[k] : scan.firstEnd;
+        scan.inPlane |= planar[k];
+    }
+    *result = scan;
+}
+
 void scan(const float* lo, const float* hi, int n, AxisScan* result) {
-    float first = FLT_MAX;
-    float last = -FLT_MAX;
-    int inPlane = 0;
-    int i = 0;
-    if (n >= kLanes) {
-        Floats least = all(FLT_MAX);
-        Floats greatest = all(-FLT_MAX);
-        Ints planar = {};
-        for (; i <= n - kLanes; i += kLanes) {
-            const Floats l = load(lo + i);
-            const Floats h = load(hi + i);
-            least = l < least ? l : least;
-            greatest = h > greatest ? h : greatest;
-            planar -= l == h;
+    if (n >= 2 * kLanes) {
+        scanVectors<kLanes>(lo, hi, n, result);
+    } else if (n >= 4) {
+        scanVectors<4>(lo, hi, n, result);
+    } else {
+        AxisScan scan{lo[0], hi[0], lo[0], hi[0], lo[0] == hi[0]};
+        for (int i = 1; i < n; ++i) {
+            scan.first = lo[i] < scan.first ? lo[i] : scan.first;
+            scan.last = hi[i] > scan.last ? hi[i] : scan.last;
+            scan.lastStart = lo[i] > scan.lastStart ? lo[i] : scan.lastStart;
+            scan.firstEnd = hi[i] < scan.firstEnd ? hi[i] : scan.firstEnd;
+            scan.inPlane |= lo[i] == hi[i];
         }
-        for (int k = 0; k < kLanes; ++k) {
-            first = least[k] < first ? least[k] : first;
-            last = greatest[k] > last ? greatest[k] : last;
-            inPlane += planar[k];
-        }
+        *result = scan;
     }
-    for (; i < n; ++i) {
-        first = lo[i] < first ? lo[i] : first;
-        last = hi[i] > last ? hi[i] : last;
-        inPlane += lo[i] == hi[i];
+    if (result->inPlane) {
+        result->inPlane = 0;
+        for (int i = 0; i < n; ++i) result->inPlane += lo[i] == hi[i];
     }
-    *result = AxisScan{first, last, inPlane};
 }
 
 // The events between two coordinates. `left` triangles start, or lie in a plane, below them; `right` do neither end
@@ -81,92 +108,99 @@ ZENR_INLINE void offer(const Candidate& found, Candidate& best) {
 
 constexpr int kFewEvents = 64;
 
-// Each event is compared with all others: no order is needed, and no branch depends on the data.
-void priceEach(const Stretch& s, const Pricing& pricing, Candidate& best) {
-    constexpr int kStep = 2 * kLanes;
-    constexpr int kRoom = kFewEvents + kStep;
+// What each event would cost as a plane.
+struct Priced {
+    static constexpr int kRoom = kFewEvents + 2 * kLanes;
     alignas(64) float x[kRoom];
     alignas(64) int32_t left[kRoom];
     alignas(64) int32_t right[kRoom];
     alignas(64) int32_t inPlane[kRoom];
     alignas(64) double price[kRoom];
-    const int n = s.events();
-    const int padded = (n + kStep - 1) & -kStep;
-    int k = 0;
-    for (int i = 0; i < s.startCount; ++i) x[k++] = s.starts[i];
-    for (int i = 0; i < s.endCount; ++i) x[k++] = s.ends[i];
-    for (int i = 0; i < s.planarCount; ++i) x[k++] = s.planar[i];
-    for (; k < padded; ++k) x[k] = x[0];
+};
 
-    const int rightAfter = s.right - s.endCount - s.planarCount;
-    for (k = 0; k < padded; k += kStep) {
-        const Floats x0 = *reinterpret_cast<const Floats*>(x + k);
-        const Floats x1 = *reinterpret_cast<const Floats*>(x + k + kLanes);
-        Ints left0 = Ints{} + s.left;
-        Ints left1 = left0;
-        Ints right0 = Ints{} + rightAfter;
-        Ints right1 = right0;
-        for (int i = 0; i < s.startCount; ++i) {
-            const Floats e = all(s.starts[i]);
-            left0 -= e < x0;
-            left1 -= e < x1;
-        }
-        for (int i = 0; i < s.endCount; ++i) {
-            const Floats e = all(s.ends[i]);
-            right0 -= e > x0;
-            right1 -= e > x1;
-        }
-        if (s.planarCount > 0) {
-            Ints plane0 = {};
-            Ints plane1 = {};
-            for (int i = 0; i < s.planarCount; ++i) {
-                const Floats e = all(s.planar[i]);
-                left0 -= e < x0;
-                left1 -= e < x1;
-                right0 -= e > x0;
-                right1 -= e > x1;
-                plane0 -= e == x0;
-                plane1 -= e == x1;
+// Counts and prices of `Blocks` vectors of events from k on.
+template <int Blocks, bool Planar>
+ZENR_INLINE void priceBlocks(const Stretch& s, const Pricing& pricing, int k, Priced& priced) {
+    Floats x[Blocks];
+    Ints left[Blocks];
+    Ints right[Blocks];
+    Ints inPlane[Blocks];
+    for (int b = 0; b < Blocks; ++b) {
+        x[b] = *reinterpret_cast<const Floats*>(priced.x + k + b * kLanes);
+        left[b] = Ints{} + s.left;
+        right[b] = Ints{} + (s.right - s.endCount - s.planarCount);
+        inPlane[b] = Ints{};
+    }
+    for (int i = 0; i < s.startCount; ++i) {
+        const Floats e = all(s.starts[i]);
+        for (int b = 0; b < Blocks; ++b) left[b] -= e < x[b];
+    }
+    for (int i = 0; i < s.endCount; ++i) {
+        const Floats e = all(s.ends[i]);
+        for (int b = 0; b < Blocks; ++b) right[b] -= e > x[b];
+    }
+    if (Planar) {
+        for (int i = 0; i < s.planarCount; ++i) {
+            const Floats e = all(s.planar[i]);
+            for (int b = 0; b < Blocks; ++b) {
+                left[b] -= e < x[b];
+                right[b] -= e > x[b];
+                inPlane[b] -= e == x[b];
             }
-            *reinterpret_cast<Ints*>(inPlane + k) = plane0;
-            *reinterpret_cast<Ints*>(inPlane + k + kLanes) = plane1;
         }
-        *reinterpret_cast<Ints*>(left + k) = left0;
-        *reinterpret_cast<Ints*>(left + k + kLanes) = left1;
-        *reinterpret_cast<Ints*>(right + k) = right0;
-        *reinterpret_cast<Ints*>(right + k + kLanes) = right1;
     }
-    if (s.planarCount > 0) {
-        for (k = 0; k < padded; ++k) {
-            const double upper = pricing.price(left[k], right[k] + inPlane[k], x[k]);
-            const double lower = pricing.price(left[k] + inPlane[k], right[k], x[k]);
-            price[k] = lower < upper ? lower : upper;
-        }
-    } else {
-        for (k = 0; k < padded; ++k) price[k] = pricing.price(left[k], right[k], x[k]);
+    for (int b = 0; b < Blocks; ++b) {
+        *reinterpret_cast<Ints*>(priced.left + k + b * kLanes) = left[b];
+        *reinterpret_cast<Ints*>(priced.right + k + b * kLanes) = right[b];
+        if (Planar) *reinterpret_cast<Ints*>(priced.inPlane + k + b * kLanes) = inPlane[b];
     }
-    Doubles least = Doubles{} + DBL_MAX;
-    for (k = 0; k < padded; k += kLanes / 2) {
-        const Doubles p = *reinterpret_cast<const Doubles*>(price + k);
-        least = p < least ? p : least; // no NaN passes
-    }
-    double cheapest = least[0];
-    for (k = 1; k < kLanes / 2; ++k) cheapest = least[k] < cheapest ? least[k] : cheapest;
-    if (!(cheapest <= best.price) || cheapest == DBL_MAX) return;
-    int at = -1;
-    for (k = 0; k < n; ++k)
-        if (price[k] == cheapest && (at < 0 || x[k] < x[at])) at = k;
-    Candidate found{cheapest, x[at], left[at], right[at], 1};
-    if (s.planarCount > 0) {
-        const double upper = pricing.price(left[at], right[at] + inPlane[at], x[at]);
-        if (cheapest < upper) {
-            found.left += inPlane[at];
-            found.flag = 0;
+    for (int j = k; j < k + Blocks * kLanes; ++j) {
+        if (Planar) {
+            const double upper = pricing.price(priced.left[j], priced.right[j] + priced.inPlane[j], priced.x[j]);
+            const double lower = pricing.price(priced.left[j] + priced.inPlane[j], priced.right[j], priced.x[j]);
+            priced.price[j] = lower < upper ? lower : upper;
         } else {
-            found.right += inPlane[at];
+            priced.price[j] = pricing.price(priced.left[j], priced.right[j], priced.x[j]);
         }
     }
-    offer(found, best);
+}
+
+// Each event is compared with all others: no order is needed, and no branch depends on the data.
+template <bool Planar> void priceEach(const Stretch& s, const Pricing& pricing, Candidate& best) {
+    Priced priced;
+    const int n = s.events();
+    int k = 0;
+    for (int i = 0; i < s.startCount; ++i) priced.x[k++] = s.starts[i];
+    for (int i = 0; i < s.endCount; ++i) priced.x[k++] = s.ends[i];
+    if (Planar)
+        for (int i = 0; i < s.planarCount; ++i) priced.x[k++] = s.planar[i];
+    const int padded = (n + kLanes - 1) & -kLanes;
+    for (; k < padded; ++k) priced.x[k] = priced.x[0];
+    for (k = 0; k < padded - kLanes; k += 2 * kLanes) priceBlocks<2, Planar>(s, pricing, k, priced);
+    if (k < padded) priceBlocks<1, Planar>(s, pricing, k, priced);
+
+    int at = -1;
+    double cheapest = best.price < DBL_MAX ? best.price : DBL_MAX;
+    float position = best.position;
+    for (k = 0; k < n; ++k) {
+        const double price = priced.price[k];
+        if (price < cheapest || (price == cheapest && priced.x[k] < position && price < DBL_MAX)) {
+            cheapest = price;
+            position = priced.x[k];
+            at = k;
+        }
+    }
+    if (at < 0) return;
+    best = Candidate{cheapest, position, priced.left[at], priced.right[at], 1};
+    if (Planar) {
+        const double upper = pricing.price(priced.left[at], priced.right[at] + priced.inPlane[at], position);
+        if (cheapest < upper) {
+            best.left += priced.inPlane[at];
+            best.flag = 0;
+        } else {
+            best.right += priced.inPlane[at];
+        }
+    }
 }
 
 // Number of sorted values below x, or up to x.
@@ -274,7 +308,10 @@ struct Room {
 
 void searchStretch(const Stretch& s, const Pricing& pricing, const Room& room, Candidate& best) {
     if (s.events() <= kFewEvents) {
-        if (s.events() > 0) priceEach(s, pricing, best);
+        if (s.planarCount > 0)
+            priceEach<true>(s, pricing, best);
+        else
+            priceEach<false>(s, pricing, best);
         return;
     }
     sortEvents(s.starts, s.startCount, room.words, room.count);
@@ -335,8 +372,7 @@ struct Bins {
 // fixed counts the price is linear; so the least and the greatest value at the two edges bound the prices between them.
 // A price at an edge itself is one that the next event on one of its sides does not exceed, because up to there the
 // counts do not grow.
-template <bool Planar>
-void sweepBins(const AxisEvents& events, const Pricing& pricing, double limit, Candidate& best) {
+template <bool Planar> void sweepBins(const AxisEvents& events, const Pricing& pricing, double limit, Candidate& best) {
     const int n = events.count;
     const int count = binsFor(n);
     const float base = float(pricing.min);
@@ -437,8 +473,9 @@ void sweep(const AxisEvents* events, const Pricing* pricing, double limit, Candi
     const int n = events->count;
     if (n <= kFewReferences && events->inPlane == 0) {
         // Read, never written: so few are not sorted.
-        priceEach(Stretch{const_cast<float*>(events->lo), n, const_cast<float*>(events->hi), n, nullptr, 0, 0, n},
-                  *pricing, *best);
+        priceEach<false>(
+            Stretch{const_cast<float*>(events->lo), n, const_cast<float*>(events->hi), n, nullptr, 0, 0, n}, *pricing,
+            *best);
     } else if (n <= kFewReferences || !(pricing->max - pricing->min < kGreatestBinned)) {
         sweepWhole(*events, *pricing, *best);
     } else if (events->inPlane > 0) {

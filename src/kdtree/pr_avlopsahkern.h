@@ -38,8 +38,10 @@ struct AxisEvents {
 };
 
 struct AxisScan {
-    float first; // least lo
-    float last;  // greatest hi
+    float first;     // least lo
+    float last;      // greatest hi
+    float lastStart; // greatest lo
+    float firstEnd;  // least hi
     int inPlane;
 };
 

@@ -124,11 +124,12 @@ public:
     // `tasks`: where to leave subtrees, or null.
     Subdivision(Builder& builder, Workspace& space, WorkNode& root, Level level, float optimizationRatio, int maxDepth,
                 Tasks* tasks)
-        : builder_(builder), space_(space), root_(root), maxDepth_(maxDepth), tasks_(tasks),
-          geometry_{builder.context->vertices, reinterpret_cast<const float*>(builder.context->poolB.start),
-                    builder.context->triangles, builder.tables.arrays,
-                    uint32_t(size_t(builder.context->verticesEnd - builder.context->vertices) / 3)},
-          input_{&sahKernels(level), {}, {}, 0, nullptr, space.scratch + 6, space.capacity,
+        : builder_(builder), space_(space), root_(root), maxDepth_(maxDepth),
+          tasks_(tasks), geometry_{builder.context->vertices,
+                                   reinterpret_cast<const float*>(builder.context->poolB.start),
+                                   builder.context->triangles, builder.tables.arrays,
+                                   uint32_t(size_t(builder.context->verticesEnd - builder.context->vertices) / 3)},
+          input_{&sahKernels(level),           {}, {}, 0, nullptr, space.scratch + 6, space.capacity,
                  costFactor(optimizationRatio)} {}
 
     // Subdivides an item whose references end at pool A's cursor.
@@ -356,12 +357,110 @@ Item rootItem(const Builder& builder) {
     return item;
 }
 
+// Part t of `team` equal parts of what a pool has left, a whole number of 12-byte records.
+Pool partOf(const Pool& pool, int t, int team) {
+    const size_t bytes = size_t(pool.end - pool.cursor) / 12 / size_t(team) * 12;
+    char* const start = pool.cursor + size_t(t) * bytes;
+    return Pool{start, start + bytes, start};
+}
+
+// A tree that several threads build: the calling thread subdivides down to subtrees that are small beside the whole,
+// and the team takes those one by one, the largest first. Which thread builds a subtree, and where its records lie,
+// leaves no trace in the packed tree.
+class TeamBuild {
+public:
+    TeamBuild(Builder& builder, WorkNode& root, Level level, float optimizationRatio, int maxDepth, int triangleCount)
+        : builder_(builder), root_(root), level_(level), optimizationRatio_(optimizationRatio), maxDepth_(maxDepth),
+          triangleCount_(triangleCount) {}
+
+    ZenStatus run(int threads) {
+        Pool& pool = builder_.context->poolA;
+        char* const end = pool.end;
+        // Small enough for an even split among the threads, and for a thread's share of the scratch arrays.
+        tasks_.limit = root_.value / uint32_t(8 * threads);
+        Workspace space = wholeWorkspace(builder_, triangleCount_);
+        ZenStatus status =
+            Subdivision(builder_, space, root_, level_, optimizationRatio_, maxDepth_, &tasks_).run(rootItem(builder_));
+        if (status == zenStsNoErr) status = buildTasks(space, threads);
+        pool.end = end;
+        return status;
+    }
+
+private:
+    uint32_t sizeOf(const Item& item) { return nodeAt(builder_.tables, item.node)->value; }
+
+    void sortTasks() {
+        for (int i = 1; i < tasks_.count; ++i) {
+            const Item item = tasks_.items[i];
+            int at = i;
+            for (; at > 0 && sizeOf(tasks_.items[at - 1]) < sizeOf(item); --at) tasks_.items[at] = tasks_.items[at - 1];
+            tasks_.items[at] = item;
+        }
+    }
+
+    ZenStatus buildTasks(const Workspace& whole, int threads) {
+        sortTasks();
+        int next = 0;
+        int failed = 0;
+        const MemContext& context = *builder_.context;
+        parallelTeam(tasks_.count, threads, [&](Range, int t, int team) {
+            Pool poolA = partOf(context.poolA, t, team);
+            Pool poolB = partOf(context.poolB, t, team);
+            char* const startB = poolB.start;
+            uint32_t freeArrays[kSizeClasses] = {};
+            Workspace space{&poolA, &poolB, freeArrays, {}, whole.capacity / team, {}, {}};
+            for (int i = 0; i < kScratchArrays; ++i) space.scratch[i] = whole.scratch[i] + size_t(t) * space.capacity;
+            // The calling thread goes on with its own blocks.
+            BlockHeader none{};
+            for (int i = 0; i < kBlockKinds; ++i) {
+                space.blocks[i] = t == 0 ? whole.blocks[i] : &none;
+                space.blockNumbers[i] = whole.blockNumbers[i];
+            }
+            Subdivision subdivision(builder_, space, root_, level_, optimizationRatio_, maxDepth_, nullptr);
+            for (;;) {
+                int task;
+                int stop;
+#pragma omp atomic capture
+                task = next++;
+#pragma omp atomic read
+                stop = failed;
+                if (task >= tasks_.count || stop) break;
+                const Item& item = tasks_.items[task];
+                poolA.cursor = poolA.start;
+                poolB.cursor = startB;
+                const uint32_t n = sizeOf(item);
+                char* const refs = takeRecords(poolA, n);
+                ZenStatus status = zenStsNoMemErr;
+                if (refs && n <= uint32_t(space.capacity) && n <= kBlockWords) {
+                    memcpy(refs, context.poolA.start + item.cursorA, n * sizeof(TriRef));
+                    status = subdivision.run(item);
+                }
+                if (status != zenStsNoErr) {
+#pragma omp atomic write
+                    failed = 1;
+                }
+            }
+        });
+        return failed ? zenStsNoMemErr : zenStsNoErr;
+    }
+
+    Builder& builder_;
+    WorkNode& root_;
+    const Level level_;
+    const float optimizationRatio_;
+    const int maxDepth_;
+    const int triangleCount_;
+    Tasks tasks_;
+};
+
 } // namespace
 
 ZenStatus ownOptimizationPSAH(Builder& builder, WorkNode& root, Level level, float optimizationRatio, int maxDepth,
                               int threads) {
-    (void)threads;
-    Workspace space = wholeWorkspace(builder, int(size_t(builder.context->trianglesEnd - builder.context->triangles) / 4));
+    const MemContext& context = *builder.context;
+    const int triangleCount = int(size_t(context.trianglesEnd - context.triangles) / 4);
+    if (threads > 1) return TeamBuild(builder, root, level, optimizationRatio, maxDepth, triangleCount).run(threads);
+    Workspace space = wholeWorkspace(builder, triangleCount);
     return Subdivision(builder, space, root, level, optimizationRatio, maxDepth, nullptr).run(rootItem(builder));
 }
 

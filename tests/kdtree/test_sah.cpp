@@ -5,6 +5,8 @@
 #include "frame/prmem.h"
 #include "kdtree/kdtree.h"
 #include "kdtree/pr_avlopsahbld.h"
+#include "kdtree/pr_avlopsahkern.h"
+#include "kdtree/pr_avlopsahsrch.h"
 #include "reference/meshes.h"
 #include "reference/sah_reference.h"
 #include "support.h"
@@ -236,6 +238,43 @@ TEST(SAHBuilder, SameBytesForAnyThreadCountAndAgain) {
     }
 }
 
+// A team needs blocks of its own. Where the budget does not pay for them, or an allocation fails, one thread builds the
+// tree after all.
+TEST(SAHBuilder, TeamsWithoutMemoryGiveWayToOneThread) {
+    const Mesh mesh = reference::sphere(6);
+    if (zenrtest::rounds(30) < 30) return; // too slow there, and no kernel's business
+    asked = 0;
+    const Built one = build(mesh, 0.5f);
+    const int alone = asked;
+    threads = 4;
+    asked = 0;
+    EXPECT_EQ(build(mesh, 0.5f).words, one.words);
+    const int together = asked;
+    EXPECT_GT(together, alone);
+    uint32_t smallest = 33;
+    for (uint32_t budget = 33; budget < 160; budget += 8) {
+        const Built built = build(mesh, 0.5f, 50, budget);
+        threads = 1;
+        const Built expected = build(mesh, 0.5f, 50, budget);
+        threads = 4;
+        ASSERT_EQ(built.status, expected.status) << budget;
+        ASSERT_EQ(built.words, expected.words) << budget;
+        if (built.status != zenStsNoErr) smallest = budget + 8;
+    }
+    EXPECT_GT(smallest, 33u);
+    for (int call = 0; call < together; ++call) {
+        asked = 0;
+        failOnly = call;
+        const Built built = build(mesh, 0.5f);
+        failOnly = -1;
+        if (built.status == zenStsNoErr)
+            ASSERT_EQ(built.words, one.words) << call;
+        else
+            ASSERT_TRUE(call < 15 || call == together - 1) << call;
+    }
+    threads = 1;
+}
+
 // The same numbers on both flavours. Not a definition: when a deliberate change of the builder makes other trees, these
 // change with it, and then on both flavours alike.
 TEST(SAHBuilder, FlavoursAgree) {
@@ -341,7 +380,7 @@ TEST(SAHBuilder, FullPools) {
                            zenr::selectBounds(geometry, reinterpret_cast<const uint32_t*>(&mesh.triangles[4 * t]), 3),
                            zenr::kWholeTriangle};
             zenr::WorkNode root{zenr::kWorkLeaf, n, 0};
-            const ZenStatus status = zenr::ownOptimizationPSAH(builder, root, 1, 50);
+            const ZenStatus status = zenr::ownOptimizationPSAH(builder, root, zenr::Level::sse2, 1, 50, 1);
             EXPECT_TRUE(status == zenStsNoErr || status == zenStsNoMemErr);
             ++(status == zenStsNoErr ? done : ranOut)[which];
             for (int i = 0; i < 24000; ++i) ASSERT_EQ(pool.end[i], 0x5A);
@@ -487,6 +526,97 @@ TEST(SAHBuilder, Piles) {
 }
 
 namespace {
+// Extents in [0, 1] of different kinds: spread, clustered, on few places, all the same, some in planes.
+void fillExtents(int kind, int n, uint32_t seed, std::vector<float>& lo, std::vector<float>& hi) {
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<float> unit(0, 1);
+    lo.clear();
+    hi.clear();
+    for (int i = 0; i < n; ++i) {
+        float a = unit(random), b = unit(random);
+        if (kind == 1) b = std::min(1.f, a + 0.01f * b);
+        if (kind == 2) a = float(int(a * 8)) / 8, b = float(int(b * 8)) / 8;
+        if (kind == 3) a = 0.25f, b = 0.75f;
+        if (kind == 4) a = 0.5f + a * 1e-4f, b = 0.5f + b * 1e-4f;
+        if (kind == 5 && random() % 2) b = a;
+        if (kind == 6) b = a = float(int(a * 20)) / 20;
+        if (kind == 7) a = std::min(a, 0.05f), b = std::max(b, 0.5f);
+        if (kind == 8) a = float(int(a * 50)) / 50, b = random() % 2 ? a : float(int(b * 50)) / 50;
+        lo.push_back(std::min(a, b));
+        hi.push_back(std::max(a, b));
+    }
+}
+} // namespace
+
+TEST(Sweep, FindsWhatTheDefinitionFindsAtEveryLevel) {
+    std::vector<float> lo, hi;
+    for (int n :
+         {1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 31, 32, 33, 63, 64, 65, 99, 100, 101, 399, 400, 1999, 2000, 17000}) {
+        for (int kind = 0; kind < 9; ++kind) {
+            for (int round = 0; round < (n > 500 ? 1 : zenrtest::rounds(20)); ++round) {
+                if (n > 10000 && (kind == 0 || kind == 1 || kind == 4 || kind == 5 || kind == 7))
+                    continue; // too many places
+                if (n > 500 && zenrtest::rounds(30) < 30) continue;
+                fillExtents(kind, n, uint32_t(n * 100 + kind * 10 + round), lo, hi);
+                const double rest = round % 3 * 0.7;
+                const reference::CheapestPlane expected(lo, hi, 0, 1, rest);
+                for (zenr::Level level : zenrtest::levels()) {
+                    SCOPED_TRACE(testing::Message() << zenrtest::levelName(level) << ", " << n << " of kind " << kind);
+                    zenr::WideScope scope(level);
+                    const zenr::SahKernels& kernels = zenr::sahKernels(level);
+                    zenrtest::Guarded<float> gl(lo.size()), gh(lo.size()), s0(lo.size()), s1(lo.size());
+                    std::copy(lo.begin(), lo.end(), gl.data());
+                    std::copy(hi.begin(), hi.end(), gh.data());
+                    zenr::AxisScan scan;
+                    kernels.scan(gl.data(), gh.data(), n, &scan);
+                    ASSERT_EQ(scan.first, *std::min_element(lo.begin(), lo.end()));
+                    ASSERT_EQ(scan.last, *std::max_element(hi.begin(), hi.end()));
+                    ASSERT_EQ(scan.lastStart, *std::max_element(lo.begin(), lo.end()));
+                    ASSERT_EQ(scan.firstEnd, *std::min_element(hi.begin(), hi.end()));
+                    int inPlane = 0;
+                    for (size_t i = 0; i < lo.size(); ++i) inPlane += lo[i] == hi[i];
+                    ASSERT_EQ(scan.inPlane, inPlane);
+                    const zenr::AxisEvents events{gl.data(), gh.data(), n, inPlane, {s0.data(), s1.data()}, n};
+                    const zenr::Pricing pricing{0, 1, rest};
+                    for (double limit : {1e300, expected.price * 1.0001, expected.price, expected.price * 0.9}) {
+                        zenr::Candidate found;
+                        kernels.sweep(&events, &pricing, limit, &found);
+                        if (limit < expected.price && found.price > limit) continue; // free to give up
+                        ASSERT_EQ(found.price, expected.price);
+                        ASSERT_EQ(found.position, expected.x);
+                        ASSERT_EQ(found.left, expected.left);
+                        ASSERT_EQ(found.right, expected.right);
+                        ASSERT_EQ(found.flag, expected.flag);
+                    }
+                    ASSERT_EQ(memcmp(gl.data(), lo.data(), size_t(n) * 4), 0) << "extents stay";
+                    ASSERT_EQ(memcmp(gh.data(), hi.data(), size_t(n) * 4), 0);
+                }
+            }
+        }
+    }
+}
+
+// Far outside of the range of bins.
+TEST(Sweep, HugeBoxes) {
+    std::vector<float> lo, hi;
+    fillExtents(0, 200, 3, lo, hi);
+    for (float& x : lo) x = (x - 0.5f) * 3e38f * 2;
+    for (float& x : hi) x = (x - 0.5f) * 3e38f * 2;
+    const double min = -3e38, max = 3e38;
+    const reference::CheapestPlane expected(lo, hi, min, max, 0);
+    for (zenr::Level level : zenrtest::levels()) {
+        zenr::WideScope scope(level);
+        std::vector<float> s0(200), s1(200);
+        const zenr::AxisEvents events{lo.data(), hi.data(), 200, 0, {s0.data(), s1.data()}, 200};
+        const zenr::Pricing pricing{min, max, 0};
+        zenr::Candidate found;
+        zenr::sahKernels(level).sweep(&events, &pricing, 1e300, &found);
+        EXPECT_EQ(found.price, expected.price);
+        EXPECT_EQ(found.position, expected.x);
+    }
+}
+
+namespace {
 struct SplitCase {
     Mesh mesh;
     Box box{0, 0, 0, 1, 1, 1};
@@ -496,24 +626,23 @@ struct SplitCase {
         mesh.addVertex(x0, y0 + (y1 - y0) / 2, z1);
         mesh.add(v, v + 1, v + 2);
     }
-    zenr::SplitRecord search(float ratio, bool many = false) {
-        std::vector<std::vector<uint32_t>> scratch(12, std::vector<uint32_t>(size_t(mesh.triangleCount())));
-        uint32_t* pointers[12];
-        for (int i = 0; i < 12; ++i) pointers[i] = scratch[size_t(i)].data();
-        zenr::SearchInput input{
-            {mesh.vertices.data(), nullptr, mesh.triangles.data(), nullptr, uint32_t(mesh.vertexCount())},
-            nullptr,
-            mesh.triangleCount(),
-            box.data(),
-            pointers,
-            zenr::costFactor(ratio)};
-        std::vector<zenr::TriRef> refs;
-        for (int t = 0; t < mesh.triangleCount(); ++t)
-            refs.push_back({uint32_t(t) << 5 | 3,
-                            zenr::selectBounds(input.geometry,
-                                               reinterpret_cast<const uint32_t*>(&mesh.triangles[4 * size_t(t)]), 3),
-                            zenr::kWholeTriangle});
-        input.refs = refs.data();
+    zenr::SplitRecord search(float ratio, bool many = false, zenr::Level level = zenr::Level::sse2) {
+        const size_t n = size_t(mesh.triangleCount());
+        std::vector<std::vector<uint32_t>> scratch(6, std::vector<uint32_t>(n));
+        uint32_t* pointers[6];
+        for (int i = 0; i < 6; ++i) pointers[i] = scratch[size_t(i)].data();
+        std::vector<float> lo[3], hi[3];
+        zenr::SearchInput input{&zenr::sahKernels(level), {}, {}, int(n), box.data(), pointers, int(n),
+                                zenr::costFactor(ratio)};
+        for (size_t a = 0; a < 3; ++a) {
+            for (size_t t = 0; t < n; ++t) {
+                const float* p = &mesh.vertices[9 * t];
+                lo[a].push_back(std::min({p[a], p[a + 3], p[a + 6]}));
+                hi[a].push_back(std::max({p[a], p[a + 3], p[a + 6]}));
+            }
+            input.lo[a] = lo[a].data();
+            input.hi[a] = hi[a].data();
+        }
         zenr::SplitRecord split{zenr::nodeCost(box.data(), input.count), 0, 7, 0, 0, 9};
         if (many)
             zenr::localFindBestSplitSortSearch_MT(input, split);
@@ -594,6 +723,7 @@ struct Cutter {
     Mesh mesh;
     zenr::Builder builder;
     zenr::Geometry geometry;
+    zenr::Workspace space;
     explicit Cutter(const Mesh& m) : mesh(m) {
         EXPECT_EQ(zenr::ownMemCreateContext(&builder.context, 512u << 20, mesh.vertices.data(), mesh.triangles.data(),
                                             mesh.vertexCount(), mesh.triangleCount()),
@@ -601,6 +731,7 @@ struct Cutter {
         builder.tables.nodeCount = builder.tables.listCount = builder.tables.arrayCount = 0;
         geometry = {mesh.vertices.data(), reinterpret_cast<const float*>(builder.context->poolB.start),
                     mesh.triangles.data(), builder.tables.arrays, uint32_t(mesh.vertexCount())};
+        space = zenr::wholeWorkspace(builder, mesh.triangleCount());
     }
     ~Cutter() { zenr::releaseContext(builder.context); }
     zenr::TriRef whole(int t) {
@@ -630,19 +761,28 @@ TEST(Cutting, NeighboursGetTheSamePoints) {
         mesh.add(1, 0, 3);
         Cutter cutter(mesh);
         const float split = place(random);
-        zenr::TriRef parts[4];
+        zenr::CutPart parts[4];
         for (int t = 0; t < 2; ++t)
-            ASSERT_EQ(zenr::cutReference(cutter.builder, cutter.geometry, cutter.whole(t), 0, split, parts[2 * t],
-                                         parts[2 * t + 1]),
+            ASSERT_EQ(zenr::cutReference(cutter.builder, cutter.space, cutter.geometry, cutter.whole(t), 0, split,
+                                         parts[2 * t], parts[2 * t + 1]),
                       zenStsNoErr);
         std::vector<std::array<float, 3>> shared;
         for (int p = 0; p < 4; ++p) {
-            const auto points = cutter.points(parts[p]);
-            EXPECT_EQ(parts[p].id >> 5, uint32_t(p / 2));
+            const auto points = cutter.points(parts[p].ref);
+            EXPECT_EQ(parts[p].ref.id >> 5, uint32_t(p / 2));
+            for (size_t a = 0; a < 3; ++a) {
+                float lo = points[0][a], hi = lo;
+                for (const auto& q : points) lo = std::min(lo, q[a]), hi = std::max(hi, q[a]);
+                EXPECT_EQ(parts[p].lo[a], lo);
+                EXPECT_EQ(parts[p].hi[a], hi);
+                const uint32_t selectors = parts[p].ref.selectors;
+                EXPECT_EQ(points[selectors >> (15 + 5 * a) & 31][a], lo);
+                EXPECT_EQ(points[selectors >> (5 * a) & 31][a], hi);
+            }
             for (const auto& q : points) {
                 EXPECT_TRUE(p % 2 ? q[0] >= split : q[0] <= split);
                 if (p < 2 || q[0] != split) continue;
-                for (const auto& o : cutter.points(parts[p - 2]))
+                for (const auto& o : cutter.points(parts[p - 2].ref))
                     if (o == q) shared.push_back(q);
             }
         }
@@ -663,25 +803,27 @@ TEST(Cutting, MorePointsThanAReferenceNumbersBecomeABox) {
     builder.tables.arrays[0] = star.data();
     builder.tables.arrayCount = 1;
     const zenr::TriRef ref{30, zenr::selectBounds(cutter.geometry, star.data(), 30), 0};
-    zenr::TriRef parts[2];
-    ASSERT_EQ(zenr::cutReference(builder, cutter.geometry, ref, 0, 0, parts[0], parts[1]), zenStsNoErr);
+    zenr::CutPart parts[2];
+    ASSERT_EQ(zenr::cutReference(builder, cutter.space, cutter.geometry, ref, 0, 0, parts[0], parts[1]), zenStsNoErr);
     for (int side = 0; side < 2; ++side) {
-        EXPECT_EQ(parts[side].id & 31, 8u);
-        zenr::TriRef halves[2];
+        EXPECT_EQ(parts[side].ref.id & 31, 8u);
+        zenr::CutPart halves[2];
         const auto bounds = [](const std::vector<std::array<float, 3>>& points) {
             Box box{9, 99, 9, -9, -99, -9};
             for (const auto& p : points)
                 for (int a = 0; a < 3; ++a) box[a] = std::min(box[a], p[a]), box[a + 3] = std::max(box[a + 3], p[a]);
             return box;
         };
-        const Box whole = bounds(cutter.points(parts[side]));
-        ASSERT_EQ(zenr::cutReference(builder, cutter.geometry, parts[side], 1, 3.f, halves[0], halves[1]), zenStsNoErr);
+        const Box whole = bounds(cutter.points(parts[side].ref));
+        ASSERT_EQ(
+            zenr::cutReference(builder, cutter.space, cutter.geometry, parts[side].ref, 1, 3.f, halves[0], halves[1]),
+            zenStsNoErr);
         EXPECT_EQ(whole[0], side ? 0.f : -1.f);
         EXPECT_EQ(whole[3], side ? 1.f : 0.f);
         for (int half = 0; half < 2; ++half) {
             Box expected = whole;
             expected[half ? 1 : 4] = 3.f;
-            EXPECT_EQ(bounds(cutter.points(halves[half])), expected);
+            EXPECT_EQ(bounds(cutter.points(halves[half].ref)), expected);
         }
     }
 }

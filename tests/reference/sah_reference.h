@@ -240,6 +240,47 @@ private:
     double best_ = INFINITY;
 };
 
+// The cheapest plane at a bound of some interval, straight from its definition: at a coordinate x, what starts below x
+// or lies in a plane below it counts to the lower side, what ends above x or lies above it to the upper side, and what
+// lies in the plane to the side where that is cheaper, the upper one when both are equal. Of equal prices the lowest x.
+struct CheapestPlane {
+    double price = 1.7976931348623157e308;
+    float x = 0;
+    int left = 0, right = 0;
+    unsigned flag = 1;
+    CheapestPlane(const std::vector<float>& lo, const std::vector<float>& hi, double min, double max, double rest) {
+        std::vector<float> places = lo;
+        places.insert(places.end(), hi.begin(), hi.end());
+        std::sort(places.begin(), places.end());
+        places.erase(std::unique(places.begin(), places.end()), places.end());
+        for (float at : places) {
+            int below = 0, above = 0, within = 0;
+            for (size_t i = 0; i < lo.size(); ++i) {
+                if (lo[i] == at && hi[i] == at)
+                    ++within;
+                else {
+                    below += lo[i] < at;
+                    above += hi[i] > at;
+                }
+            }
+            offer(at, below, above + within, 1, min, max, rest);
+            if (within > 0) offer(at, below + within, above, 0, min, max, rest);
+        }
+    }
+
+private:
+    void offer(float at, int below, int above, unsigned side, double min, double max, double rest) {
+        const double p = below * (at - min + rest) + above * (max - at + rest);
+        if (p < price) {
+            price = p;
+            x = at;
+            left = below;
+            right = above;
+            flag = side;
+        }
+    }
+};
+
 // Expected cost of the tree that a straightforward builder makes: every node sorts the exact bounds of the clipped
 // triangles on every axis, prices every plane and takes the cheapest; it stops when that is no gain at `step` for an
 // interior node and 1 for a triangle. The cost returned counts 1 for an interior node.
