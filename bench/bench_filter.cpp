@@ -1,6 +1,7 @@
 // Speed of the volume filter, one thread: nanoseconds per voxel at each level, and how many times faster it is than
-// plain loops in the same run (the faster of two loop orders). Results are compared after timing.
-//   bench_filter [size=256] [kernels whose name starts with]
+// plain loops in the same run (the faster of two loop orders) and than other libraries. Results are compared with the
+// plain loops' after timing.
+//   bench_filter [size=256] [kernels whose name starts with] [--alone]     --alone: without the other libraries
 #include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -11,12 +12,8 @@
 #include <vector>
 
 #include "filter/prfilter.h"
+#include "filter_peers.h"
 #include "filter_plain.h"
-
-#if defined(ZENR_BENCH_CIMG)
-#define cimg_display 0
-#include <CImg.h>
-#endif
 
 namespace {
 
@@ -58,6 +55,7 @@ struct Kernel {
     int size;
     std::vector<int32_t> weights;
     int32_t divisor;
+    std::vector<int32_t> axis = {}; // where the kernel is a product
 };
 
 std::vector<Kernel> kernels() {
@@ -74,6 +72,7 @@ std::vector<Kernel> kernels() {
         for (int z = 0; z < n; ++z)
             for (int y = 0; y < n; ++y)
                 for (int x = 0; x < n; ++x) k.weights.push_back(f[z] * f[y] * f[x]);
+        k.axis = f;
         all.push_back(k);
     };
     random("full-3", 3, 60, 256);
@@ -101,6 +100,9 @@ std::vector<Kernel> kernels() {
 } // namespace
 
 int main(int argc, char** argv) {
+    static const FilterPeer kNobody[] = {{nullptr, nullptr, nullptr}};
+    const FilterPeer* peers = kFilterPeers;
+    if (argc > 1 && strcmp(argv[argc - 1], "--alone") == 0) peers = kNobody, --argc;
     const int n = argc > 1 ? atoi(argv[1]) : 256;
     const char* only = argc > 2 ? argv[2] : "";
     if (n < 16 || n > 2048) return fprintf(stderr, "size: 16 to 2048\n"), 2;
@@ -109,18 +111,20 @@ int main(int argc, char** argv) {
     for (int16_t& v : src.data) v = int16_t(engine());
     for (int16_t* p : dst.targets) memset(p, 0, size_t(n) * n * 2);
     for (int16_t* p : expected.targets) memset(p, 0, size_t(n) * n * 2);
+    std::vector<int16_t> dense; // without margins
+    for (int z = 0; z < n; ++z)
+        for (int y = 0; y < n; ++y) {
+            const int16_t* row = src.planes[size_t(z) + kMargin] + y * src.step;
+            dense.insert(dense.end(), row, row + n);
+        }
     const double perVoxel = 1e9 / (double(n) * n * n);
     static const char* const names[] = {"sse2", "avx2", "avx512"};
 
     printf("%-20s %8s %8s", "ns per voxel, ", "voxels", "rows");
     for (int l = 0; l <= int(zenr::bestLevel()); ++l) printf(" %8s", names[l]);
-    printf("   times plain%s\n",
-#if defined(ZENR_BENCH_CIMG)
-           ", times CImg"
-#else
-           ""
-#endif
-    );
+    printf("   times plain");
+    for (const FilterPeer* p = peers; p->name; ++p) printf("  %s", p->name);
+    printf("\n");
     bool wrong = false;
     for (const Kernel& k : kernels()) {
         if (strncmp(k.name, only, strlen(only)) != 0) continue;
@@ -157,17 +161,16 @@ int main(int argc, char** argv) {
             printf(" %8.3f", best);
             if (dst.data != expected.data) printf(" WRONG"), wrong = true;
         }
-        printf("   %.2f", (byVoxel < byRow ? byVoxel : byRow) / best);
-#if defined(ZENR_BENCH_CIMG)
-        // Floats and its own border, so only its time is of use here.
-        cimg_library::CImg<float> image(n, n, n, 1), mask(k.size, k.size, k.size, 1);
-        for (int z = 0; z < n; ++z)
-            for (int y = 0; y < n; ++y)
-                for (int x = 0; x < n; ++x) image(x, y, z) = src.planes[size_t(z) + kMargin][y * src.step + x];
-        for (size_t i = 0; i < k.weights.size(); ++i) mask[i] = float(k.weights[i]);
-        const double cimg = seconds([&] { image.get_convolve(mask); }, 0) * perVoxel;
-        printf(", %.1f", cimg / best);
-#endif
+        printf("   %11.2f", (byVoxel < byRow ? byVoxel : byRow) / best);
+        for (const FilterPeer* p = peers; p->name; ++p) {
+            const int width = int(strlen(p->name)) + 2;
+            if (p->prepare(dense.data(), n, k.weights.data(), k.axis.empty() ? nullptr : k.axis.data(), k.size,
+                           k.divisor))
+                printf("%*.2f", width, seconds(p->run, 0) * perVoxel / best);
+            else
+                printf("%*s", width, "");
+            fflush(stdout);
+        }
         printf("\n");
         fflush(stdout);
     }

@@ -265,23 +265,26 @@ static FilterDivision planDivision(int32_t divisor, int64_t bound) {
 constexpr int kTileWidth = 128;
 constexpr int kTileRows = 16;
 
-// Walks the tiles of the destination's columns and rows: body(tile, x, y), whose tile lacks its planes.
+constexpr int kSlabBytes = 384 * 1024;
+
+// Walks the tiles of the destination's columns and of its rows from begin to end: body(tile, x, y), whose tile lacks
+// its planes.
 template <class Body>
-static void overTiles(const FilterKernels& kernels, const FilterJob& job, int rows, const Body& body) {
+static void overTiles(const FilterKernels& kernels, const FilterJob& job, int64_t begin, int64_t end, int rows,
+                      const Body& body) {
     const int lanes = [&] {
         int n = kernels.lanes;
         while (n > job.size.width) n /= 2;
         return n;
     }();
-    for (int64_t y = 0; y < job.size.height; y += rows)
+    for (int64_t y = begin; y < end; y += rows)
         for (int64_t start = 0; start < job.size.width; start += kTileWidth) {
             // A narrow rest is widened towards the left to one vector.
             const int64_t x = start < job.size.width - lanes ? start : job.size.width - lanes;
-            FilterTile tile;
-            tile.planes = nullptr;
+            FilterTile tile = {};
             tile.origin = job.srcOrigin + ptrdiff_t(y * job.srcStep + x);
             tile.step = job.srcStep;
-            tile.rows = int(job.size.height - y < rows ? job.size.height - y : rows);
+            tile.rows = int(end - y < rows ? end - y : rows);
             tile.width = int(job.size.width - x < kTileWidth ? job.size.width - x : kTileWidth);
             tile.lanes = lanes;
             tile.stride = (tile.width + lanes - 1) / lanes * lanes;
@@ -289,17 +292,43 @@ static void overTiles(const FilterKernels& kernels, const FilterJob& job, int ro
         }
 }
 
+// Where the voxels of a tile of plane z go.
+static int16_t* targetOf(const FilterJob& job, ptrdiff_t z, int x, int y) {
+    return job.dst[z] + y * job.dstStep + x;
+}
+
+static void aim(FilterTile& tile, const FilterJob& job, ptrdiff_t z, int16_t* target) {
+    tile.planes = job.src + z;
+    tile.ahead = z + 1 < job.size.depth ? job.src[z + job.kernelSize.depth] : nullptr;
+    tile.target = target;
+    tile.targetStep = job.dstStep;
+    tile.targetRows = tile.rows;
+}
+
+// Tiles plane by plane: body(tile, target). Rows are taken in slabs, so high that the planes which a slab's next plane
+// needs again stay in the second-level cache, and otherwise as high as can be: memory is read in long runs.
+template <class Body> static void overPlanes(const FilterKernels& kernels, const FilterJob& job, const Body& body) {
+    const int64_t rowBytes = (int64_t(job.size.width) + job.kernelSize.width) * 2 * (int64_t(job.kernelSize.depth) + 1);
+    const int64_t groups = kSlabBytes / (rowBytes * kTileRows);
+    const int64_t slab = (groups < 1 ? 1 : groups) * kTileRows;
+    for (int64_t y0 = 0; y0 < job.size.height; y0 += slab) {
+        const int64_t y1 = y0 + slab < job.size.height ? y0 + slab : job.size.height;
+        for (int z = 0; z < job.size.depth; ++z)
+            overTiles(kernels, job, y0, y1, kTileRows, [&](FilterTile& tile, int x, int y) {
+                int16_t* target = targetOf(job, z, x, y);
+                aim(tile, job, z, target);
+                body(tile, target);
+            });
+    }
+}
+
 static ZENR_OWN_FRAME void filterNarrow(const FilterKernels& kernels, const FilterJob& job, const Weights& weights,
                                         const FilterDivision& division) {
     Programs<PairPlanner> pairs(PairPlanner(weights, job.srcStep));
     alignas(64) int32_t sums[kTileRows * kTileWidth];
-    overTiles(kernels, job, kTileRows, [&](FilterTile& tile, int x, int y) {
-        for (int z = 0; z < job.size.depth; ++z) {
-            tile.planes = job.src + z;
-            pairs.forEach(
-                [&](const FilterProgram& program, bool add) { kernels.narrowPairs(program, tile, sums, add); });
-            kernels.finishNarrow(division, tile, sums, job.dst[z] + y * job.dstStep + x, job.dstStep);
-        }
+    overPlanes(kernels, job, [&](const FilterTile& tile, int16_t* target) {
+        pairs.forEach([&](const FilterProgram& program, bool add) { kernels.narrowPairs(program, tile, sums, add); });
+        kernels.finishNarrow(division, tile, sums, target, job.dstStep);
     });
 }
 
@@ -309,16 +338,13 @@ static ZENR_OWN_FRAME void filterWide(const FilterKernels& kernels, const Filter
     Programs<SinglePlanner> singles(SinglePlanner(weights, job.srcStep));
     alignas(64) int32_t low[kTileRows * kTileWidth];
     alignas(64) int32_t high[kTileRows * kTileWidth];
-    overTiles(kernels, job, kTileRows, [&](FilterTile& tile, int x, int y) {
-        for (int z = 0; z < job.size.depth; ++z) {
-            tile.planes = job.src + z;
-            pairs.forEach(
-                [&](const FilterProgram& program, bool add) { kernels.widePairs(program, tile, low, high, add); });
-            if (counts.wrapping)
-                singles.forEach(
-                    [&](const FilterProgram& program, bool) { kernels.wideSingles(program, tile, low, high, true); });
-            kernels.finishWide(division, tile, low, high, job.dst[z] + y * job.dstStep + x, job.dstStep);
-        }
+    overPlanes(kernels, job, [&](const FilterTile& tile, int16_t* target) {
+        pairs.forEach(
+            [&](const FilterProgram& program, bool add) { kernels.widePairs(program, tile, low, high, add); });
+        if (counts.wrapping)
+            singles.forEach(
+                [&](const FilterProgram& program, bool) { kernels.wideSingles(program, tile, low, high, true); });
+        kernels.finishWide(division, tile, low, high, target, job.dstStep);
     });
 }
 
@@ -434,14 +460,22 @@ static ZENR_OWN_FRAME void filterFactored(const FilterKernels& kernels, const Fi
     alignas(64) int32_t ring[kRingRows * kTileWidth];
     alignas(64) int32_t sums[kTileRows * kTileWidth];
     const int rows = tileRowsFor(zTaps.length);
-    overTiles(kernels, job, rows, [&](FilterTile& tile, int x, int y) {
+    overTiles(kernels, job, 0, job.size.height, rows, [&](FilterTile& tile, int x, int y) {
         const int count = tile.rows * tile.stride;
         const int32_t* in[kFactorTaps];
-        for (int64_t p = 0; p < int64_t(job.size.depth) + zTaps.length - 1; ++p) {
-            tile.planes = job.src + ptrdiff_t(p);
+        const int64_t planes = int64_t(job.size.depth) + zTaps.length - 1;
+        for (int64_t p = 0; p < planes; ++p) {
+            const ptrdiff_t z = ptrdiff_t(p) - (zTaps.length - 1);
             int32_t* plane = ring + p % zTaps.length * rows * kTileWidth;
             FilterTile tall = tile;
             tall.rows += yTaps.length - 1;
+            tall.planes = job.src + ptrdiff_t(p);
+            tall.ahead = p + 1 < planes ? job.src[ptrdiff_t(p) + base.depth] : nullptr;
+            if (z >= 0) {
+                tall.target = targetOf(job, z, x, y);
+                tall.targetStep = job.dstStep;
+                tall.targetRows = tile.rows;
+            }
             int32_t* first = yTaps.length > 1 ? stage : plane;
             pairs.forEach(
                 [&](const FilterProgram& program, bool add) { kernels.narrowPairs(program, tall, first, add); });
@@ -449,7 +483,6 @@ static ZENR_OWN_FRAME void filterFactored(const FilterKernels& kernels, const Fi
                 for (int t = 0; t < yTaps.count; ++t) in[t] = stage + yTaps.at[t] * tile.stride;
                 kernels.combine(in, yTaps.weight, yTaps.count, plane, count);
             }
-            const ptrdiff_t z = ptrdiff_t(p) - (zTaps.length - 1);
             if (z < 0) continue;
             const int32_t* done = plane;
             if (zTaps.length > 1) {
@@ -458,7 +491,7 @@ static ZENR_OWN_FRAME void filterFactored(const FilterKernels& kernels, const Fi
                 kernels.combine(in, zTaps.weight, zTaps.count, sums, count);
                 done = sums;
             }
-            kernels.finishNarrow(division, tile, done, job.dst[z] + y * job.dstStep + x, job.dstStep);
+            kernels.finishNarrow(division, tile, done, targetOf(job, z, x, y), job.dstStep);
         }
     });
 }

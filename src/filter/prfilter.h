@@ -73,6 +73,12 @@ struct FilterTile {
     int width;
     int lanes;  // 8, 16 or 32, at most width
     int stride; // width rounded up to whole lanes
+    // What the next tiles need and this one's results go to, to be fetched while the sums are formed: tiles jump from
+    // plane to plane, which no processor foresees, and fetching in one burst would only queue up. Null: nothing.
+    const int16_t* ahead;  // plane
+    const int16_t* target; // the first of targetRows rows
+    ptrdiff_t targetStep;
+    int targetRows;
 };
 
 // sum / divisor, half to even.

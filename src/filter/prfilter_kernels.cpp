@@ -25,6 +25,14 @@ constexpr double kRounder = 6755399441055744.0;
 
 // ---- Sums ----------------------------------------------------------------------------------------------------------
 
+// Asks for what the tile will need at a block of rows and columns.
+static ZENR_INLINE void fetch(const FilterTile& t, int row, int rows, int x) {
+    if (t.ahead)
+        for (int r = row; r < row + rows; ++r) __builtin_prefetch(t.ahead + t.origin + r * t.step + x, 0, 2);
+    const int end = row + rows < t.targetRows ? row + rows : t.targetRows;
+    for (int r = row; r < end; ++r) __builtin_prefetch(t.target + r * t.targetStep + x, 1, 2);
+}
+
 // Runs Group<Bytes, rows>::run(args of a block) over a tile: groups of Rows rows, then what is left row by row.
 template <int Bytes, int Rows, class Group>
 static ZENR_INLINE void overBlocks(const FilterTile& t, const Group& group) {
@@ -35,6 +43,7 @@ static ZENR_INLINE void overBlocks(const FilterTile& t, const Group& group) {
             const int x = b < t.width - lanes ? b : t.width - lanes;
             const ptrdiff_t at = t.origin + r * t.step + x;
             const ptrdiff_t slot = ptrdiff_t(r) * t.stride + b;
+            fetch(t, r, whole ? Rows : 1, x);
             if (whole)
                 group.template run<Bytes, Rows>(at, slot);
             else
@@ -322,6 +331,8 @@ static FilterTile asTarget(const FilterTile& tile, ptrdiff_t dstStep) {
     FilterTile target = tile;
     target.origin = 0;
     target.step = dstStep;
+    target.ahead = nullptr;
+    target.targetRows = 0;
     return target;
 }
 
