@@ -11,7 +11,7 @@
 #include <random>
 #include <vector>
 
-#include "filter/prfilter.h"
+#include "filter/filter_tables.h"
 #include "filter_peers.h"
 #include "filter_plain.h"
 
@@ -118,10 +118,10 @@ int main(int argc, char** argv) {
             dense.insert(dense.end(), row, row + n);
         }
     const double perVoxel = 1e9 / (double(n) * n * n);
-    static const char* const names[] = {"sse2", "avx2", "avx512"};
+    const std::vector<zenrtest::FilterTable> tables = zenrtest::filterTables();
 
     printf("%-20s %8s %8s", "ns per voxel, ", "voxels", "rows");
-    for (int l = 0; l <= int(zenr::bestLevel()); ++l) printf(" %8s", names[l]);
+    for (const auto& table : tables) printf(" %8s", table.name);
     printf("   times plain");
     for (const FilterPeer* p = peers; p->name; ++p) printf("  %s", p->name);
     printf("\n");
@@ -148,16 +148,15 @@ int main(int argc, char** argv) {
         const double byRow = seconds([&] { plainFilterRows(plain); }, 0) * perVoxel;
         printf("%-20s %8.2f %8.2f", k.name, byVoxel, byRow);
         double best = 0;
-        for (int l = 0; l <= int(zenr::bestLevel()); ++l) {
-            const zenr::Level level = zenr::Level(l);
-            best =
-                seconds([&] {
-                    zenr::WideScope scope(level);
-                    zenr::ownFilter(level, zenr::ownFilterJob(src.planes.data() + kMargin, int(src.step * 2),
-                                                              dst.targets.data(), n * 2, {n, n, n}, k.weights.data(),
-                                                              {k.size, k.size, k.size}, {half, half, half}, k.divisor));
-                }) *
-                perVoxel;
+        for (const auto& table : tables) {
+            best = seconds([&] {
+                       zenr::WideScope scope(table.level);
+                       zenr::ownFilter(table.kernels,
+                                       zenr::ownFilterJob(src.planes.data() + kMargin, int(src.step * 2),
+                                                          dst.targets.data(), n * 2, {n, n, n}, k.weights.data(),
+                                                          {k.size, k.size, k.size}, {half, half, half}, k.divisor));
+                   }) *
+                   perVoxel;
             printf(" %8.3f", best);
             if (dst.data != expected.data) printf(" WRONG"), wrong = true;
         }

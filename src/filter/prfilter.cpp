@@ -524,8 +524,7 @@ static ZENR_OWN_FRAME void filterNarrowBest(const FilterKernels& kernels, const 
         filterNarrow(kernels, job, weights, division);
 }
 
-void ownFilter(Level level, const FilterJob& job) {
-    const FilterKernels& kernels = filterKernels(level);
+void ownFilter(const FilterKernels& kernels, const FilterJob& job) {
     const Weights weights = mirrored(job);
     // Terms that a wide sum may have, so that neither of its words overflows: a tap has at most three parts, and every
     // part at most one segment for either of two entries.
@@ -567,6 +566,7 @@ ZENR_EXPORT ZenStatus zenrFilter_16s_C1PV(const int16_t* const pSrc[], int srcSt
 
     const Level level = levelFor(int64_t(dstVolume.width) * dstVolume.height * dstVolume.depth);
     WideScope scope(level);
-    ownFilter(level, ownFilterJob(pSrc, srcStep, pDst, dstStep, dstVolume, pKernel, kernelVolume, anchor, divisor));
+    ownFilter(filterKernels(level),
+              ownFilterJob(pSrc, srcStep, pDst, dstStep, dstVolume, pKernel, kernelVolume, anchor, divisor));
     return zenStsNoErr;
 }

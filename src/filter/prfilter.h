@@ -119,14 +119,20 @@ extern const FilterKernels kFilter;
 }
 namespace avx512 {
 extern const FilterKernels kFilter;
+extern const FilterKernels kFilterDot; // for processors with hasDotProducts()
+} // namespace avx512
+
+// Processors of the level avx512 multiply pairs and add to a sum in one instruction, or do not.
+inline bool hasDotProducts(Level level) {
+    return level == Level::avx512 && __builtin_cpu_supports("avx512vnni");
 }
 
 inline const FilterKernels& filterKernels(Level level) {
-    return pick(level, sse2::kFilter, avx2::kFilter, avx512::kFilter);
+    return hasDotProducts(level) ? avx512::kFilterDot : pick(level, sse2::kFilter, avx2::kFilter, avx512::kFilter);
 }
 
-// The worker of zenrFilter_16s_C1PV: plans the call and runs it at a level.
-void ownFilter(Level level, const FilterJob& job);
+// The worker of zenrFilter_16s_C1PV: plans the call and runs it.
+void ownFilter(const FilterKernels& kernels, const FilterJob& job);
 
 // The arguments as a job. Nothing is checked.
 FilterJob ownFilterJob(const int16_t* const pSrc[], int srcStep, int16_t* const pDst[], int dstStep,

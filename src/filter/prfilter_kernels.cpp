@@ -62,7 +62,26 @@ template <int Rows, class Group> static ZENR_INLINE void overTile(const FilterTi
         if (t.lanes == 32) overBlocks<64, Rows>(t, group);
 }
 
-struct NarrowPairs {
+// sum + a[2i] * b[2i] + a[2i+1] * b[2i+1] modulo 2^32, in two instructions or in one.
+struct TwoSteps {
+    template <int Bytes>
+    static ZENR_INLINE void add(typename Simd<Bytes>::I32& sum, typename Simd<Bytes>::I16 a,
+                                typename Simd<Bytes>::I16 b) {
+        sum += Simd<Bytes>::madd(a, b);
+    }
+};
+#if defined(__AVX512BW__)
+// Written in assembler: the intrinsic would put the instruction's feature on every function around it.
+struct OneStep {
+    template <int Bytes>
+    static ZENR_INLINE void add(typename Simd<Bytes>::I32& sum, typename Simd<Bytes>::I16 a,
+                                typename Simd<Bytes>::I16 b) {
+        asm("vpdpwssd %2, %1, %0" : "+v"(sum) : "v"(a), "v"(b));
+    }
+};
+#endif
+
+template <class Dot> struct NarrowPairs {
     const FilterProgram& program;
     const FilterTile& tile;
     int32_t* sums;
@@ -82,8 +101,8 @@ struct NarrowPairs {
 #pragma GCC unroll 8
                 for (int r = 0; r < Rows; ++r) {
                     const I16 v = S::load16(s + r * tile.step);
-                    even[r] += S::madd(v, we);
-                    odd[r] += S::madd(v, wo);
+                    Dot::template add<Bytes>(even[r], v, we);
+                    Dot::template add<Bytes>(odd[r], v, wo);
                 }
             }
         }
@@ -97,7 +116,7 @@ struct NarrowPairs {
     }
 };
 
-struct WidePairs {
+template <class Dot> struct WidePairs {
     const FilterProgram& program;
     const FilterTile& tile;
     int32_t* low;
@@ -120,8 +139,8 @@ struct WidePairs {
 #pragma GCC unroll 8
                 for (int r = 0; r < Rows; ++r) {
                     const I16 v = S::load16(s + r * tile.step);
-                    even[r] += S::madd(v, we);
-                    odd[r] += S::madd(v, wo);
+                    Dot::template add<Bytes>(even[r], v, we);
+                    Dot::template add<Bytes>(odd[r], v, wo);
                 }
             }
             // Before the 32 bits could overflow: the upper halves apart, and everything modulo 2^32.
@@ -205,11 +224,13 @@ struct WideSingles {
     }
 };
 
+template <class Dot>
 static void narrowPairs(const FilterProgram& program, const FilterTile& tile, int32_t* sums, bool add) {
-    overTile<kNarrowRows>(tile, NarrowPairs{program, tile, sums, add});
+    overTile<kNarrowRows>(tile, NarrowPairs<Dot>{program, tile, sums, add});
 }
+template <class Dot>
 static void widePairs(const FilterProgram& program, const FilterTile& tile, int32_t* low, int32_t* high, bool add) {
-    overTile<kWideRows>(tile, WidePairs{program, tile, low, high, add});
+    overTile<kWideRows>(tile, WidePairs<Dot>{program, tile, low, high, add});
 }
 static void wideSingles(const FilterProgram& program, const FilterTile& tile, int32_t* low, int32_t* high, bool add) {
     overTile<kSingleRows>(tile, WideSingles{program, tile, low, high, add});
@@ -405,8 +426,15 @@ constexpr int kMultiplyCost = 1;
 constexpr int kMultiplyCost = 6; // two multiplications to 64 bits, and shuffles
 #endif
 
-const FilterKernels kFilter = {kSimdBytes / 2, kMultiplyCost, narrowPairs, widePairs, wideSingles,
-                               combine,        finishNarrow,  finishWide,  plain};
+template <class Dot> constexpr FilterKernels tableWith() {
+    return {kSimdBytes / 2, kMultiplyCost, narrowPairs<Dot>, widePairs<Dot>, wideSingles,
+            combine,        finishNarrow,  finishWide,       plain};
+}
+
+const FilterKernels kFilter = tableWith<TwoSteps>();
+#if defined(__AVX512BW__)
+const FilterKernels kFilterDot = tableWith<OneStep>();
+#endif
 
 } // namespace ZENR_LEVEL
 } // namespace zenr

@@ -1,6 +1,6 @@
 // The volume filter: order of checks, edge cases, and every path of the planning against the definition, at every
 // level.
-#include "filter/prfilter.h"
+#include "filter/filter_tables.h"
 
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -78,26 +78,26 @@ struct Case {
 
     // Runs the worker at each level and compares destination and canaries with the definition.
     void check(int32_t divisor, const std::vector<int64_t>& sums) {
-        for (zenr::Level level : levels()) {
+        for (const auto& table : zenrtest::filterTables()) {
             for (auto& b : dstBlocks)
                 for (size_t i = 0; i < b->size(); ++i) (*b)[i] = kCanary;
-            zenr::WideScope scope(level);
-            zenr::ownFilter(level, zenr::ownFilterJob(src, srcStep * 2, dstPlanes.data(), dstStep * 2, {w, h, d},
-                                                      kernel.data(), {shape.kw, shape.kh, shape.kd},
-                                                      {shape.ax, shape.ay, shape.az}, divisor));
+            zenr::WideScope scope(table.level);
+            zenr::ownFilter(table.kernels, zenr::ownFilterJob(src, srcStep * 2, dstPlanes.data(), dstStep * 2,
+                                                              {w, h, d}, kernel.data(), {shape.kw, shape.kh, shape.kd},
+                                                              {shape.ax, shape.ay, shape.az}, divisor));
             size_t i = 0;
             for (int z = 0; z < d; ++z) {
                 for (int y = 0; y < h; ++y)
                     for (int x = 0; x < w; ++x, ++i)
                         ASSERT_EQ(dstPlanes[z][long(y) * dstStep + x], zenrref::divideFiltered(sums[i], divisor))
-                            << levelName(level) << " size " << w << "x" << h << "x" << d << " kernel " << shape.kw
-                            << "x" << shape.kh << "x" << shape.kd << " at " << x << " " << y << " " << z << " sum "
-                            << sums[i] << " divisor " << divisor << " weights " << testing::PrintToString(kernel);
+                            << table.name << " size " << w << "x" << h << "x" << d << " kernel " << shape.kw << "x"
+                            << shape.kh << "x" << shape.kd << " at " << x << " " << y << " " << z << " sum " << sums[i]
+                            << " divisor " << divisor << " weights " << testing::PrintToString(kernel);
                 const int16_t* block = dstBlocks[z]->data();
                 const long stride = labs(long(dstStep));
                 for (size_t j = 0; j < dstBlocks[z]->size(); ++j) {
                     if (long(j) % stride >= w) {
-                        ASSERT_EQ(block[j], kCanary) << levelName(level) << " outside " << j;
+                        ASSERT_EQ(block[j], kCanary) << table.name << " outside " << j;
                     }
                 }
             }
@@ -241,13 +241,14 @@ TEST(Filter, PaddedKernelIsTheSame) {
         c.fillSource(-32768, 32767);
         const int divisor = someDivisor();
         c.check(divisor);
-        for (zenr::Level level : levels()) {
+        for (const auto& table : zenrtest::filterTables()) {
             std::vector<int16_t> out(size_t(c.w) * c.h * c.d);
             std::vector<int16_t*> planes;
             for (int z = 0; z < c.d; ++z) planes.push_back(out.data() + size_t(z) * c.w * c.h);
-            zenr::WideScope scope(level);
-            zenr::ownFilter(level, zenr::ownFilterJob(c.src, c.srcStep * 2, planes.data(), c.w * 2, {c.w, c.h, c.d},
-                                                      c.kernel.data(), {3, 3, 3}, {1, 1, 1}, divisor));
+            zenr::WideScope scope(table.level);
+            zenr::ownFilter(table.kernels,
+                            zenr::ownFilterJob(c.src, c.srcStep * 2, planes.data(), c.w * 2, {c.w, c.h, c.d},
+                                               c.kernel.data(), {3, 3, 3}, {1, 1, 1}, divisor));
             for (int z = 0; z < c.d; ++z)
                 for (int y = 0; y < c.h; ++y)
                     ASSERT_EQ(memcmp(planes[z] + y * c.w, c.dstPlanes[z] + y * c.dstStep, size_t(c.w) * 2), 0);
