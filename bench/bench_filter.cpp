@@ -89,6 +89,11 @@ std::vector<Kernel> kernels() {
     product("rank1-5 / 1000", {1, 3, 5, 3, 1}, 1000);
     product("rank1-7", {1, 3, 6, 7, 6, 3, 1}, 16384);
     product("rank1-7 / 19683", {1, 3, 6, 7, 6, 3, 1}, 19683);
+    // Factors along one axis alone.
+    random("x-factor-5", 5, 20, 1024);
+    for (int t = 0; t < 125; ++t) all.back().weights[t] = all.back().weights[t / 5 * 5] * (1 + t % 5 % 3);
+    random("z-factor-5", 5, 20, 1024);
+    for (int t = 25; t < 125; ++t) all.back().weights[t] = all.back().weights[t % 25] * (1 + t / 25 % 3);
     random("wide-3", 3, 30000, 65536);
     random("wide-5", 5, 30000, 65536);
     random("wrap-3", 3, 2147483647, 1 << 30);

@@ -77,22 +77,18 @@ static int32_t packPair(int32_t first, int32_t second) {
 // ---- Programs ------------------------------------------------------------------------------------------------------
 
 struct Counts {
-    int64_t sum;      // of the sizes of all weights
-    int64_t wrapping; // taps
-    int64_t largest;  // size of a weight whose products do not wrap
+    int64_t sum;     // of the sizes of all weights
+    int64_t largest; // size of a weight whose products do not wrap
 };
 
 static Counts countWeights(const Weights& k) {
-    Counts c = {0, 0, 0};
+    Counts c = {0, 0};
     for (int z = 0; z < k.depth; ++z)
         for (int y = 0; y < k.height; ++y)
             for (int x = 0; x < k.width; ++x) {
                 const int32_t w = k.at(x, y, z);
                 c.sum += sizeOf(w);
-                if (wraps(w))
-                    ++c.wrapping;
-                else if (sizeOf(w) > c.largest)
-                    c.largest = sizeOf(w);
+                if (!wraps(w) && sizeOf(w) > c.largest) c.largest = sizeOf(w);
             }
     return c;
 }
@@ -333,17 +329,19 @@ static ZENR_OWN_FRAME void filterNarrow(const FilterKernels& kernels, const Filt
 }
 
 static ZENR_OWN_FRAME void filterWide(const FilterKernels& kernels, const FilterJob& job, const Weights& weights,
-                                      const Counts& counts, const FilterDivision& division) {
+                                      const FilterDivision& division) {
     Programs<PairPlanner> pairs(PairPlanner(weights, job.srcStep));
     Programs<SinglePlanner> singles(SinglePlanner(weights, job.srcStep));
     alignas(64) int32_t low[kTileRows * kTileWidth];
     alignas(64) int32_t high[kTileRows * kTileWidth];
     overPlanes(kernels, job, [&](const FilterTile& tile, int16_t* target) {
-        pairs.forEach(
-            [&](const FilterProgram& program, bool add) { kernels.widePairs(program, tile, low, high, add); });
-        if (counts.wrapping)
-            singles.forEach(
-                [&](const FilterProgram& program, bool) { kernels.wideSingles(program, tile, low, high, true); });
+        if (pairs.entries() > 0)
+            pairs.forEach(
+                [&](const FilterProgram& program, bool add) { kernels.widePairs(program, tile, low, high, add); });
+        if (singles.entries() > 0)
+            singles.forEach([&](const FilterProgram& program, bool add) {
+                kernels.wideSingles(program, tile, low, high, add || pairs.entries() > 0);
+            });
         kernels.finishWide(division, tile, low, high, target, job.dstStep);
     });
 }
@@ -352,15 +350,16 @@ static ZENR_OWN_FRAME void filterWide(const FilterKernels& kernels, const Filter
 
 constexpr int kFactorTaps = 33; // along an axis
 constexpr int kBaseTaps = 2048; // of what remains
-constexpr int kRingRows = 64;   // tile rows that the ring of planes holds
+// Tile rows that the ring of planes holds: half of the first-level cache, and more of it where a plane's rows overlap.
+constexpr int kRingRows = 64;
+constexpr int kTallRingRows = 112;
 
-enum Axis { axisY, axisZ };
+enum Axis { axisX, axisY, axisZ };
 
 // The kernel is factor (along one axis) times base (the other two), or it is not: decided exactly.
 struct Split {
     int32_t factor[kFactorTaps];
-    int32_t base[kBaseTaps];
-    Weights rest;
+    int32_t base[kBaseTaps]; // rows of it along the first of the other axes
 };
 
 static int32_t gcd(int32_t a, int32_t b) {
@@ -375,18 +374,19 @@ static int32_t gcd(int32_t a, int32_t b) {
 // by the greatest common divisor, has to be the factor if there is one: it has no common divisor left, so what remains
 // is integer too.
 static bool split(const Weights& k, Axis axis, Split& out) {
-    const int taps = axis == axisZ ? k.depth : k.height;
-    const int rows = axis == axisZ ? k.height : k.depth;
-    const ptrdiff_t along = axis == axisZ ? k.strideZ : k.strideY;
-    const ptrdiff_t across = axis == axisZ ? k.strideY : k.strideZ;
-    if (taps < 2 || taps > kFactorTaps || int64_t(k.width) * rows > kBaseTaps) return false;
+    const int size[] = {k.width, k.height, k.depth};
+    const ptrdiff_t stride[] = {k.strideX, k.strideY, k.strideZ};
+    const Axis first = axis == axisX ? axisY : axisX, second = axis == axisZ ? axisY : axisZ;
+    const int taps = size[axis], width = size[first], rows = size[second];
+    const ptrdiff_t along = stride[axis];
+    if (taps < 2 || taps > kFactorTaps || int64_t(width) * rows > kBaseTaps) return false;
 
-    const int32_t* pivot = nullptr; // on the first plane or row of the axis
+    const int32_t* pivot = nullptr; // where the line begins
     int t0 = 0;
     for (int r = 0; r < rows && !pivot; ++r)
-        for (int x = 0; x < k.width && !pivot; ++x)
+        for (int i = 0; i < width && !pivot; ++i)
             for (int t = 0; t < taps && !pivot; ++t) {
-                const int32_t* line = k.first + x * k.strideX + r * across;
+                const int32_t* line = k.first + i * stride[first] + r * stride[second];
                 if (line[t * along] != 0) pivot = line, t0 = t;
             }
     if (!pivot) return false;
@@ -395,45 +395,51 @@ static bool split(const Weights& k, Axis axis, Split& out) {
     for (int t = 0; t < taps; ++t) out.factor[t] = pivot[t * along] / divisor;
 
     for (int r = 0; r < rows; ++r)
-        for (int x = 0; x < k.width; ++x) {
-            const int32_t* line = k.first + x * k.strideX + r * across;
+        for (int i = 0; i < width; ++i) {
+            const int32_t* line = k.first + i * stride[first] + r * stride[second];
             const int32_t b = line[t0 * along] / out.factor[t0];
             for (int t = 0; t < taps; ++t)
                 if (line[t * along] != int64_t(b) * out.factor[t]) return false;
-            out.base[r * k.width + x] = b;
+            out.base[r * width + i] = b;
         }
-    out.rest = axis == axisZ ? Weights{out.base, 1, k.width, 0, k.width, k.height, 1}
-                             : Weights{out.base, 1, 0, k.width, k.width, 1, k.depth};
     return true;
 }
 
-// A factor's taps that are not zero.
+// The taps of a factor that are not zero: of rows, of planes, or of both.
 struct Taps {
-    int length; // with the zeros
+    static constexpr int kMost = 128;
+
+    int rows, planes; // with the zeros
     int count;
-    int32_t weight[kFactorTaps];
-    int at[kFactorTaps];
+    int32_t weight[kMost];
+    int row[kMost], plane[kMost];
+
+    bool none() const { return rows * planes == 1; } // the weight is then 1
 };
 
-static Taps tapsOf(const int32_t* factor, int length) {
-    Taps taps;
-    taps.length = length;
+// False when there are too many.
+static bool tapsOf(const int32_t* factor, int rows, int planes, Taps& taps) {
+    taps.rows = rows, taps.planes = planes;
     taps.count = 0;
-    for (int t = 0; t < length; ++t)
-        if (factor[t] != 0) {
-            taps.weight[taps.count] = factor[t];
-            taps.at[taps.count++] = t;
+    for (int p = 0; p < planes; ++p)
+        for (int r = 0; r < rows; ++r) {
+            const int32_t w = *factor++;
+            if (w == 0) continue;
+            if (taps.count == Taps::kMost) return false;
+            taps.weight[taps.count] = w;
+            taps.row[taps.count] = r;
+            taps.plane[taps.count++] = p;
         }
-    return taps;
+    return true;
 }
 
-static const int32_t kUnit = 1;
-static Taps noTaps() {
-    return tapsOf(&kUnit, 1);
+static void noTaps(Taps& taps) {
+    static const int32_t kUnit = 1;
+    tapsOf(&kUnit, 1, 1, taps);
 }
 
-static int tileRowsFor(int depth) {
-    const int rows = kRingRows / depth;
+static int tileRowsFor(const Taps& ring) {
+    const int rows = (ring.rows > 1 ? kTallRingRows : kRingRows) / ring.planes - (ring.rows - 1);
     return rows < kTileRows ? rows : kTileRows;
 }
 
@@ -449,46 +455,56 @@ static ZENR_OWN_FRAME double costOfPairs(const Weights& weights) {
     return cost;
 }
 static double costOfTaps(const FilterKernels& kernels, const Taps& taps) {
-    return taps.length == 1 ? 0 : 4 + 2.0 * taps.count * (1 + kernels.multiplyCost);
+    return taps.none() ? 0 : 4 + 2.0 * taps.count * (1 + kernels.multiplyCost);
 }
 
-// The base by pairs, then along y where y has taps, then along z out of a ring of planes.
-static ZENR_OWN_FRAME void filterFactored(const FilterKernels& kernels, const FilterJob& job, const Weights& base,
-                                          const Taps& yTaps, const Taps& zTaps, const FilterDivision& division) {
-    Programs<PairPlanner> pairs(PairPlanner(base, job.srcStep));
+// A kernel as up to three factors, which follow each other: pairs along x, and perhaps along another axis; taps along
+// y; taps along z, or along y and z, out of a ring of planes.
+struct Plan {
+    Weights base;
+    Taps yTaps;
+    Taps ringTaps;
+};
+
+static ZENR_OWN_FRAME void filterFactored(const FilterKernels& kernels, const FilterJob& job, const Plan& plan,
+                                          const FilterDivision& division) {
+    const Taps &yTaps = plan.yTaps, &ringTaps = plan.ringTaps;
+    Programs<PairPlanner> pairs(PairPlanner(plan.base, job.srcStep));
     alignas(64) int32_t stage[(kTileRows + kFactorTaps - 1) * kTileWidth];
-    alignas(64) int32_t ring[kRingRows * kTileWidth];
+    alignas(64) int32_t ring[kTallRingRows * kTileWidth];
     alignas(64) int32_t sums[kTileRows * kTileWidth];
-    const int rows = tileRowsFor(zTaps.length);
+    const int rows = tileRowsFor(ringTaps);
+    const int ringPlane = (rows + ringTaps.rows - 1) * kTileWidth;
     overTiles(kernels, job, 0, job.size.height, rows, [&](FilterTile& tile, int x, int y) {
-        const int count = tile.rows * tile.stride;
-        const int32_t* in[kFactorTaps];
-        const int64_t planes = int64_t(job.size.depth) + zTaps.length - 1;
+        const int32_t* in[Taps::kMost];
+        const int64_t planes = int64_t(job.size.depth) + ringTaps.planes - 1;
         for (int64_t p = 0; p < planes; ++p) {
-            const ptrdiff_t z = ptrdiff_t(p) - (zTaps.length - 1);
-            int32_t* plane = ring + p % zTaps.length * rows * kTileWidth;
+            const ptrdiff_t z = ptrdiff_t(p) - (ringTaps.planes - 1);
+            int32_t* plane = ring + p % ringTaps.planes * ringPlane;
+            const int planeRows = tile.rows + ringTaps.rows - 1;
             FilterTile tall = tile;
-            tall.rows += yTaps.length - 1;
+            tall.rows = planeRows + yTaps.rows - 1;
             tall.planes = job.src + ptrdiff_t(p);
-            tall.ahead = p + 1 < planes ? job.src[ptrdiff_t(p) + base.depth] : nullptr;
+            tall.ahead = p + 1 < planes ? job.src[ptrdiff_t(p) + plan.base.depth] : nullptr;
             if (z >= 0) {
                 tall.target = targetOf(job, z, x, y);
                 tall.targetStep = job.dstStep;
                 tall.targetRows = tile.rows;
             }
-            int32_t* first = yTaps.length > 1 ? stage : plane;
+            int32_t* first = yTaps.none() ? plane : stage;
             pairs.forEach(
                 [&](const FilterProgram& program, bool add) { kernels.narrowPairs(program, tall, first, add); });
-            if (yTaps.length > 1) {
-                for (int t = 0; t < yTaps.count; ++t) in[t] = stage + yTaps.at[t] * tile.stride;
-                kernels.combine(in, yTaps.weight, yTaps.count, plane, count);
+            if (!yTaps.none()) {
+                for (int t = 0; t < yTaps.count; ++t) in[t] = stage + yTaps.row[t] * tile.stride;
+                kernels.combine(in, yTaps.weight, yTaps.count, plane, planeRows * tile.stride);
             }
             if (z < 0) continue;
             const int32_t* done = plane;
-            if (zTaps.length > 1) {
-                for (int t = 0; t < zTaps.count; ++t)
-                    in[t] = ring + (z + zTaps.at[t]) % zTaps.length * rows * kTileWidth;
-                kernels.combine(in, zTaps.weight, zTaps.count, sums, count);
+            if (!ringTaps.none()) {
+                for (int t = 0; t < ringTaps.count; ++t)
+                    in[t] =
+                        ring + (z + ringTaps.plane[t]) % ringTaps.planes * ringPlane + ringTaps.row[t] * tile.stride;
+                kernels.combine(in, ringTaps.weight, ringTaps.count, sums, tile.rows * tile.stride);
                 done = sums;
             }
             kernels.finishNarrow(division, tile, done, targetOf(job, z, x, y), job.dstStep);
@@ -497,31 +513,47 @@ static ZENR_OWN_FRAME void filterFactored(const FilterKernels& kernels, const Fi
 }
 
 // The cheapest way for a kernel of narrow sums.
-static ZENR_OWN_FRAME void filterNarrowBest(const FilterKernels& kernels, const FilterJob& job, const Weights& weights,
+static ZENR_OWN_FRAME void filterNarrowBest(const FilterKernels& kernels, const FilterJob& job, const Weights& k,
                                             const FilterDivision& division) {
-    double least = costOfPairs(weights);
-    const Weights* base = nullptr;
-    Taps yTaps = noTaps(), zTaps = noTaps();
-    const auto consider = [&](const Weights& b, const Taps& y, const Taps& z) {
-        const int rows = tileRowsFor(z.length);
+    double least = costOfPairs(k);
+    Plan best, plan;
+    bool factored = false;
+    const auto consider = [&] {
+        const int rows = tileRowsFor(plan.ringTaps);
         if (rows < 4) return;
-        const double cost =
-            costOfPairs(b) * (rows + y.length - 1) / rows + costOfTaps(kernels, y) + costOfTaps(kernels, z);
+        const double cost = costOfPairs(plan.base) * (rows + plan.yTaps.rows + plan.ringTaps.rows - 2) / rows +
+                            costOfTaps(kernels, plan.yTaps) + costOfTaps(kernels, plan.ringTaps);
         if (cost >= least) return;
         least = cost;
-        base = &b, yTaps = y, zTaps = z;
+        best = plan;
+        factored = true;
     };
-    Split alongY, alongZ, both;
-    if (split(weights, axisY, alongY)) consider(alongY.rest, tapsOf(alongY.factor, weights.height), noTaps());
-    if (split(weights, axisZ, alongZ)) {
-        const Taps z = tapsOf(alongZ.factor, weights.depth);
-        consider(alongZ.rest, noTaps(), z);
-        if (split(alongZ.rest, axisY, both)) consider(both.rest, tapsOf(both.factor, weights.height), z);
+    Split alongX, alongY, alongZ, alongBoth;
+    // A row alone has nothing left to be combined.
+    if (k.height * int64_t(k.depth) > 1 && split(k, axisX, alongX) &&
+        tapsOf(alongX.base, k.height, k.depth, plan.ringTaps)) {
+        plan.base = {alongX.factor, 1, 0, 0, k.width, 1, 1};
+        noTaps(plan.yTaps);
+        consider();
     }
-    if (base)
-        filterFactored(kernels, job, *base, yTaps, zTaps, division);
+    if (split(k, axisY, alongY) && tapsOf(alongY.factor, k.height, 1, plan.yTaps)) {
+        plan.base = {alongY.base, 1, 0, k.width, k.width, 1, k.depth};
+        noTaps(plan.ringTaps);
+        consider();
+    }
+    if (split(k, axisZ, alongZ) && tapsOf(alongZ.factor, 1, k.depth, plan.ringTaps)) {
+        plan.base = {alongZ.base, 1, k.width, 0, k.width, k.height, 1};
+        noTaps(plan.yTaps);
+        consider();
+        if (split(plan.base, axisY, alongBoth) && tapsOf(alongBoth.factor, k.height, 1, plan.yTaps)) {
+            plan.base = {alongBoth.base, 1, 0, 0, k.width, 1, 1};
+            consider();
+        }
+    }
+    if (factored)
+        filterFactored(kernels, job, best, division);
     else
-        filterNarrow(kernels, job, weights, division);
+        filterNarrow(kernels, job, k, division);
 }
 
 void ownFilter(const FilterKernels& kernels, const FilterJob& job) {
@@ -537,7 +569,7 @@ void ownFilter(const FilterKernels& kernels, const FilterJob& job) {
     else if (counts.sum <= kNarrowSum)
         filterNarrowBest(kernels, job, weights, planDivision(job.divisor, counts.sum * 32768));
     else if (taps <= kWideTaps)
-        filterWide(kernels, job, weights, counts, planDivision(job.divisor, -1));
+        filterWide(kernels, job, weights, planDivision(job.divisor, -1));
     else
         kernels.plain(job);
 }

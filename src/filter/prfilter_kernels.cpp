@@ -100,7 +100,7 @@ template <class Dot> struct NarrowPairs {
                 const int16_t* s = plane + entry.offset;
 #pragma GCC unroll 8
                 for (int r = 0; r < Rows; ++r) {
-                    const I16 v = S::load16(s + r * tile.step);
+                    const I16 v = S::loadOnce16(s + r * tile.step);
                     Dot::template add<Bytes>(even[r], v, we);
                     Dot::template add<Bytes>(odd[r], v, wo);
                 }
@@ -138,7 +138,7 @@ template <class Dot> struct WidePairs {
                 const int16_t* s = plane + entry.offset;
 #pragma GCC unroll 8
                 for (int r = 0; r < Rows; ++r) {
-                    const I16 v = S::load16(s + r * tile.step);
+                    const I16 v = S::loadOnce16(s + r * tile.step);
                     Dot::template add<Bytes>(even[r], v, we);
                     Dot::template add<Bytes>(odd[r], v, wo);
                 }
@@ -194,7 +194,7 @@ struct WideSingles {
                 const int16_t* s = plane + entry.offset;
 #pragma GCC unroll 8
                 for (int r = 0; r < Rows; ++r) {
-                    const I16 v = S::load16(s + r * tile.step);
+                    const I16 v = S::loadOnce16(s + r * tile.step);
                     const I16 l = v * wl;
                     const I16 u = S::mulHigh(v, wl) + v * wh;
                     lower[r] += l;

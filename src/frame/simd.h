@@ -34,11 +34,32 @@ template <int Bytes> struct Simd {
     typedef int32_t I32u __attribute__((vector_size(Bytes), may_alias, aligned(4)));
 
     static ZENR_INLINE I16 load16(const int16_t* p) { return *reinterpret_cast<const I16u*>(p); }
-    static ZENR_INLINE void store16(int16_t* p, I16 v) { *reinterpret_cast<I16u*>(p) = v; }
-    static ZENR_INLINE I32 load32(const int32_t* p) { return *reinterpret_cast<const I32u*>(p); }
-    static ZENR_INLINE void store32(int32_t* p, I32 v) { *reinterpret_cast<I32u*>(p) = v; }
-    static ZENR_INLINE I32 all32(int32_t x) { return I32{} + x; }
-    static ZENR_INLINE F64 all64(double x) { return F64{} + x; }
+    // The same, loaded once however often it is used: a load that crosses a cache line costs more than an operation, and
+    // the compiler would put one into each of them.
+    static ZENR_INLINE I16 loadOnce16(const int16_t* p) {
+        I16 v = load16(p);
+#if defined(__AVX512BW__)
+        asm("" : "+v"(v));
+#else
+        asm("" : "+x"(v));
+#endif
+        return v;
+    }
+    static ZENR_INLINE void store16(int16_t* p, I16 v) {
+        *reinterpret_cast<I16u*>(p) = v;
+    }
+    static ZENR_INLINE I32 load32(const int32_t* p) {
+        return *reinterpret_cast<const I32u*>(p);
+    }
+    static ZENR_INLINE void store32(int32_t* p, I32 v) {
+        *reinterpret_cast<I32u*>(p) = v;
+    }
+    static ZENR_INLINE I32 all32(int32_t x) {
+        return I32{} + x;
+    }
+    static ZENR_INLINE F64 all64(double x) {
+        return F64{} + x;
+    }
 
     // a[2i] * b[2i] + a[2i+1] * b[2i+1] in 32 bits.
     static ZENR_INLINE I32 madd(I16 a, I16 b) {

@@ -401,6 +401,16 @@ TEST(Filter, SeparableKernels) {
     }
 }
 
+// A row whose common factor makes it cheaper, and a single weight of two parts.
+TEST(Filter, RowsWithACommonFactor) {
+    for (int32_t weight : {-63322, 65535, 40000}) {
+        Case c(100, 3, 2, {6, 1, 1, 1, 0, 0}, 0, false);
+        for (size_t t = 0; t < c.kernel.size(); ++t) c.kernel[t] = t == 4 ? weight : 0;
+        c.fillSource(-32768, 32767);
+        c.check(2558);
+    }
+}
+
 // Larger than any block of the planning, in each class of weights; deep kernels.
 TEST(Filter, LargeKernels) {
     const FilterShape shapes[] = {
