@@ -1,5 +1,8 @@
 // The row kernels of affine warp and remap, once per level.
+#include <immintrin.h>
+
 #include "volume/pirescub.h"
+#include "volume/presround.h"
 #include "volume/prsample.h"
 
 namespace zenr {
@@ -44,88 +47,532 @@ template <class T> inline T stored(long double v) {
     }
 }
 
-// Interpolation policies: value(src, s) for a position inside, in extended precision throughout.
-template <class T> struct Nearest {
-    static T value(const SampleSource<T>& src, const double s[3]) {
-        const T* const plane = src.planes[int(s[2] + kHalfUp)];
-        return plane[int(s[1] + kHalfUp) * src.step + int(s[0] + kHalfUp)];
-    }
-};
+// ---- Voxels by their definition, in extended precision: what is in doubt, and rows that are rare. ----
 
-template <class T> struct Linear {
-    static T value(const SampleSource<T>& src, const double s[3]) {
-        int tap[3][2];
-        long double f[3];
-        for (int k = 0; k < 3; ++k) {
-            const AxisBase at = axisBase(s[k], src.high[k]);
-            f[k] = at.fraction;
-            // In a box of one voxel there is none before it.
-            for (int t = 0; t < 2; ++t) tap[k][t] = kept(at.base + t, src.low[k], src.high[k]);
-        }
-        long double plane[2];
-        for (int z = 0; z < 2; ++z) {
-            long double row[2];
-            for (int y = 0; y < 2; ++y) {
-                const T* const r = src.planes[tap[2][z]] + tap[1][y] * src.step;
-                const long double first = r[tap[0][0]];
-                row[y] = first + (r[tap[0][1]] - first) * f[0];
-            }
-            plane[z] = row[0] + (row[1] - row[0]) * f[1];
-        }
-        return stored<T>(plane[0] + (plane[1] - plane[0]) * f[2]);
-    }
-};
+template <class T> T nearestVoxel(const SampleSource<T>& src, const double s[3]) {
+    const T* const plane = src.planes[int(s[2] + kHalfUp)];
+    return plane[int(s[1] + kHalfUp) * src.step + int(s[0] + kHalfUp)];
+}
 
-template <int mode> inline long double cubicKernel(long double d) {
+template <class T> __attribute__((noinline)) T linearVoxel(const SampleSource<T>& src, const double s[3]) {
+    int tap[3][2];
+    long double f[3];
+    for (int k = 0; k < 3; ++k) {
+        const AxisBase at = axisBase(s[k], src.high[k]);
+        f[k] = at.fraction;
+        // In a box of one voxel there is none before it.
+        for (int t = 0; t < 2; ++t) tap[k][t] = kept(at.base + t, src.low[k], src.high[k]);
+    }
+    long double plane[2];
+    for (int z = 0; z < 2; ++z) {
+        long double row[2];
+        for (int y = 0; y < 2; ++y) {
+            const T* const r = src.planes[tap[2][z]] + tap[1][y] * src.step;
+            const long double first = r[tap[0][0]];
+            row[y] = first + (r[tap[0][1]] - first) * f[0];
+        }
+        plane[z] = row[0] + (row[1] - row[0]) * f[1];
+    }
+    return stored<T>(plane[0] + (plane[1] - plane[0]) * f[2]);
+}
+
+template <int mode, class Real> inline Real cubicKernel(Real d) {
     return mode == 4   ? ownpi_Cubic0Kernel(d)
            : mode == 5 ? ownpi_Cubic1Kernel(d)
            : mode == 6 ? ownpi_Cubic2Kernel(d)
                        : ownpi_Cubic3Kernel(d);
 }
 
-template <class T, int mode> struct Cubic {
-    static T value(const SampleSource<T>& src, const double s[3]) {
-        int tap[3][4];
-        float w[3][4];
-        for (int k = 0; k < 3; ++k) {
-            const AxisBase at = axisBase(s[k], src.high[k]);
-            const long double f = float(at.fraction);
-            for (int t = 0; t < 4; ++t) {
-                w[k][t] = float(cubicKernel<mode>((t - 1) - f));
-                tap[k][t] = kept(at.base - 1 + t, src.low[k], src.high[k]);
-            }
+template <class T, int mode> __attribute__((noinline)) T cubicVoxel(const SampleSource<T>& src, const double s[3]) {
+    int tap[3][4];
+    float w[3][4];
+    for (int k = 0; k < 3; ++k) {
+        const AxisBase at = axisBase(s[k], src.high[k]);
+        const long double f = float(at.fraction);
+        for (int t = 0; t < 4; ++t) {
+            w[k][t] = float(cubicKernel<mode>((t - 1) - f));
+            tap[k][t] = kept(at.base - 1 + t, src.low[k], src.high[k]);
         }
-        const auto weighted = [](const float* weight, const long double* v) {
-            return weight[0] * v[0] + weight[1] * v[1] + weight[2] * v[2] + weight[3] * v[3];
-        };
-        long double planes[4];
-        for (int z = 0; z < 4; ++z) {
-            long double rows[4];
-            for (int y = 0; y < 4; ++y) {
-                const T* const r = src.planes[tap[2][z]] + tap[1][y] * src.step;
-                const long double taps[4] = {(long double)r[tap[0][0]], (long double)r[tap[0][1]],
-                                             (long double)r[tap[0][2]], (long double)r[tap[0][3]]};
-                rows[y] = weighted(w[0], taps);
-            }
-            planes[z] = weighted(w[1], rows);
+    }
+    const auto weighted = [](const float* weight, const long double* v) {
+        return weight[0] * v[0] + weight[1] * v[1] + weight[2] * v[2] + weight[3] * v[3];
+    };
+    long double planes[4];
+    for (int z = 0; z < 4; ++z) {
+        long double rows[4];
+        for (int y = 0; y < 4; ++y) {
+            const T* const r = src.planes[tap[2][z]] + tap[1][y] * src.step;
+            const long double taps[4] = {(long double)r[tap[0][0]], (long double)r[tap[0][1]],
+                                         (long double)r[tap[0][2]], (long double)r[tap[0][3]]};
+            rows[y] = weighted(w[0], taps);
         }
-        return stored<T>(weighted(w[2], planes));
+        planes[z] = weighted(w[1], rows);
+    }
+    return stored<T>(weighted(w[2], planes));
+}
+
+// ---- Chunks of voxels, stage by stage. ----
+
+constexpr int kChunk = 16;
+
+// Positions of a chunk: kChunk numbers an axis, all inside the box.
+struct Positions {
+    const double* s[3];
+};
+
+// The stages of a chunk hand over through memory: vectors are stored and read voxel by voxel, and the other way round.
+// The compiler would rather take vectors to pieces, which takes longer.
+inline void stageDone() {
+    asm volatile("" ::: "memory");
+}
+
+// What the sums of a voxel type run in: the sum in double of 8-bit voxels would be more exact than their rounding needs.
+template <class T> struct RealOf { using Type = double; };
+template <> struct RealOf<uint8_t> { using Type = float; };
+
+// Rounded to a voxel; bits of *doubt are set where the sum's error leaves the result open.
+//   32f  the error is at most 2^-50 of `size`
+//   else at most `error`; sums may leave the range of the type
+template <class T, class Real> inline T settled(Real sum, Real error, int* doubt) {
+    constexpr int kMost = T(~T(0));
+    const int low = int(sum + (Real(kHalfUp) - error));
+    const int high = int(sum + (Real(kHalfUp) + error));
+    *doubt |= low ^ high;
+    return T(low < 0 ? 0 : low > kMost ? kMost : low);
+}
+template <> inline float settled<float, double>(double sum, double size, int* doubt) {
+    return roundDoubtfully(sum, size, doubt);
+}
+
+// With infinite taps a weight decides between infinity and NaN by being 0 or next to it.
+constexpr float kLargest = 3.4028234663852886e38f;
+
+template <class Policy, class T>
+__attribute__((noinline)) void redo(const SampleSource<T>& src, const Positions& at, const int* doubt, T* out) {
+    for (int x = 0; x < kChunk; ++x) {
+        const double s[3] = {at.s[0][x], at.s[1][x], at.s[2][x]};
+        if (doubt[x]) out[x] = Policy::value(src, s);
+    }
+}
+template <class Policy, class T>
+__attribute__((noinline)) void redoAll(const SampleSource<T>& src, const Positions& at, T* out) {
+    for (int x = 0; x < kChunk; ++x) {
+        const double s[3] = {at.s[0][x], at.s[1][x], at.s[2][x]};
+        out[x] = Policy::value(src, s);
+    }
+}
+
+template <class T> struct Nearest {
+    static T value(const SampleSource<T>& src, const double s[3]) { return nearestVoxel(src, s); }
+    static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
+        alignas(64) int plane[kChunk], offset[kChunk];
+        const int step = int(src.step);
+        for (int x = 0; x < kChunk; ++x) {
+            plane[x] = int(at.s[2][x] + kHalfUp);
+            offset[x] = int(at.s[1][x] + kHalfUp) * step + int(at.s[0][x] + kHalfUp);
+        }
+        stageDone();
+        for (int x = 0; x < kChunk; ++x) out[x] = src.planes[plane[x]][offset[x]];
     }
 };
 
+// Base voxels and fractions of a chunk along an axis, as axisBase gives them.
+template <class Real> inline void placeAxis(const double* s, int high, int* base, Real* fraction) {
+    const double end = high;
+    for (int x = 0; x < kChunk; ++x) {
+        const double snapped = s[x] + kSnap;
+        const int i = int(snapped);
+        base[x] = i < high ? i : high - 1;
+        fraction[x] = Real(snapped >= end ? 1 : s[x] - i);
+    }
+}
+
+// Two neighbours along x, read at once.
+template <class T> struct Pair;
+template <> struct Pair<uint8_t> {
+    using Type = uint16_t;
+    static int first(Type p) { return p & 0xFF; }
+    static int second(Type p) { return p >> 8; }
+};
+template <> struct Pair<uint16_t> {
+    using Type = uint32_t;
+    static int first(Type p) { return int(p & 0xFFFF); }
+    static int second(Type p) { return int(p >> 16); }
+};
+template <> struct Pair<float> {
+    struct Type {
+        float a, b;
+    };
+    static float first(Type p) { return p.a; }
+    static float second(Type p) { return p.b; }
+};
+
+template <class T> struct Linear {
+    using Real = typename RealOf<T>::Type;
+    // Each stage adds at most 3.5 roundings (5 in double, with those of 80 bits) of values no larger than the largest
+    // tap, and passes on what it got: 2^-12 for 8u, and 2^-48 of the tap in double, is more than three make.
+    static constexpr Real kError = sizeof(T) == 1 ? Real(2.9296875e-4) : Real(1e-9);
+    static T value(const SampleSource<T>& src, const double s[3]) { return linearVoxel(src, s); }
+
+    static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
+        // Along an axis of one voxel base and base + 1 would be two.
+        for (int k = 0; k < 3; ++k)
+            if (src.low[k] == src.high[k]) return redoAll<Linear>(src, at, out);
+        using Pairs = Pair<T>;
+        alignas(64) int base[3][kChunk], offset[kChunk];
+        alignas(64) Real f[3][kChunk];
+        alignas(64) typename Pairs::Type pair[4][kChunk];
+        for (int k = 0; k < 3; ++k) placeAxis(at.s[k], src.high[k], base[k], f[k]);
+        const int step = int(src.step);
+        for (int x = 0; x < kChunk; ++x) offset[x] = base[1][x] * step + base[0][x];
+        stageDone();
+        for (int x = 0; x < kChunk; ++x) {
+            const T* const* const planes = src.planes + base[2][x];
+            const T* const low = planes[0] + offset[x];
+            const T* const high = planes[1] + offset[x];
+            __builtin_memcpy(&pair[0][x], low, sizeof pair[0][x]);
+            __builtin_memcpy(&pair[1][x], low + step, sizeof pair[0][x]);
+            __builtin_memcpy(&pair[2][x], high, sizeof pair[0][x]);
+            __builtin_memcpy(&pair[3][x], high + step, sizeof pair[0][x]);
+        }
+        stageDone();
+        alignas(64) int doubt[kChunk];
+        int any = 0;
+        for (int x = 0; x < kChunk; ++x) {
+            Real row[4];
+            float most = 0;
+            for (int r = 0; r < 4; ++r) {
+                const auto a = Pairs::first(pair[r][x]), b = Pairs::second(pair[r][x]);
+                if constexpr (sizeof(T) == 4) {
+                    most = __builtin_fabsf(a) > most ? __builtin_fabsf(a) : most;
+                    most = __builtin_fabsf(b) > most ? __builtin_fabsf(b) : most;
+                }
+                row[r] = Real(a) + (Real(b) - Real(a)) * f[0][x];
+            }
+            const Real low = row[0] + (row[1] - row[0]) * f[1][x];
+            const Real high = row[2] + (row[3] - row[2]) * f[1][x];
+            const Real v = low + (high - low) * f[2][x];
+            doubt[x] = most > kLargest;
+            out[x] = settled<T>(v, sizeof(T) == 4 ? Real(most) * 4 : kError, &doubt[x]);
+            any |= doubt[x];
+        }
+        if (__builtin_expect(any != 0, 0)) redo<Linear>(src, at, doubt, out);
+    }
+};
+
+// Four neighbours along x, as numbers to sum in.
+typedef float Float4 __attribute__((vector_size(16)));
+typedef double Double4 __attribute__((vector_size(32)));
+inline Float4 load4(const uint8_t* p) {
+    int32_t bytes;
+    __builtin_memcpy(&bytes, p, 4);
+#if defined(__SSE4_1__)
+    return (Float4)_mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(bytes)));
+#else
+    const __m128i zero = _mm_setzero_si128();
+    return (Float4)_mm_cvtepi32_ps(_mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(bytes), zero), zero));
+#endif
+}
+inline Double4 load4(const uint16_t* p) {
+    const __m128i words = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+#if defined(__AVX2__)
+    return (Double4)_mm256_cvtepi32_pd(_mm_cvtepu16_epi32(words));
+#else
+    const __m128i v = _mm_unpacklo_epi16(words, _mm_setzero_si128());
+    const __m128d low = _mm_cvtepi32_pd(v), high = _mm_cvtepi32_pd(_mm_shuffle_epi32(v, 0xEE));
+    return Double4{low[0], low[1], high[0], high[1]};
+#endif
+}
+inline Double4 load4(const float* p) {
+    const __m128 v = _mm_loadu_ps(p);
+#if defined(__AVX2__)
+    return (Double4)_mm256_cvtps_pd(v);
+#else
+    const __m128d low = _mm_cvtps_pd(v), high = _mm_cvtps_pd(_mm_movehl_ps(v, v));
+    return Double4{low[0], low[1], high[0], high[1]};
+#endif
+}
+
+// Weights as polynomials of the fraction. The definition's coefficients are doubles next to these, and its cancellations
+// are others: both together differ by less than 2^-49 for fractions from -1e-7 to 1 (where two weights change branch, but
+// are continuous).
+template <int mode> inline void weightPolynomials(double f, double w[4]) {
+    const double g = 1 - f;
+    if constexpr (mode == 4) {
+        w[0] = f * g * (f - 2) * (1.0 / 6);
+        w[1] = g * (1 + f) * (1 - 0.5 * f);
+        w[2] = f * (1 + g) * (1 - 0.5 * g);
+        w[3] = f * g * (g - 2) * (1.0 / 6);
+    } else {
+        constexpr double B = mode == 5 ? 1 : mode == 6 ? 0 : 0.5, C = mode == 5 ? 0 : mode == 6 ? 0.5 : 0.3;
+        constexpr double k3 = (12 - 9 * B - 6 * C) / 6, k2 = (-18 + 12 * B + 6 * C) / 6, k0 = (6 - 2 * B) / 6;
+        // The outer branch about t = 2: u = 2 - t.
+        constexpr double o3 = (B + 6 * C) / 6, o2 = -C;
+        w[0] = g * g * (o2 + o3 * g);
+        w[1] = k0 + f * f * (k2 + k3 * f);
+        w[2] = k0 + g * g * (k2 + k3 * g);
+        w[3] = f * f * (o2 + o3 * f);
+    }
+}
+
+// Cubic weights of a chunk along an axis, each rounded to float. `error` grows by what the roundings leave open: the
+// weights defined differ from these by no more, all four together.
+template <int mode> inline void weighAxis(const double* fraction, double (*w)[kChunk], double* error) {
+    for (int x = 0; x < kChunk; ++x) {
+        const double f = float(fraction[x]);
+        double v[4];
+        weightPolynomials<mode>(f, v);
+        // A little before the base voxel the definition takes its branches of distances beyond 1, with other slopes.
+        const double e = 1.7763568394002505e-15 + (f < 0 ? -2 * f : 0); // 2^-49
+        double open = 0;
+        for (int t = 0; t < 4; ++t) {
+            const float low = float(v[t] - e), high = float(v[t] + e);
+            w[t][x] = low;
+            open += double(high) - double(low);
+        }
+        error[x] += open;
+    }
+}
+
+inline Float4 largest(Float4 a, Float4 b) {
+    return (Float4)_mm_max_ps((__m128)a, (__m128)b);
+}
+inline float sizes(const float* p, Float4* most) {
+    const __m128 v = _mm_and_ps(_mm_loadu_ps(p), _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF)));
+    *most = largest((Float4)v, *most);
+    return 0;
+}
+
+template <class T, int mode> struct Cubic {
+    using Real = typename RealOf<T>::Type;
+    using Real4 = decltype(load4((const T*)nullptr));
+    static T value(const SampleSource<T>& src, const double s[3]) { return cubicVoxel<T, mode>(src, s); }
+
+    // Weights of a chunk: per axis and tap.
+    struct alignas(64) Weights {
+        double w[3][4][kChunk];
+    };
+
+    // The sum of a voxel whose base is base; the largest of its taps in size for 32f.
+    static Real sum(const SampleSource<T>& src, const int base[3], const Weights& weights, int x, float* most) {
+        ptrdiff_t row[4];
+        const T* const* plane[4];
+        bool edge = false;
+        for (int k = 0; k < 3; ++k) edge |= base[k] - 1 < src.low[k] || base[k] + 2 > src.high[k];
+        for (int t = 0; t < 4; ++t) {
+            const int j = base[1] - 1 + t, k = base[2] - 1 + t;
+            row[t] = (edge ? kept(j, src.low[1], src.high[1]) : j) * src.step;
+            plane[t] = src.planes + (edge ? kept(k, src.low[2], src.high[2]) : k);
+        }
+        const auto splat = [](double v) { return Real4{} + Real(v); };
+        const Real4 wy[4] = {splat(weights.w[1][0][x]), splat(weights.w[1][1][x]), splat(weights.w[1][2][x]),
+                             splat(weights.w[1][3][x])};
+        const Real4 wx = {Real(weights.w[0][0][x]), Real(weights.w[0][1][x]), Real(weights.w[0][2][x]),
+                          Real(weights.w[0][3][x])};
+        Real4 total = {};
+        Float4 size = {};
+        const auto add = [&](auto load) {
+            for (int k = 0; k < 4; ++k) {
+                const T* const p = *plane[k];
+                const Real4 t = wy[0] * load(p + row[0]) + wy[1] * load(p + row[1]) + wy[2] * load(p + row[2]) +
+                                wy[3] * load(p + row[3]);
+                total += t * splat(weights.w[2][k][x]);
+            }
+        };
+        const auto loaded = [&](const T* p) {
+            if constexpr (sizeof(T) == 4) sizes(p, &size);
+            return load4(p);
+        };
+        if (!edge || (base[0] - 1 >= src.low[0] && base[0] + 2 <= src.high[0])) {
+            add([&](const T* p) { return loaded(p + base[0] - 1); });
+        } else {
+            int tap[4];
+            for (int t = 0; t < 4; ++t) tap[t] = kept(base[0] - 1 + t, src.low[0], src.high[0]);
+            add([&](const T* p) {
+                const T taps[4] = {p[tap[0]], p[tap[1]], p[tap[2]], p[tap[3]]};
+                return loaded(taps);
+            });
+        }
+        if constexpr (sizeof(T) == 4) {
+            const float a = size[0] > size[1] ? size[0] : size[1], b = size[2] > size[3] ? size[2] : size[3];
+            *most = a > b ? a : b;
+        }
+        const Real4 v = total * wx;
+        return (v[0] + v[2]) + (v[1] + v[3]);
+    }
+
+    static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
+        alignas(64) int base[3][kChunk];
+        alignas(64) double f[3][kChunk], error[kChunk] = {};
+        Weights weights;
+        for (int k = 0; k < 3; ++k) {
+            placeAxis(at.s[k], src.high[k], base[k], f[k]);
+            weighAxis<mode>(f[k], weights.w[k], error);
+        }
+        stageDone();
+        alignas(64) Real sums[kChunk];
+        alignas(64) float most[kChunk];
+        for (int x = 0; x < kChunk; ++x) {
+            most[x] = 0;
+            const int b[3] = {base[0][x], base[1][x], base[2][x]};
+            sums[x] = sum(src, b, weights, x, &most[x]);
+        }
+        stageDone();
+        alignas(64) int doubt[kChunk];
+        int any = 0;
+        for (int x = 0; x < kChunk; ++x) {
+            doubt[x] = most[x] > kLargest;
+            out[x] = settled<T>(sums[x], bound(error[x], most[x]), &doubt[x]);
+            any |= doubt[x];
+        }
+        if (__builtin_expect(any != 0, 0)) redo<Cubic>(src, at, doubt, out);
+    }
+
+    // What settled() needs to know. The sizes of four weights sum to 1.25 at most, so the terms of the sum to twice the
+    // largest tap: 21 roundings, and what is open about the weights.
+    static Real bound(double open, float most) {
+        if constexpr (sizeof(T) == 4) return most * (16 + open * 2.251799813685248e15); // 2^51
+        if constexpr (sizeof(T) == 2) return 2e-9 + open * 131072;
+        return Real(1e-3 + open * 512);
+    }
+};
+
+// ---- Rows. ----
+
+constexpr int kRun = 64; // voxels of a row whose positions are computed before the first is sampled
+
+// Room for a last chunk that is not full.
+struct alignas(64) Run {
+    double s[3][kRun + kChunk];
+};
+
+inline uint64_t bitsOf(double x) {
+    return __builtin_bit_cast(uint64_t, x);
+}
+
+// Whether kChunk - 1 additions of `advance` to `first` are `last`, with multiples of `step` in between: all of them lie
+// within the same two powers of two, so that ulps are the same and the same advance is added every time, `advance`
+// rounded to whole ulps; but no sum may be a tie, which is rounded now up and now down.
+inline bool evenly(double first, double last, double advance, double step) {
+    constexpr int kMantissa = 52;
+    constexpr uint64_t kFraction = (uint64_t(1) << kMantissa) - 1;
+    const uint64_t a = bitsOf(first), b = bitsOf(last), exponent = a >> kMantissa & 0x7FF;
+    const double ulp = __builtin_bit_cast(double, (exponent - kMantissa) << kMantissa);
+    const bool same = ((a ^ b) >> kMantissa) == 0 && (a & kFraction) != 0 && (b & kFraction) != 0;
+    return same && exponent > kMantissa && __builtin_fabs(advance - step) * 2 != ulp;
+}
+
+// Positions of the next voxels of a row, exactly as repeated addition gives them.
+inline void nextPositions(double* position, double advance, int count, double* s) {
+    double next = *position;
+    for (int x = 0; x < count; x += kChunk) {
+        const double first = next, step = (first + advance) - first;
+        if (__builtin_expect(evenly(first, first + (kChunk - 1) * step, advance, step), 1)) {
+            for (int i = 0; i < kChunk; ++i) s[x + i] = first + i * step;
+            next = s[x + kChunk - 1] + advance;
+        } else {
+            for (int i = 0; i < kChunk; ++i) {
+                s[x + i] = next;
+                next += advance;
+            }
+        }
+    }
+    *position = count % kChunk ? s[count] : next;
+}
+
+// The voxels of a run that are inside: an interval, because positions are monotonous also when rounded.
+struct Interval {
+    int begin, end;
+};
+inline Interval insideOf(const double* s, int count, double advance, double low, double high) {
+    if (s[0] >= low && s[0] <= high && s[count - 1] >= low && s[count - 1] <= high) return {0, count};
+    int below = 0, above = 0;
+    for (int x = 0; x < count; ++x) {
+        below += !(s[x] >= low);
+        above += s[x] > high;
+    }
+    return advance < 0 ? Interval{above, count - below} : Interval{below, count - above};
+}
+
+// Offsets within a plane fit an int?
+template <class T> inline bool narrow(const SampleSource<T>& src) {
+    const long long step = src.step < 0 ? -(long long)src.step : src.step;
+    return step < 0x7FFFFFFF && (src.high[1] + 1LL) * step + src.high[0] < 0x7FFFFFFF;
+}
+
 template <class T, class Policy>
 void warpRow(const SampleSource<T>& src, T* dst, int count, double position[3], const double advance[3]) {
-    for (int x = 0; x < count; ++x) {
-        if (inside(src, position)) dst[x] = Policy::value(src, position);
-        for (int k = 0; k < 3; ++k) position[k] += advance[k];
+    if (!narrow(src)) {
+        for (int x = 0; x < count; ++x) {
+            if (inside(src, position)) dst[x] = Policy::value(src, position);
+            for (int k = 0; k < 3; ++k) position[k] += advance[k];
+        }
+        return;
+    }
+    for (int x = 0; x < count; x += kRun) {
+        const int n = count - x < kRun ? count - x : kRun;
+        Run run;
+        Interval in = {0, n};
+        for (int k = 0; k < 3; ++k) {
+            nextPositions(&position[k], advance[k], n, run.s[k]);
+            const Interval axis = insideOf(run.s[k], n, advance[k], src.low[k], src.high[k]);
+            in.begin = axis.begin > in.begin ? axis.begin : in.begin;
+            in.end = axis.end < in.end ? axis.end : in.end;
+        }
+        if (in.begin >= in.end) continue;
+        for (int k = 0; k < 3; ++k)
+            for (int i = in.end; i % kChunk != in.begin % kChunk; ++i) run.s[k][i] = run.s[k][in.end - 1];
+        for (int i = in.begin; i < in.end; i += kChunk) {
+            T out[kChunk];
+            Policy::chunk(src, {run.s[0] + i, run.s[1] + i, run.s[2] + i}, out);
+            if (in.end - i >= kChunk)
+                __builtin_memcpy(dst + x + i, out, sizeof out);
+            else
+                for (int j = i; j < in.end; ++j) dst[x + j] = out[j - i];
+        }
     }
 }
 
 template <class T, class Policy>
 void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const map[3]) {
-    for (int x = 0; x < count; ++x) {
-        const double position[3] = {map[0][x], map[1][x], map[2][x]};
-        if (inside(src, position)) dst[x] = Policy::value(src, position);
+    if (!narrow(src)) {
+        for (int x = 0; x < count; ++x) {
+            const double position[3] = {map[0][x], map[1][x], map[2][x]};
+            if (inside(src, position)) dst[x] = Policy::value(src, position);
+        }
+        return;
+    }
+    for (int x = 0; x < count; x += kChunk) {
+        const int n = count - x < kChunk ? count - x : kChunk;
+        alignas(64) double s[3][kChunk];
+        alignas(64) int out[kChunk] = {};
+        for (int k = 0; k < 3; ++k) {
+            float padded[kChunk];
+            const float* from = map[k] + x;
+            if (n < kChunk) {
+                for (int i = 0; i < kChunk; ++i) padded[i] = i < n ? from[i] : __builtin_nanf("");
+                from = padded;
+            }
+            const double low = src.low[k], high = src.high[k];
+            for (int i = 0; i < kChunk; ++i) {
+                s[k][i] = from[i];
+                out[i] |= !(s[k][i] >= low) | !(s[k][i] <= high);
+            }
+        }
+        int outside = 0;
+        for (int i = 0; i < kChunk; ++i) outside += out[i];
+        if (outside == kChunk) continue;
+        // Voxels outside are computed somewhere inside, for nothing.
+        if (outside)
+            for (int k = 0; k < 3; ++k)
+                for (int i = 0; i < kChunk; ++i) s[k][i] = out[i] ? src.low[k] : s[k][i];
+        T voxels[kChunk];
+        Policy::chunk(src, {s[0], s[1], s[2]}, voxels);
+        if (!outside)
+            __builtin_memcpy(dst + x, voxels, sizeof voxels);
+        else
+            for (int i = 0; i < kChunk; ++i)
+                if (!out[i]) dst[x + i] = voxels[i];
     }
 }
 
