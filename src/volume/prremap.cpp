@@ -7,7 +7,7 @@
 namespace zenr {
 namespace {
 
-constexpr int kTileColumns = 64;
+constexpr int kTileColumns = 512;
 constexpr int kTileRows = 16;
 constexpr int kTileSlices = 16;
 
