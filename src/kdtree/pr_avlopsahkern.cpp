@@ -24,6 +24,7 @@ template <int Lanes> struct Vector {
 };
 typedef Vector<kLanes>::Floats Floats;
 typedef Vector<kLanes>::Ints Ints;
+typedef double Doubles __attribute__((vector_size(kVectorBytes), may_alias));
 
 ZENR_INLINE Floats load(const float* p) {
     return *reinterpret_cast<const Vector<kLanes>::FloatsAnywhere*>(p);
@@ -166,7 +167,8 @@ ZENR_INLINE void priceBlocks(const Stretch& s, const Pricing& pricing, int k, Pr
 }
 
 // Each event is compared with all others: no order is needed, and no branch depends on the data.
-template <bool Planar> void priceEach(const Stretch& s, const Pricing& pricing, Candidate& best) {
+// Prices above `limit` are of no interest.
+template <bool Planar> void priceEach(const Stretch& s, const Pricing& pricing, double limit, Candidate& best) {
     Priced priced;
     const int n = s.events();
     int k = 0;
@@ -179,18 +181,19 @@ template <bool Planar> void priceEach(const Stretch& s, const Pricing& pricing, 
     for (k = 0; k < padded - kLanes; k += 2 * kLanes) priceBlocks<2, Planar>(s, pricing, k, priced);
     if (k < padded) priceBlocks<1, Planar>(s, pricing, k, priced);
 
-    int at = -1;
-    double cheapest = best.price < DBL_MAX ? best.price : DBL_MAX;
-    float position = best.position;
-    for (k = 0; k < n; ++k) {
-        const double price = priced.price[k];
-        if (price < cheapest || (price == cheapest && priced.x[k] < position && price < DBL_MAX)) {
-            cheapest = price;
-            position = priced.x[k];
-            at = k;
-        }
+    Doubles least = Doubles{} + DBL_MAX;
+    for (k = 0; k < padded; k += kLanes / 2) {
+        const Doubles p = *reinterpret_cast<const Doubles*>(priced.price + k);
+        least = p < least ? p : least; // no NaN passes
     }
-    if (at < 0) return;
+    double cheapest = least[0];
+    for (k = 1; k < kLanes / 2; ++k) cheapest = least[k] < cheapest ? least[k] : cheapest;
+    if (!(cheapest <= limit) || !(cheapest <= best.price) || cheapest == DBL_MAX) return;
+    int at = -1;
+    for (k = 0; k < n; ++k)
+        if (priced.price[k] == cheapest && (at < 0 || priced.x[k] < priced.x[at])) at = k;
+    const float position = priced.x[at];
+    if (cheapest == best.price && !(position < best.position)) return;
     best = Candidate{cheapest, position, priced.left[at], priced.right[at], 1};
     if (Planar) {
         const double upper = pricing.price(priced.left[at], priced.right[at] + priced.inPlane[at], position);
@@ -309,9 +312,9 @@ struct Room {
 void searchStretch(const Stretch& s, const Pricing& pricing, const Room& room, Candidate& best) {
     if (s.events() <= kFewEvents) {
         if (s.planarCount > 0)
-            priceEach<true>(s, pricing, best);
+            priceEach<true>(s, pricing, DBL_MAX, best);
         else
-            priceEach<false>(s, pricing, best);
+            priceEach<false>(s, pricing, DBL_MAX, best);
         return;
     }
     sortEvents(s.starts, s.startCount, room.words, room.count);
@@ -353,6 +356,8 @@ void sweepWhole(const AxisEvents& events, const Pricing& pricing, Candidate& bes
     searchStretch(Stretch{starts, cut, ends, cut, planar, p, 0, n}, pricing, roomBeside(events, n, cut), best);
 }
 
+constexpr double kSlack = 1e-12; // a bound may be off by a few roundings
+
 constexpr int kMaxBins = 1024;
 constexpr int binsFor(int n) {
     return n < 100 ? 16 : n < 400 ? 32 : n < 2000 ? 64 : n < 16000 ? 256 : kMaxBins;
@@ -383,7 +388,25 @@ template <bool Planar> void sweepBins(const AxisEvents& events, const Pricing& p
     };
     Bins bins;
     for (int b = 0; b < count; ++b) bins.starts[b] = bins.ends[b] = bins.planar[b] = 0;
-    for (int i = 0; i < n; ++i) {
+    int i = 0;
+    if (!Planar) {
+        // Neighbours in a mesh are neighbours in its lists: with a second set of counters every other reference does
+        // not have to wait for the one before.
+        int starts2[kMaxBins];
+        int ends2[kMaxBins];
+        for (int b = 0; b < count; ++b) starts2[b] = ends2[b] = 0;
+        for (; i < n - 1; i += 2) {
+            ++bins.starts[binOf(events.lo[i])];
+            ++bins.ends[binOf(events.hi[i])];
+            ++starts2[binOf(events.lo[i + 1])];
+            ++ends2[binOf(events.hi[i + 1])];
+        }
+        for (int b = 0; b < count; ++b) {
+            bins.starts[b] += starts2[b];
+            bins.ends[b] += ends2[b];
+        }
+    }
+    for (; i < n; ++i) {
         const float lo = events.lo[i];
         const float hi = events.hi[i];
         if (Planar && lo == hi) {
@@ -395,11 +418,10 @@ template <bool Planar> void sweepBins(const AxisEvents& events, const Pricing& p
     }
     // Rounding shifts an event across a bin's edge by a few float roundings at most, and a price by a few double ones.
     constexpr double shift = 1e-6;
-    constexpr double slack = 1e-12;
     const double whole = pricing.max - pricing.min;
     const double width = 1.0 / scale;
     const double fuzz = shift * whole;
-    double ceiling = limit * (1 + slack);
+    double ceiling = limit * (1 + kSlack);
     int left = 0;
     int right = n;
     for (int b = 0; b < count; ++b) {
@@ -407,31 +429,28 @@ template <bool Planar> void sweepBins(const AxisEvents& events, const Pricing& p
         const double hi = b == count - 1 ? whole : (b + 1) * width;
         // The edge between this bin and the one below.
         const double atEdge =
-            (left * (lo + fuzz + pricing.rest) + right * (whole - lo + fuzz + pricing.rest)) * (1 + slack);
+            (left * (lo + fuzz + pricing.rest) + right * (whole - lo + fuzz + pricing.rest)) * (1 + kSlack);
         ceiling = atEdge < ceiling ? atEdge : ceiling;
         bins.left[b] = left;
         bins.right[b] = right;
         const int rightAfter = right - bins.ends[b] - bins.planar[b];
         const double atLo = left * (lo + pricing.rest) + rightAfter * (whole - lo + pricing.rest);
         const double atHi = left * (hi + pricing.rest) + rightAfter * (whole - hi + pricing.rest);
-        bins.lowest[b] = (atLo < atHi ? atLo : atHi) * (1 - slack) - (left + rightAfter) * fuzz;
+        bins.lowest[b] = (atLo < atHi ? atLo : atHi) * (1 - kSlack) - (left + rightAfter) * fuzz;
         left += bins.starts[b] + bins.planar[b];
         right = rightAfter;
     }
-    // The events of the bins that remain, grouped by bin.
+    // The events of the bins that remain, grouped by bin. The others go to one place behind them, each over the one
+    // before: which they are is hard to foretell. If none is to go there, there may be no such place.
     int starts = 0;
     int ends = 0;
     int planar = 0;
     int kept = 0;
     int keptBin[kMaxBins];
-    int startAt[kMaxBins];
-    int endAt[kMaxBins];
-    int planarAt[kMaxBins];
+    int step[kMaxBins];
     for (int b = 0; b < count; ++b) {
         const bool keep = bins.lowest[b] <= ceiling && bins.starts[b] + bins.ends[b] + bins.planar[b] > 0;
-        startAt[b] = keep ? starts : -1;
-        endAt[b] = ends;
-        planarAt[b] = planar;
+        step[b] = keep;
         keptBin[kept] = b;
         kept += keep;
         starts += keep ? bins.starts[b] : 0;
@@ -439,28 +458,41 @@ template <bool Planar> void sweepBins(const AxisEvents& events, const Pricing& p
         planar += keep ? bins.planar[b] : 0;
     }
     if (kept == 0) return;
-    float* const startList = events.scratch[0];
-    float* const planarList = startList + starts;
+    int startAt[kMaxBins];
+    int endAt[kMaxBins];
+    int planarAt[kMaxBins];
+    for (int b = 0, s = 0, e = 0, p = starts; b < count; ++b) {
+        startAt[b] = step[b] ? s : starts + planar;
+        endAt[b] = step[b] ? e : ends;
+        planarAt[b] = step[b] ? p : starts + planar;
+        s += step[b] ? bins.starts[b] : 0;
+        e += step[b] ? bins.ends[b] : 0;
+        p += step[b] ? bins.planar[b] : 0;
+    }
+    float* const startList = events.scratch[0]; // planar events follow the starts
     float* const endList = events.scratch[1];
-    for (int i = 0; i < n; ++i) {
+    for (i = 0; i < n; ++i) {
         const float lo = events.lo[i];
         const float hi = events.hi[i];
         const int lower = binOf(lo);
         if (Planar && lo == hi) {
-            if (startAt[lower] >= 0) planarList[planarAt[lower]++] = lo;
+            startList[planarAt[lower]] = lo;
+            planarAt[lower] += step[lower];
             continue;
         }
-        if (startAt[lower] >= 0) startList[startAt[lower]++] = lo;
         const int upper = binOf(hi);
-        if (startAt[upper] >= 0) endList[endAt[upper]++] = hi;
+        startList[startAt[lower]] = lo;
+        startAt[lower] += step[lower];
+        endList[endAt[upper]] = hi;
+        endAt[upper] += step[upper];
     }
     const Room room = roomBeside(events, starts + planar, ends);
     for (int k = 0; k < kept; ++k) {
         const int b = keptBin[k];
         if (bins.lowest[b] > best.price) continue;
         searchStretch(Stretch{startList + startAt[b] - bins.starts[b], bins.starts[b],
-                              endList + endAt[b] - bins.ends[b], bins.ends[b],
-                              planarList + planarAt[b] - bins.planar[b], bins.planar[b], bins.left[b], bins.right[b]},
+                              endList + endAt[b] - bins.ends[b], bins.ends[b], startList + planarAt[b] - bins.planar[b],
+                              bins.planar[b], bins.left[b], bins.right[b]},
                       pricing, room, best);
     }
 }
@@ -475,7 +507,7 @@ void sweep(const AxisEvents* events, const Pricing* pricing, double limit, Candi
         // Read, never written: so few are not sorted.
         priceEach<false>(
             Stretch{const_cast<float*>(events->lo), n, const_cast<float*>(events->hi), n, nullptr, 0, 0, n}, *pricing,
-            *best);
+            limit * (1 + kSlack), *best);
     } else if (n <= kFewReferences || !(pricing->max - pricing->min < kGreatestBinned)) {
         sweepWhole(*events, *pricing, *best);
     } else if (events->inPlane > 0) {
