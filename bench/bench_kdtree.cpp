@@ -1,6 +1,8 @@
 // Building trees: time beside Embree's medium-quality build of the same mesh in the same run, expected cost beside that
-// of a straightforward exact sweep, bytes beside Embree's, peak memory beside the budget. Figures to read are ratios.
-//   bench_kdtree [--sweep] [MESH.obj ...]   --sweep: compare costs with the sweep for meshes up to 120,000 triangles
+// of a straightforward exact sweep, bytes beside Embree's, peak memory beside the budget, and where the time goes.
+// Figures to read are ratios.
+//   bench_kdtree [--brief] [--sweep] [MESH ...]   a mesh by its name or file; without one: all that are there
+//     --brief: the smaller ones, one round;  --sweep: compare costs with the sweep for meshes up to 120,000 triangles
 #include <malloc.h>
 #include <math.h>
 #include <stdio.h>
@@ -12,10 +14,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <map>
 #include <string>
 #include <vector>
 
+#include "kdtree/kdtree.h"
+#include "kdtree/pr_avlopsahbld.h"
+#include "kdtree/pr_avlopsahphase.h"
+#include "meshes.h"
 #include "reference/meshes.h"
 #include "reference/sah_reference.h"
 #include "zencore.h"
@@ -24,69 +29,44 @@
 #include <embree3/rtcore.h>
 #endif
 
+// The builder that is linked in beside the library's own reads the clock at every phase.
+zenr::PhaseClock zenr::phaseClock;
+
 namespace {
 
 using reference::Mesh;
+
+int rounds = 3;
 
 double now() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-// Positions and faces of a Wavefront file; vertices at one place become one.
-Mesh loadObj(const char* path) {
-    Mesh mesh;
-    FILE* file = fopen(path, "r");
-    if (!file) return mesh;
-    char line[1024];
-    std::vector<int> places;
-    std::map<std::array<float, 3>, int> seen;
-    while (fgets(line, sizeof line, file)) {
-        if (line[0] == 'v' && line[1] == ' ') {
-            std::array<float, 3> p{};
-            if (sscanf(line + 2, "%f %f %f", &p[0], &p[1], &p[2]) != 3) continue;
-            const auto found = seen.emplace(p, mesh.vertexCount());
-            if (found.second) mesh.addVertex(p[0], p[1], p[2]);
-            places.push_back(found.first->second);
-        } else if (line[0] == 'f' && line[1] == ' ') {
-            std::vector<int> corners;
-            for (char* word = strtok(line + 2, " \t\r\n"); word; word = strtok(nullptr, " \t\r\n")) {
-                const int i = atoi(word);
-                const int at = i < 0 ? int(places.size()) + i : i - 1;
-                if (at >= 0 && at < int(places.size())) corners.push_back(places[size_t(at)]);
-            }
-            for (size_t k = 2; k < corners.size(); ++k) mesh.add(corners[0], corners[k - 1], corners[k]);
-        }
-    }
-    fclose(file);
-    return mesh;
-}
-
 struct Result {
-    double seconds;
-    int bytes;
-    ZenrKDTreeNode* tree;
+    ZenStatus status = zenStsNoErr;
+    double seconds = 1e9;
+    int bytes = 0;
+    ZenrKDTreeNode* tree = nullptr;
 };
 
 Result build(const Mesh& mesh, float ratio, int threads, uint32_t budget) {
     zenSetNumThreads(threads);
     const ZenrKDTreeBuildParams params = {zenKDTBuildSAH, 50, ratio, budget, nullptr};
-    Result result{1e9, 0, nullptr};
-    for (int round = 0; round < 3; ++round) {
+    Result result;
+    for (int round = 0; round < rounds; ++round) {
         if (result.tree) zenrKDTreeFree(result.tree);
+        result.tree = nullptr;
         const double start = now();
-        const ZenStatus status = zenrKDTreeBuildAlloc(&result.tree, mesh.vertices.data(), mesh.triangles.data(),
-                                                      mesh.vertexCount(), mesh.triangleCount(), &result.bytes, &params);
-        if (status != zenStsNoErr) {
-            printf("  build failed: %d\n", status);
-            return Result{1e9, 0, nullptr};
-        }
+        result.status = zenrKDTreeBuildAlloc(&result.tree, mesh.vertices.data(), mesh.triangles.data(),
+                                             mesh.vertexCount(), mesh.triangleCount(), &result.bytes, &params);
+        if (result.status != zenStsNoErr) break;
         result.seconds = std::min(result.seconds, now() - start);
     }
     return result;
 }
 
 // Peak memory of one build in a process of its own, in MiB above what the mesh takes.
-double peakMiB(const Mesh& mesh, uint32_t budget) {
+double peakMiB(const Mesh& mesh, float ratio, uint32_t budget) {
     int ends[2];
     if (pipe(ends)) return 0;
     const pid_t child = fork();
@@ -94,7 +74,7 @@ double peakMiB(const Mesh& mesh, uint32_t budget) {
         rusage before, after;
         getrusage(RUSAGE_SELF, &before);
         zenSetNumThreads(1);
-        const ZenrKDTreeBuildParams params = {zenKDTBuildSAH, 50, 0.5f, budget, nullptr};
+        const ZenrKDTreeBuildParams params = {zenKDTBuildSAH, 50, ratio, budget, nullptr};
         ZenrKDTreeNode* tree = nullptr;
         int bytes = 0;
         zenrKDTreeBuildAlloc(&tree, mesh.vertices.data(), mesh.triangles.data(), mesh.vertexCount(),
@@ -112,6 +92,30 @@ double peakMiB(const Mesh& mesh, uint32_t budget) {
     return peak;
 }
 
+// Shares of the phases in a build with one thread, from the instrumented builder; the clock itself takes a few percent.
+void printPhases(const Mesh& mesh, float ratio, uint32_t budget) {
+    zenSetNumThreads(1);
+    ZenrKDTreeNode* tree = nullptr;
+    int bytes = 0;
+    zenr::phaseClock = {};
+    zenr::enterPhase(zenr::Phase::other);
+    std::fill(std::begin(zenr::phaseClock.ticks), std::end(zenr::phaseClock.ticks), 0);
+    const ZenStatus status =
+        zenr::ownKDTBldPSAH_ML(mesh.vertices.data(), mesh.triangles.data(), mesh.vertexCount(), mesh.triangleCount(),
+                               &tree, &bytes, ratio, 50, budget << 20, nullptr);
+    zenr::enterPhase(zenr::Phase::other);
+    if (status != zenStsNoErr) return;
+    zenrKDTreeFree(tree);
+    const char* const names[] = {"set-up and walk", "extents",      "search",   "bins",   "sort",
+                                 "sweep",           "distribution", "clipping", "leaves", "packing"};
+    double all = 0;
+    for (uint64_t ticks : zenr::phaseClock.ticks) all += double(ticks);
+    printf("    share of time:");
+    for (int p = 0; p < int(zenr::Phase::count); ++p)
+        printf("%s %s %.0f%%", p ? "," : "", names[p], 100 * double(zenr::phaseClock.ticks[p]) / all);
+    printf("\n");
+}
+
 struct Peer {
     double seconds = 0;
     double bytes = 0;
@@ -120,7 +124,7 @@ struct Peer {
 #ifdef ZENR_HAVE_EMBREE
 Peer peer(const Mesh& mesh) {
     Peer best;
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 0; round < rounds; ++round) {
         RTCDevice device = rtcNewDevice("threads=1");
         ssize_t bytes = 0;
         rtcSetDeviceMemoryMonitorFunction(
@@ -161,14 +165,11 @@ Peer peer(const Mesh&) {
 
 void run(const char* name, const Mesh& mesh, bool sweep) {
     const int n = mesh.triangleCount();
-    if (n == 0) {
-        printf("%s: no triangles\n", name);
-        return;
-    }
-    const uint32_t budget = uint32_t(96 + double(n) * 1200 / (1 << 20));
+    if (n == 0) return;
     const Peer embree = peer(mesh);
-    printf("%s: %d triangles, budget %u MiB, peak %.0f MiB\n", name, n, budget, peakMiB(mesh, budget));
-    if (embree.seconds > 0) printf("  Embree medium: %.4f s, %.1f MB\n", embree.seconds, embree.bytes / 1e6);
+    printf("%s: %d triangles", name, n);
+    if (embree.seconds > 0) printf("; Embree medium: %.4f s, %.1f MB", embree.seconds, embree.bytes / 1e6);
+    printf("\n");
     reference::Box box{};
     for (int i = 0; i < mesh.vertexCount(); ++i)
         for (int a = 0; a < 3; ++a) {
@@ -177,28 +178,37 @@ void run(const char* name, const Mesh& mesh, bool sweep) {
             box[a + 3] = i == 0 ? x : std::max(box[a + 3], x);
         }
     for (float ratio : {0.f, 0.5f, 1.f}) {
-        const Result one = build(mesh, ratio, 1, budget);
-        if (!one.tree) continue;
+        // The smallest budget that is accepted and one block more, and half as much again while that runs out.
+        uint32_t budget =
+            uint32_t((12 * double(mesh.vertexCount()) + 84 * double(n) + (32 << 20)) / (1 << 20)) + 2 + 16;
+        Result one = build(mesh, ratio, 1, budget);
+        while (one.status == zenStsNoMemErr && budget < 3000) {
+            budget += budget / 2;
+            one = build(mesh, ratio, 1, budget);
+        }
+        if (one.status != zenStsNoErr) {
+            printf("  ratio %.1f: build failed, %d\n", ratio, one.status);
+            continue;
+        }
         const reference::TreeReader tree(one.tree, one.bytes, box);
         zenrKDTreeFree(one.tree);
-        printf("  ratio %.1f: %.3f s, %.2f Mtriangles/s, %.2f MB; %d interior, %zu leaves (%d inline, %d empty), "
-               "%.2f triangles a leaf, cost %.2f %s\n",
-               ratio, one.seconds, n / one.seconds / 1e6, one.bytes / 1e6, tree.interior, tree.leaves.size(),
-               tree.inlineLeaves, tree.emptyLeaves, double(tree.references) / double(tree.leaves.size()), tree.cost(),
-               tree.error.c_str());
-        if (embree.seconds > 0)
-            printf("    time / Embree %.2f, bytes / Embree %.2f\n", one.seconds / embree.seconds,
-                   one.bytes / embree.bytes);
+        const Result two = build(mesh, ratio, 2, budget + 96); // a second thread has blocks of its own
+        if (two.tree) zenrKDTreeFree(two.tree);
+        printf("  ratio %.1f: %.3f s, %.2f Mtriangles/s", ratio, one.seconds, n / one.seconds / 1e6);
+        if (embree.seconds > 0) printf(", time / Embree %.2f", one.seconds / embree.seconds);
+        printf(", two threads %.2f times one\n", one.seconds / two.seconds);
+        printf("    %.2f MB", one.bytes / 1e6);
+        if (embree.seconds > 0) printf(", bytes / Embree %.2f", one.bytes / embree.bytes);
+        printf("; budget %u MiB, peak %.0f MiB\n", budget, peakMiB(mesh, ratio, budget));
+        printf("    %d interior, %zu leaves (%d inline, %d empty), %.2f triangles a leaf, cost %.2f %s\n",
+               tree.interior, tree.leaves.size(), tree.inlineLeaves, tree.emptyLeaves,
+               double(tree.references) / double(tree.leaves.size()), tree.cost(), tree.error.c_str());
         if (sweep && n <= 120000) {
             const reference::SweepBuilder exact(mesh.vertices.data(), mesh.triangles.data(), n,
                                                 (10 - 9 * double(ratio)) * 0.5057569742202759, 50);
             printf("    cost / exact sweep %.3f\n", tree.cost() / exact.cost);
         }
-        if (ratio == 0.5f) {
-            const Result two = build(mesh, ratio, 2, budget);
-            if (two.tree) zenrKDTreeFree(two.tree);
-            printf("    two threads: %.2f times one\n", one.seconds / two.seconds);
-        }
+        printPhases(mesh, ratio, budget);
     }
     fflush(stdout);
 }
@@ -208,19 +218,28 @@ void run(const char* name, const Mesh& mesh, bool sweep) {
 int main(int argc, char** argv) {
     mallopt(M_MMAP_THRESHOLD, 1 << 20); // freed memory goes back at once, so that peaks can be told apart
     bool sweep = false;
-    bool files = false;
-    for (int i = 1; i < argc; ++i)
+    bool brief = false;
+    std::vector<std::string> names;
+    for (int i = 1; i < argc; ++i) {
         if (!strcmp(argv[i], "--sweep"))
             sweep = true;
-        else
-            files = true;
-    for (int i = 1; i < argc; ++i)
-        if (argv[i][0] != '-') run(argv[i], loadObj(argv[i]), sweep);
-    if (files) return 0;
-    const char* const bunny = "/usr/share/glmark2/models/bunny.obj";
-    if (!access(bunny, R_OK)) run("bunny", loadObj(bunny), sweep);
-    run("sphere", reference::sphere(6), sweep);
-    run("terrain", reference::terrain(200), sweep);
-    run("soup", reference::soup(50000, 0.02f, 1), sweep);
-    run("terrain, a million", reference::terrain(708), sweep);
+        else if (!strcmp(argv[i], "--brief"))
+            brief = true;
+        else if (argv[i][0] != '-')
+            names.push_back(argv[i]);
+    }
+    if (brief) rounds = 1;
+    for (const std::string& name : names) {
+        const Mesh mesh = bench::loadMesh(name);
+        if (mesh.triangleCount() == 0) fprintf(stderr, "%s: no triangles\n", name.c_str());
+        run(name.c_str(), mesh, sweep);
+    }
+    if (!names.empty()) return 0;
+    run("small sphere", reference::sphere(6), sweep);
+    run("small terrain", reference::terrain(200), sweep);
+    run("small soup", reference::soup(50000, 0.02f, 1), sweep);
+    for (const std::string& name : bench::meshNames()) {
+        if (brief && name != "horse" && name != "bunny" && name != "dragon2") continue;
+        run(name.c_str(), bench::loadMesh(name), sweep);
+    }
 }

@@ -8,6 +8,7 @@
 #include "frame/prmem.h"
 #include "frame/prprim.h"
 #include "kdtree/kdtree.h"
+#include "kdtree/pr_avlopsahphase.h"
 #include "zencore.h"
 
 namespace zenr {
@@ -224,6 +225,7 @@ void localTreePacking(const BlockTables& tables, const WorkNode* node, uint32_t 
 
 ZenStatus ownCompactTreeRepresentation(const BlockTables& tables, const WorkNode& root, ZenrKDTreeNode** pTree,
                                        int* pSize) {
+    const InPhase phase(Phase::packing);
     uint64_t nodeBytes = kTreeHeadBytes;
     uint64_t listBytes = 0;
     if (root.kind == kWorkLeaf) {

@@ -2,6 +2,7 @@
 #include <string.h>
 
 #include "kdtree/pr_avlopsahbld.h"
+#include "kdtree/pr_avlopsahphase.h"
 
 namespace zenr {
 
@@ -144,6 +145,7 @@ void returnArray(Builder& builder, Workspace& space, const TriRef& ref) {
 
 ZenStatus cutReference(Builder& builder, Workspace& space, const Geometry& geometry, const TriRef& ref, int axis,
                        float split, CutPart& lower, CutPart& upper) {
+    const InPhase phase(Phase::clipping);
     Pool& pool = *space.poolB;
     Side sides[2];
     const uint32_t count = ref.id & 31;

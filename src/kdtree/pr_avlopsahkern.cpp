@@ -7,6 +7,7 @@
 
 #include "frame/prprim.h"
 #include "frame/simd.h"
+#include "kdtree/pr_avlopsahphase.h"
 #include "kdtree/pr_avlorsort.h"
 
 namespace zenr {
@@ -297,6 +298,7 @@ void localLeftRightSearch(const Stretch& s, const Pricing& pricing, Candidate& b
 // The radix sort needs room beside the events; where there is none, the other sort does.
 void sortEvents(float* events, int count, float* room, int roomCount) {
     if (count < 2) return;
+    const InPhase phase(Phase::sort);
     if (uint32_t(count) > kRadixCount && count <= roomCount)
         ownRadixSortAccend_32f_px(events, reinterpret_cast<uint32_t*>(room), uint32_t(count));
     else
@@ -310,6 +312,7 @@ struct Room {
 };
 
 void searchStretch(const Stretch& s, const Pricing& pricing, const Room& room, Candidate& best) {
+    const InPhase phase(Phase::sweep);
     if (s.events() <= kFewEvents) {
         if (s.planarCount > 0)
             priceEach<true>(s, pricing, DBL_MAX, best);
@@ -378,6 +381,7 @@ struct Bins {
 // A price at an edge itself is one that the next event on one of its sides does not exceed, because up to there the
 // counts do not grow.
 template <bool Planar> void sweepBins(const AxisEvents& events, const Pricing& pricing, double limit, Candidate& best) {
+    const InPhase phase(Phase::bins);
     const int n = events.count;
     const int count = binsFor(n);
     const float base = float(pricing.min);
@@ -501,6 +505,7 @@ constexpr int kFewReferences = 32;
 constexpr double kGreatestBinned = 1e30; // wider boxes leave the range of float in the arithmetic of bins
 
 void sweep(const AxisEvents* events, const Pricing* pricing, double limit, Candidate* best) {
+    const InPhase phase(Phase::sweep);
     *best = Candidate{DBL_MAX, 0, 0, 0, 1};
     const int n = events->count;
     if (n <= kFewReferences && events->inPlane == 0) {

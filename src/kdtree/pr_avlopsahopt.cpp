@@ -8,6 +8,7 @@
 #include "kdtree/kdtree.h"
 #include "kdtree/pr_avlopsahbld.h"
 #include "kdtree/pr_avlopsahkern.h"
+#include "kdtree/pr_avlopsahphase.h"
 #include "kdtree/pr_avlopsahsrch.h"
 
 namespace zenr {
@@ -88,6 +89,7 @@ bool takePair(Builder& builder, Workspace& space, uint32_t& link) {
 // of a team has no such lists.
 bool writeList(Builder& builder, Workspace& space, const TriRef* refs, uint32_t n, uint32_t& link) {
     if (n == 0) return true;
+    const InPhase phase(Phase::leaves);
     BlockHeader* block = space.blocks[kListBlocks];
     uint32_t free = uint32_t(block->end - block->cursor) / 4;
     if (free < n && (free == 0 || n <= kBlockWords)) {
@@ -129,8 +131,7 @@ public:
                                    reinterpret_cast<const float*>(builder.context->poolB.start),
                                    builder.context->triangles, builder.tables.arrays,
                                    uint32_t(size_t(builder.context->verticesEnd - builder.context->vertices) / 3)},
-          input_{&sahKernels(level),           {}, {}, 0, nullptr, space.scratch + 6, space.capacity,
-                 costFactor(optimizationRatio)} {}
+          kernels_(sahKernels(level)), factor_(costFactor(optimizationRatio)) {}
 
     // Subdivides an item whose references end at pool A's cursor.
     ZenStatus run(Item item) {
@@ -189,6 +190,7 @@ private:
     }
 
     void gatherExtents(const Item& item, const TriRef* refs, uint32_t n, Extents& extents) {
+        const InPhase phase(Phase::extents);
         for (uint32_t i = 0; i < n; ++i) {
             const TriRef ref = refs[i];
             const uint32_t* const points = pointArray(geometry_, ref);
@@ -203,17 +205,21 @@ private:
     }
 
     void search(const Item& item, int n, const Extents& extents, SplitRecord& split) {
-        for (int a = 0; a < 3; ++a) {
-            input_.lo[a] = lo(a, extents.at);
-            input_.hi[a] = hi(a, extents.at);
-        }
-        input_.count = n;
-        input_.box = item.box;
+        const InPhase phase(Phase::search);
+        const uint32_t at = extents.at;
+        const SearchInput input{&kernels_,
+                                {lo(0, at), lo(1, at), lo(2, at)},
+                                {hi(0, at), hi(1, at), hi(2, at)},
+                                n,
+                                item.box,
+                                space_.scratch + 6,
+                                space_.capacity,
+                                factor_};
         split.cost = nodeCost(item.box, n);
         if (n <= kSingleThreadCount)
-            localFindBestSplitSortSearch_ST(input_, split);
+            localFindBestSplitSortSearch_ST(input, split);
         else
-            localFindBestSplitSortSearch_MT(input_, split);
+            localFindBestSplitSortSearch_MT(input, split);
     }
 
     // Turns the item's node into an interior one, and the item into the child to go on with.
@@ -245,7 +251,7 @@ private:
         lower.box[split.axis + 3] = split.position;
         item.node = pair + 3;
         item.box[split.axis] = split.position;
-        uint32_t counts[2];
+        uint32_t counts[2] = {};
         const ZenStatus status = distribute(lower, item, refs, children[0].value, split, extents, counts);
         if (status != zenStsNoErr) return status;
         children[0].value = counts[0];
@@ -269,6 +275,7 @@ private:
     // that the lower side's are given up, to be gathered again later, where there is no room for both.
     ZenStatus distribute(const Item& lowerItem, const Item& upperItem, TriRef* refs, uint32_t n,
                          const SplitRecord& split, Extents& extents, uint32_t counts[2]) {
+        const InPhase phase(Phase::distribution);
         Pool& pool = *space_.poolA;
         const int axis = split.axis;
         const float plane = split.position;
@@ -345,7 +352,8 @@ private:
     const int maxDepth_;
     Tasks* const tasks_;
     const Geometry geometry_;
-    SearchInput input_;
+    const SahKernels& kernels_;
+    const long double factor_;
     Item stack_[kMaxTreeDepth];
     Extents waiting_[kMaxTreeDepth];
     int pending_ = 0;
