@@ -474,6 +474,142 @@ TEST(SAHBuilder, AwkwardMeshes) {
     EXPECT_EQ(build(mesh, NAN).size, 16 + 4 * 300);
 }
 
+// A million rays in all, over meshes of every kind: what they hit first is what they hit without a tree.
+TEST(SAHBuilder, AMillionRaysAgreeWithBruteForce) {
+    const int meshes = zenrtest::rounds(90);
+    for (int m = 0; m < meshes; ++m) {
+        Mesh mesh;
+        const uint32_t seed = uint32_t(m) + 100;
+        switch (m % 9) {
+        case 0:
+            mesh = reference::soup(60 + m, 0.3f, seed);
+            break;
+        case 1:
+            mesh = reference::soup(20 + m / 3, 1.f, seed);
+            break;
+        case 2:
+            mesh = reference::soup(150, 0.05f, seed);
+            break;
+        case 3:
+            mesh = reference::sphere(2);
+            break;
+        case 4:
+            mesh = reference::terrain(5 + m / 18);
+            break;
+        case 5:
+            mesh = boxes(6 + m / 9, seed);
+            break;
+        case 6:
+            mesh = slivers(40 + m / 3, seed);
+            break;
+        case 7: // two meshes through each other
+            mesh = reference::sphere(2);
+            for (int t = 0; t < 30; ++t) {
+                std::mt19937 random(seed + uint32_t(t));
+                std::uniform_real_distribution<float> place(-1, 1);
+                int v[3];
+                for (int& index : v) index = mesh.addVertex(place(random), place(random), place(random));
+                mesh.add(v[0], v[1], v[2]);
+            }
+            break;
+        default: // the same again, elsewhere in the list
+            mesh = reference::soup(50 + m / 3, 0.4f, seed);
+            const std::vector<int> once = mesh.triangles;
+            mesh.triangles.insert(mesh.triangles.end(), once.begin(), once.end());
+        }
+        const float ratio = kRatios[m % 3];
+        const int depth = m % 4 == 3 ? 6 : 50;
+        SCOPED_TRACE(m);
+        const Built built = build(mesh, ratio, depth);
+        ASSERT_EQ(built.status, zenStsNoErr);
+        expectNearestAgree(mesh, built, boxOf(mesh), zenrtest::rounds(11200), seed);
+    }
+}
+
+namespace {
+// Format, and each triangle in one leaf at least.
+void expectAllListed(const Mesh& mesh, const Built& built, const Box& box) {
+    ASSERT_EQ(built.status, zenStsNoErr);
+    TreeReader reader(built.words.data(), built.size, box);
+    ASSERT_EQ(reader.error, "");
+    std::vector<char> listed(size_t(mesh.triangleCount()), 0);
+    for (const auto& leaf : reader.leaves)
+        for (int t : leaf.list) listed.at(size_t(t)) = 1;
+    EXPECT_EQ(std::count(listed.begin(), listed.end(), 0), 0);
+}
+
+Mesh grid(int cells, float tilt) {
+    Mesh mesh;
+    for (int y = 0; y <= cells; ++y)
+        for (int x = 0; x <= cells; ++x)
+            mesh.addVertex(float(x) / float(cells), float(y) / float(cells), 0.5f + tilt * float(x) / float(cells));
+    for (int y = 0; y < cells; ++y)
+        for (int x = 0; x < cells; ++x) {
+            const int v = y * (cells + 1) + x;
+            mesh.add(v, v + 1, v + cells + 1);
+            mesh.add(v + 1, v + cells + 2, v + cells + 1);
+        }
+    return mesh;
+}
+} // namespace
+
+TEST(SAHBuilder, AMillionTrianglesInOnePlane) {
+    const int cells = zenrtest::rounds(30) < 30 ? 60 : 708;
+    for (float tilt : {0.f, 0.25f}) {
+        const Mesh mesh = grid(cells, tilt);
+        for (int t : {1, 2}) {
+            threads = t;
+            expectAllListed(mesh, build(mesh, 0.5f, 50, 800), boxOf(mesh));
+        }
+        // In a taller box they are planar on an axis that can be split.
+        const float tall[6] = {0, 0, -1, 1, 1, 2};
+        expectAllListed(mesh, build(mesh, 0.5f, 50, 800, tall), Box{0, 0, -1, 1, 1, 2});
+        threads = 1;
+    }
+}
+
+TEST(SAHBuilder, AMillionTrianglesThatAreTheSame) {
+    const int count = zenrtest::rounds(30) < 30 ? 20000 : 1000000;
+    Mesh mesh;
+    mesh.addVertex(0, 0, 0);
+    mesh.addVertex(1, 0.5f, 0.25f);
+    mesh.addVertex(0.5f, 1, 0.75f);
+    for (int t = 0; t < count; ++t) mesh.add(t % 3, (t + 1) % 3, (t + 2) % 3);
+    for (int t : {1, 2}) {
+        threads = t;
+        const Built built = build(mesh, 0.5f, 50, 800);
+        threads = 1;
+        // Nothing divides them, so there is one copy of the list.
+        expectAllListed(mesh, built, boxOf(mesh));
+        EXPECT_LT(built.size, 8 * count);
+    }
+}
+
+TEST(SAHBuilder, DuplicatedMeshes) {
+    const Mesh once = reference::sphere(zenrtest::rounds(30) < 30 ? 2 : 4);
+    for (int copies : {2, 7, 20}) {
+        Mesh mesh = once;
+        for (int c = 1; c < copies; ++c) {
+            // Every other copy has vertices of its own.
+            const int first = c % 2 ? mesh.vertexCount() : 0;
+            if (c % 2) mesh.vertices.insert(mesh.vertices.end(), once.vertices.begin(), once.vertices.end());
+            for (size_t t = 0; t < once.triangles.size(); t += 4)
+                mesh.add(first + once.triangles[t], first + once.triangles[t + 1], first + once.triangles[t + 2]);
+        }
+        for (float ratio : kRatios) {
+            const Built built = build(mesh, ratio, 50, 1500);
+            expectAllListed(mesh, built, boxOf(mesh));
+            // A copy is wherever its original is.
+            TreeReader reader(built.words.data(), built.size, boxOf(mesh));
+            for (const auto& leaf : reader.leaves) {
+                std::vector<int> times(size_t(once.triangleCount()), 0);
+                for (int t : leaf.list) ++times[size_t(t % once.triangleCount())];
+                for (int n : times) ASSERT_TRUE(n == 0 || n == copies) << copies;
+            }
+        }
+    }
+}
+
 TEST(SAHBuilder, Piles) {
     // All the same triangle.
     Mesh same;
