@@ -205,6 +205,7 @@ ZenStatus zensSortAscend_32f_I(float* pSrcDst, int len) {
         if (n <= 9) {
             localSelectionSort(a, lo, hi);
             if (--count == 0) break;
+            // cppcheck-suppress uninitvar  // the first one counted is this one, which waits nowhere
             lo = waiting[count].lo;
             hi = waiting[count].hi;
             continue;

@@ -28,8 +28,7 @@ void ownTriangleNormal(Level level, const float* vertices, const int* triangles,
     // chunks, and small meshes do not pay for a team.
     constexpr int kGroup = 64;
     const int groups = count / kGroup + (count % kGroup != 0);
-    const int threads = ownGetNumThreads();
-#pragma omp parallel num_threads(threads) if (groups > 1)
+#pragma omp parallel num_threads(ownGetNumThreads()) if (groups > 1)
     {
         const WideScope scope(level);
 #pragma omp for schedule(static)

@@ -30,6 +30,30 @@ EQUAL(sizeof(ZenrSize), 8);
 EQUAL(offsetof(ZenrSize, width), 0);
 EQUAL(offsetof(ZenrSize, height), 4);
 
+EQUAL(sizeof(ZenrVolume), 12);
+EQUAL(offsetof(ZenrVolume, width), 0);
+EQUAL(offsetof(ZenrVolume, height), 4);
+EQUAL(offsetof(ZenrVolume, depth), 8);
+
+EQUAL(sizeof(ZenrBox), 24);
+EQUAL(offsetof(ZenrBox, x), 0);
+EQUAL(offsetof(ZenrBox, y), 4);
+EQUAL(offsetof(ZenrBox, z), 8);
+EQUAL(offsetof(ZenrBox, width), 12);
+EQUAL(offsetof(ZenrBox, height), 16);
+EQUAL(offsetof(ZenrBox, depth), 20);
+
+EQUAL(sizeof(ZenrPoint), 12);
+EQUAL(offsetof(ZenrPoint, x), 0);
+EQUAL(offsetof(ZenrPoint, y), 4);
+EQUAL(offsetof(ZenrPoint, z), 8);
+
+EQUAL(sizeof(ZenrSHState), 16);
+EQUAL(offsetof(ZenrSHState, maxOrder), 0);
+EQUAL(offsetof(ZenrSHState, type), 4);
+EQUAL(offsetof(ZenrSHState, tableA), 8);
+EQUAL(offsetof(ZenrSHState, tableB), 12);
+
 EQUAL(sizeof(ZenrTriangleAccel), 40);
 EQUAL(offsetof(ZenrTriangleAccel, axes), 0);
 EQUAL(offsetof(ZenrTriangleAccel, nA), 4);
