@@ -1,297 +1,68 @@
-// The intersectors: exported functions, their block routines, and the search policies that tell them apart. One ray at
-// a time; all share the traversal of traverse.h.
-#include <float.h>
-#include <math.h>
-#include <stddef.h>
-
+// The intersectors: exported functions, and the block routines that choose between packets and single rays.
 #include "frame/export.h"
 #include "intersect/intersect.h"
-#include "intersect/traverse.h"
+#include "intersect/prpackets.h"
 
 namespace zenr {
 
 namespace {
 
-constexpr float kParallel = 1.1920929e-7f;         // a direction component up to this size counts as parallel
-constexpr float kParallelInverse = 83886.08f;      // its reciprocal for rays with their own origins, and for segments
-constexpr float kParallelInverseEye = 838860800.f; // deliberately another one for rays from an eye
-constexpr float kBehindBox = 1e-4f;                // how far the interval reaches past the box
-
-struct Hit {
-    float distance; // running best, the caller's maximum at first
-    float weight[2];
-    int triangle;
-
-    void take(const Candidate& c) {
-        distance = c.t;
-        weight[1] = c.weight1();
-        weight[0] = c.weight0();
-        triangle = c.triangle;
-    }
-};
-
-// ---- What differs between the searches ----------------------------------------------------------------------------
-
-struct NearestSearch {
-    Hit hit;
-    static constexpr float kSplitTolerance = 1e-5f;
-    static constexpr bool kGateDeterminant = true;
-    bool passesOver(int j) const { return j == hit.triangle; }
-    bool inReach(float t) const { return t < double(hit.distance) - double(1e-5f); }
-    bool accept(const Candidate& c) { return hit.take(c), false; }
-    bool endsBy(float tmax) const { return hit.distance <= tmax; }
-};
-
-struct EyeSearch {
-    Hit hit;
-    static constexpr float kSplitTolerance = 1e-5f;
-    static constexpr bool kGateDeterminant = false;
-    bool passesOver(int) const { return false; }
-    bool inReach(float t) const { return t < hit.distance; }
-    bool accept(const Candidate& c) { return hit.take(c), false; }
-    bool endsBy(float tmax) const { return hit.distance <= tmax; }
-};
-
-struct AnySearch {
-    int triangle;
-    static constexpr float kSplitTolerance = 1e-5f;
-    static constexpr bool kGateDeterminant = false;
-    bool passesOver(int) const { return false; }
-    bool inReach(float t) const { return t < 1.f; }
-    bool accept(const Candidate& c) { return triangle = c.triangle, true; }
-    bool endsBy(float tmax) const { return 1.f <= tmax; }
-};
-
-struct MultipleSearch {
-    Hit hit;
-    int previous;      // triangle of the layer before
-    const int* recent; // ring of hit triangles
-    int recentCount;   // its first entries that are looked at: the layer modulo the ring's size, deliberately
-    static constexpr float kSplitTolerance = 1.9e-4f;
-    static constexpr bool kGateDeterminant = false;
-    bool passesOver(int j) const { return j == previous; }
-    bool inReach(float t) const { return t < hit.distance; }
-    bool accept(const Candidate& c) {
-        for (int i = 0; i < recentCount; ++i) {
-            if (recent[i] == c.triangle) return false;
-        }
-        return hit.take(c), false;
-    }
-    bool endsBy(float tmax) const { return hit.distance <= tmax; }
-};
-
-// ---- Setting a ray up ---------------------------------------------------------------------------------------------
-
-inline void setOrigin(Ray& ray, double x, double y, double z) {
-    const double origin[3] = {x, y, z};
-    for (int k = 0; k < 3; ++k) {
-        ray.origin[k] = float(origin[k]);
-        ray.from[k] = origin[k];
-    }
-}
-
-inline void setDirection(Ray& ray, const float* const direction[3], size_t i) {
-    for (int k = 0; k < 3; ++k) ray.toward[k] = double(direction[k][i]);
-}
-
-// Narrows the interval to a slab; false when nothing is left. NaN never narrows it and never rejects.
-inline bool clipSlab(float t1, float t2, Interval& interval) {
-    interval.tmin = larger(smaller(t1, t2), interval.tmin);
-    interval.tmax = smaller(larger(t1, t2), interval.tmax);
-    return !(interval.tmin > interval.tmax);
-}
-
-// Reciprocals, near children and clip of a ray with its own origin.
-inline bool clipToBox(Ray& ray, const float* box, Interval& interval) {
-    for (int k = 0; k < 3; ++k) {
-        const float d = float(ray.toward[k]);
-        const float o = ray.origin[k];
-        ray.nearChild[k] = 0;
-        if (fabsf(d) <= kParallel) {
-            ray.inverse[k] = kParallelInverse;
-            if (!(box[k] < o && o < box[3 + k])) return false;
-            continue;
-        }
-        ray.inverse[k] = 1.f / d;
-        ray.nearChild[k] = d < 0;
-        if (!clipSlab((box[k] - o) * ray.inverse[k], (box[3 + k] - o) * ray.inverse[k], interval)) return false;
-    }
-    return true;
-}
-
-// The box seen from the origin that a block's rays share.
-struct RelativeBox {
-    float lo[3];
-    float hi[3];
-    RelativeBox(const float* box, const float origin[3]) {
-        for (int k = 0; k < 3; ++k) {
-            lo[k] = box[k] - origin[k];
-            hi[k] = box[3 + k] - origin[k];
-        }
-    }
-};
-
-// The same for a ray from an eye: divisions instead of reciprocals, and an axis that the ray is parallel to never
-// rejects it.
-inline bool clipToBox(Ray& ray, const RelativeBox& box, Interval& interval) {
-    for (int k = 0; k < 3; ++k) {
-        const float d = float(ray.toward[k]);
-        ray.nearChild[k] = 0;
-        if (fabsf(d) <= kParallel) {
-            ray.inverse[k] = kParallelInverseEye;
-            continue;
-        }
-        ray.inverse[k] = 1.f / d;
-        ray.nearChild[k] = d < 0;
-        if (!clipSlab(box.lo[k] / d, box.hi[k] / d, interval)) return false;
-    }
-    return true;
-}
-
-// A segment is not clipped; its near child follows the sign of the direction, however small.
-inline void setSegment(Ray& ray) {
-    for (int k = 0; k < 3; ++k) {
-        const float d = float(ray.toward[k]);
-        ray.nearChild[k] = d < 0;
-        ray.inverse[k] = fabsf(d) <= kParallel ? kParallelInverse : 1.f / d;
-    }
-}
+// Below so many rays a packet costs more to set up than it saves.
+constexpr size_t kFewRays = 3;
 
 inline size_t rayCount(int width, int height) {
     return width < 1 || height < 1 ? 0 : size_t(width) * size_t(height);
 }
 
-inline void store(const Hit& hit, size_t i, float* distance, float* const weights[2], int* triangle) {
-    triangle[i] = hit.triangle;
-    if (hit.triangle == -1) return;
-    distance[i] = hit.distance;
-    weights[1][i] = hit.weight[1];
-    weights[0][i] = hit.weight[0];
+inline const PacketKernels& kernels(Level level) {
+    return pick(level, sse2::kPackets, avx2::kPackets, avx512::kPackets);
 }
 
 } // namespace
 
-// ---- Block routines -----------------------------------------------------------------------------------------------
-
-void ownIntersectBlock(const float* const origin[3], const float* const direction[3], const float* box,
+void ownIntersectBlock(Level level, const float* const origin[3], const float* const direction[3], const float* box,
                        const ZenrTriangleAccel* accel, const ZenrKDTreeNode* root, float* distance, float* const hit[2],
                        int* triangle, int width, int height) {
     const size_t count = rayCount(width, height);
-    Ray ray = {};
-    for (size_t i = 0; i < count; ++i) {
-        setOrigin(ray, origin[0][i], origin[1][i], origin[2][i]);
-        setDirection(ray, direction, i);
-        NearestSearch search = {{distance[i], {0, 0}, -1}};
-        Interval interval = {0, distance[i]};
-        if (clipToBox(ray, box, interval)) {
-            interval.tmax += kBehindBox;
-            traverse(root, accel, ray, interval, search);
-        }
-        store(search.hit, i, distance, hit, triangle);
-    }
+    if (count == 0) return;
+    if (count < kFewRays) return oneRayBlock(origin, direction, box, accel, root, distance, hit, triangle, count);
+    kernels(level).nearest(
+        {box, accel, root, nullptr, origin, direction, distance, hit, triangle, nullptr, width, height, 1});
 }
 
-void ownIntersectEyeBlock(const float origin[3], const float* const direction[3], const float* box,
+void ownIntersectEyeBlock(Level level, const float origin[3], const float* const direction[3], const float* box,
                           const ZenrTriangleAccel* accel, const ZenrKDTreeNode* root, float* distance,
                           float* const hit[2], int* triangle, int width, int height) {
     const size_t count = rayCount(width, height);
     if (count == 0) return;
-    const RelativeBox relative(box, origin);
-    Ray ray = {};
-    setOrigin(ray, origin[0], origin[1], origin[2]);
-    for (size_t i = 0; i < count; ++i) {
-        setDirection(ray, direction, i);
-        EyeSearch search = {{distance[i], {0, 0}, -1}};
-        Interval interval = {0, distance[i]};
-        if (clipToBox(ray, relative, interval)) {
-            interval.tmax += kBehindBox;
-            traverse(root, accel, ray, interval, search);
-        }
-        store(search.hit, i, distance, hit, triangle);
-    }
+    if (count < kFewRays) return oneRayEyeBlock(origin, direction, box, accel, root, distance, hit, triangle, count);
+    kernels(level).eye(
+        {box, accel, root, origin, nullptr, direction, distance, hit, triangle, nullptr, width, height, 1});
 }
 
-ZenStatus ownIntersectAnyBlock(const float origin[3], const float* const direction[3], const ZenrTriangleAccel* accel,
-                               const ZenrKDTreeNode* root, int* triangle, int* mask, int width, int height) {
+ZenStatus ownIntersectAnyBlock(Level level, const float origin[3], const float* const direction[3],
+                               const ZenrTriangleAccel* accel, const ZenrKDTreeNode* root, int* triangle, int* mask,
+                               int width, int height) {
     const size_t count = rayCount(width, height);
     if (count == 0) return zenStsNoErr;
-    Ray ray = {};
-    setOrigin(ray, origin[0], origin[1], origin[2]);
-    for (size_t i = 0; i < count; ++i) {
-        triangle[i] = -1;
-        if (mask[i] < 0) continue;
-        setDirection(ray, direction, i);
-        setSegment(ray);
-        AnySearch search = {-1};
-        traverse(root, accel, ray, {0, 1.0001f}, search);
-        if (search.triangle == -1) continue;
-        mask[i] = -1;
-        triangle[i] = search.triangle;
-    }
+    if (count < kFewRays)
+        oneRayAnyBlock(origin, direction, accel, root, triangle, mask, count);
+    else
+        kernels(level).any(
+            {nullptr, accel, root, origin, nullptr, direction, nullptr, nullptr, triangle, mask, width, height, 1});
     return zenStsNoErr;
 }
 
-namespace {
-
-constexpr int kRing = 8;
-
-// Distance from the ray's present origin to where it leaves the box.
-float distanceToExit(const Ray& ray, const float* box) {
-    float exit = FLT_MAX;
-    for (int k = 0; k < 3; ++k) {
-        const float t1 = (box[k] - ray.origin[k]) * ray.inverse[k];
-        const float t2 = (box[3 + k] - ray.origin[k]) * ray.inverse[k];
-        exit = smaller(larger(t1, t2), exit);
-    }
-    return exit;
-}
-
-// The successive hits of one ray: layer after layer, each searched from the hit point of the one before.
-void localIntersectMultiple(Ray& ray, Interval interval, const float* box, const ZenrTriangleAccel* accel,
-                            const ZenrKDTreeNode* root, float* distance, float* const weights[2], int* triangle,
-                            size_t layerStride, int maxHits) {
-    int recent[kRing] = {-1, -1, -1, -1, -1, -1, -1, -1};
-    int previous = -1;
-    double point[3] = {ray.from[0], ray.from[1], ray.from[2]}; // in double, so that errors do not add up over layers
-    for (int layer = 0;; ++layer) {
-        const size_t at = size_t(layer) * layerStride;
-        MultipleSearch search = {{distance[at], {0, 0}, -1}, previous, recent, layer % kRing};
-        traverse(root, accel, ray, interval, search);
-        store(search.hit, at, distance, weights, triangle);
-        if (search.hit.triangle == -1) return;
-
-        for (int k = 0; k < 3; ++k) point[k] += ray.toward[k] * double(search.hit.distance);
-        setOrigin(ray, point[0], point[1], point[2]);
-        if (layer > 0) distance[at] = search.hit.distance + distance[at - layerStride];
-        previous = search.hit.triangle;
-        recent[layer % kRing] = previous;
-        if (layer + 1 == maxHits) return;
-        // Only the first layer honours the caller's maximum distance.
-        distance[at + layerStride] = FLT_MAX;
-        interval = {0, distanceToExit(ray, box) + kBehindBox};
-    }
-}
-
-} // namespace
-
-void ownIntersectMultipleBlock(const float origin[3], const float* const direction[3], const float* box,
+void ownIntersectMultipleBlock(Level level, const float origin[3], const float* const direction[3], const float* box,
                                const ZenrTriangleAccel* accel, const ZenrKDTreeNode* root, float* distance,
                                float* const hit[2], int* triangle, int width, int height, int maxHits) {
     const size_t count = rayCount(width, height);
     if (count == 0 || maxHits < 1) return;
     for (size_t i = 0; i < count * size_t(maxHits); ++i) triangle[i] = -1;
-
-    const RelativeBox relative(box, origin);
-    Ray ray = {};
-    for (size_t i = 0; i < count; ++i) {
-        setOrigin(ray, origin[0], origin[1], origin[2]);
-        setDirection(ray, direction, i);
-        Interval interval = {0, distance[i]};
-        if (!clipToBox(ray, relative, interval)) continue;
-        interval.tmax += kBehindBox;
-        float* const weights[2] = {hit[0] + i, hit[1] + i};
-        localIntersectMultiple(ray, interval, box, accel, root, distance + i, weights, triangle + i, count, maxHits);
-    }
+    if (count < kFewRays)
+        return oneRayMultipleBlock(origin, direction, box, accel, root, distance, hit, triangle, count, count, maxHits);
+    kernels(level).multiple(
+        {box, accel, root, origin, nullptr, direction, distance, hit, triangle, nullptr, width, height, maxHits});
 }
 
 } // namespace zenr
@@ -300,25 +71,39 @@ void ownIntersectMultipleBlock(const float origin[3], const float* const directi
 
 using namespace zenr;
 
+namespace {
+
+inline Level levelFor(ZenrSize size) {
+    return zenr::levelFor((long long)size.width * size.height);
+}
+
+} // namespace
+
 ZENR_EXPORT ZenStatus zenrIntersectMO_32f(const float* const origin[3], const float* const direction[3],
                                           float* distance, float* const hit[2], int* triangle,
                                           const ZenrIntersectContext* context, ZenrSize blockSize) {
-    ownIntersectBlock(origin, direction, context->boundBox, context->triangleAccel, context->rootNode, distance, hit,
-                      triangle, blockSize.width, blockSize.height);
+    const Level level = levelFor(blockSize);
+    const WideScope scope(level);
+    ownIntersectBlock(level, origin, direction, context->boundBox, context->triangleAccel, context->rootNode, distance,
+                      hit, triangle, blockSize.width, blockSize.height);
     return zenStsNoErr;
 }
 
 ZENR_EXPORT ZenStatus zenrIntersectEyeSO_32f(const float origin[3], const float* const direction[3], float* distance,
                                              float* const hit[2], int* triangle, const ZenrIntersectContext* context,
                                              ZenrSize blockSize) {
-    ownIntersectEyeBlock(origin, direction, context->boundBox, context->triangleAccel, context->rootNode, distance, hit,
-                         triangle, blockSize.width, blockSize.height);
+    const Level level = levelFor(blockSize);
+    const WideScope scope(level);
+    ownIntersectEyeBlock(level, origin, direction, context->boundBox, context->triangleAccel, context->rootNode,
+                         distance, hit, triangle, blockSize.width, blockSize.height);
     return zenStsNoErr;
 }
 
 ZENR_EXPORT ZenStatus zenrIntersectAnySO_32f(const float origin[3], const float* const direction[3], int* triangle,
                                              int* mask, ZenrSize blockSize, const ZenrIntersectContext* context) {
-    return ownIntersectAnyBlock(origin, direction, context->triangleAccel, context->rootNode, triangle, mask,
+    const Level level = levelFor(blockSize);
+    const WideScope scope(level);
+    return ownIntersectAnyBlock(level, origin, direction, context->triangleAccel, context->rootNode, triangle, mask,
                                 blockSize.width, blockSize.height);
 }
 
@@ -326,7 +111,9 @@ ZENR_EXPORT ZenStatus zenrIntersectMultipleSO_32f(const float origin[3], const f
                                                   float* distance, float* const hit[2], int* triangle,
                                                   ZenrSize blockSize, int maxHits,
                                                   const ZenrIntersectContext* context) {
-    ownIntersectMultipleBlock(origin, direction, context->boundBox, context->triangleAccel, context->rootNode, distance,
-                              hit, triangle, blockSize.width, blockSize.height, maxHits);
+    const Level level = levelFor(blockSize);
+    const WideScope scope(level);
+    ownIntersectMultipleBlock(level, origin, direction, context->boundBox, context->triangleAccel, context->rootNode,
+                              distance, hit, triangle, blockSize.width, blockSize.height, maxHits);
     return zenStsNoErr;
 }

@@ -1,5 +1,5 @@
 // One ray through the tree: the traversal and the triangle test that all intersectors share. What differs between them
-// is a search policy (printersectn.cpp).
+// is a search policy (printersect1.cpp).
 //
 // Clip and plane decisions are made in single precision, the triangle test in double from the float record and ray,
 // each result rounded once; nothing is fused. The walk keeps intervals as in Havran's "Heuristic Ray Shooting
@@ -8,6 +8,7 @@
 #include <math.h>
 #include <stdint.h>
 
+#include "intersect/constants.h"
 #include "kdtree/kdtree.h"
 #include "zenr.h"
 
@@ -55,7 +56,7 @@ inline bool testTriangle(const ZenrTriangleAccel* accel, int j, const Ray& ray, 
     const double dA = ray.toward[a], dB = ray.toward[b];
 
     const double det = nA * dA + nB * dB + ray.toward[k];
-    if (Search::kGateDeterminant && fabs(det) < double(1.1920929e-6f)) return false; // a NaN goes on
+    if (Search::kGateDeterminant && fabs(det) < double(kDeterminantGate)) return false; // a NaN goes on
     const double u0 = pA - ray.from[a];
     const double num = nB * (pB - ray.from[b]) + nA * u0 + double(r.pK) - ray.from[k];
     const double x = dA * num - u0 * det;
@@ -124,9 +125,9 @@ inline void traverse(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel,
                 reinterpret_cast<const char*>(node) + (node->w0 & kChildOffsetMask));
             const ZenrKDTreeNode* nearer = children + ray.nearChild[axis];
             const ZenrKDTreeNode* farther = children + (1 - ray.nearChild[axis]);
-            if (tmin - t > Search::kSplitTolerance) {
+            if (tmin - t > Search::kTolerance) {
                 node = farther;
-            } else if (t - tmax > Search::kSplitTolerance) {
+            } else if (t - tmax > Search::kTolerance) {
                 node = nearer;
             } else {
                 // Only a tree that no builder of ours makes comes here with a full stack: the ray ends with what it

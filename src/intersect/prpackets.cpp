@@ -1,0 +1,389 @@
+// Packet kernels: a block of rays cut into tiles of sixty-four, the rays set up as the one-ray path sets them up, walked
+// through the tree together, and their results written.
+#include "intersect/prpackets.h"
+
+#include "intersect/intersect.h"
+#include "intersect/tile.h"
+
+namespace zenr {
+namespace ZENR_LEVEL {
+
+namespace {
+
+// ---- Tiles of a block ---------------------------------------------------------------------------------------------
+
+// Lanes 4p .. 4p + 3 of a tile are rays start[p] .. start[p] + 3 of the block.
+constexpr int kPieces = kTileRays / 4;
+
+struct Place {
+    size_t start[kPieces];
+    RaySet rays; // the lanes that are rays
+};
+
+ZENR_INLINE unsigned piece(RaySet rays, int p) {
+    return unsigned(rays >> (4 * p)) & 15u;
+}
+
+// Squares of eight by eight, made of squares of four by four so that a register's rays lie close together; where a block
+// has not both extents, runs.
+struct Tiling {
+    size_t width, height, across, count;
+    bool squares;
+
+    explicit Tiling(const RayBlock& block) : width(size_t(block.width)), height(size_t(block.height)) {
+        squares = width >= 8 && height >= 8;
+        across = (width + 7) / 8;
+        count = squares ? across * ((height + 7) / 8) : (width * height + kTileRays - 1) / kTileRays;
+    }
+
+    void place(size_t tile, Place& place) const {
+        place.rays = 0;
+        for (int p = 0; p < kPieces; ++p) {
+            size_t valid;
+            if (squares) {
+                const size_t x = tile % across * 8 + size_t(p / 4 % 2) * 4,
+                             y = tile / across * 8 + size_t(p / 8 * 4 + p % 4);
+                place.start[p] = y * width + x;
+                valid = y < height && x < width ? width - x : 0;
+            } else {
+                place.start[p] = tile * kTileRays + size_t(p) * 4;
+                valid = place.start[p] < width * height ? width * height - place.start[p] : 0;
+            }
+            place.rays |= RaySet(valid >= 4 ? 15u : (1u << valid) - 1) << (4 * p);
+        }
+    }
+};
+
+template <class T> ZENR_INLINE void gather(T* to, const T* from, const Place& place) {
+    for (int p = 0; p < kPieces; ++p) {
+        if (piece(place.rays, p) == 15u) {
+            __builtin_memcpy(to + 4 * p, from + place.start[p], 4 * sizeof(T));
+        } else {
+            for (int i = 0; i < 4; ++i)
+                to[4 * p + i] = piece(place.rays, p) >> i & 1 ? from[place.start[p] + size_t(i)] : T(0);
+        }
+    }
+}
+
+// Writes the lanes of `rays` only.
+template <class T> ZENR_INLINE void scatter(T* to, const T* from, const Place& place, RaySet rays) {
+    for (int p = 0; p < kPieces; ++p) {
+        const unsigned lanes = piece(rays, p);
+        if (lanes == 15u) {
+            __builtin_memcpy(to + place.start[p], from + 4 * p, 4 * sizeof(T));
+        } else if (lanes) {
+            for (int i = 0; i < 4; ++i) {
+                if (lanes >> i & 1) to[place.start[p] + size_t(i)] = from[4 * p + i];
+            }
+        }
+    }
+}
+
+ZENR_INLINE float* floatsOf(Floats* x) {
+    return reinterpret_cast<float*>(x);
+}
+
+// ---- Setting rays up ----------------------------------------------------------------------------------------------
+
+void setDirections(Tile& tile, const RayBlock& block, const Place& place) {
+    Floats reach = {};
+    RaySet nan = 0;
+    for (int k = 0; k < 3; ++k) {
+        gather(floatsOf(tile.direction[k]), block.direction[k], place);
+        for (int v = 0; v < kVectors; ++v) {
+            const Floats d = tile.direction[k][v];
+            tile.toward[k][v][0] = toDoubles<0>(d);
+            tile.toward[k][v][1] = toDoubles<1>(d);
+            reach = larger(absolute(d), reach);
+            nan |= whole(~lessEqual(d, d) & kAllLanes, v);
+        }
+    }
+    tile.reach = nan ? __builtin_inff() : greatest(reach);
+    for (int v = 0; v < kVectors; ++v) {
+        tile.direction[3][v] = tile.inverse[3][v] = Floats{};
+        tile.toward[3][v][0] = tile.toward[3][v][1] = Doubles{};
+    }
+    tile.negative[3] = 0;
+}
+
+void shareOrigin(Tile& tile, const float* origin) {
+    for (int k = 0; k < 4; ++k) {
+        tile.sharedOrigin[k] = k < 3 ? origin[k] : 0;
+        tile.sharedFrom[k] = double(tile.sharedOrigin[k]);
+    }
+}
+
+void ownOrigins(Tile& tile, const RayBlock& block, const Place& place) {
+    for (int k = 0; k < 3; ++k) gather(floatsOf(tile.origin[k]), block.origins[k], place);
+    for (int v = 0; v < kVectors; ++v) {
+        tile.origin[3][v] = Floats{};
+        for (int k = 0; k < 4; ++k) {
+            tile.from[k][v][0] = toDoubles<0>(tile.origin[k][v]);
+            tile.from[k][v][1] = toDoubles<1>(tile.origin[k][v]);
+        }
+    }
+}
+
+// Reciprocals and near children of one axis; returns the rays of v that are parallel to it.
+ZENR_INLINE Bits setAxis(Tile& tile, int k, int v, float parallelInverse, bool segment) {
+    const Floats d = tile.direction[k][v];
+    const Bits parallel = lessEqual(absolute(d), all(kParallel));
+    tile.inverse[k][v] = select(parallel, all(parallelInverse), all(1.f) / d);
+    tile.negative[k] |= whole(less(d, Floats{}) & (segment ? kAllLanes : ~parallel), v);
+    return parallel;
+}
+
+// Narrows the intervals of the rays that are not parallel to a slab.
+ZENR_INLINE void clipSlab(Tile& tile, int v, Floats t1, Floats t2, Bits parallel) {
+    tile.tmin[v] = select(parallel, tile.tmin[v], larger(smaller(t1, t2), tile.tmin[v]));
+    tile.tmax[v] = select(parallel, tile.tmax[v], smaller(larger(t1, t2), tile.tmax[v]));
+}
+
+// Rays of v whose interval is not empty; it is set to reach a little behind the box.
+ZENR_INLINE Bits finishClip(Tile& tile, int v) {
+    const Bits empty = less(tile.tmax[v], tile.tmin[v]);
+    tile.tmax[v] = tile.tmax[v] + all(kBehindBox);
+    return ~empty & kAllLanes;
+}
+
+// Clips rays of a shared origin to the box; returns those that meet it.
+RaySet clipFromEye(Tile& tile, const float* box) {
+    RaySet meets = 0;
+    for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
+    for (int v = 0; v < kVectors; ++v) {
+        tile.tmin[v] = Floats{};
+        tile.tmax[v] = tile.best[v];
+        for (int k = 0; k < 3; ++k) {
+            const Bits parallel = setAxis(tile, k, v, kParallelInverseEye, false);
+            const Floats d = tile.direction[k][v];
+            clipSlab(tile, v, all(box[k] - tile.sharedOrigin[k]) / d, all(box[3 + k] - tile.sharedOrigin[k]) / d,
+                     parallel);
+        }
+        meets |= whole(finishClip(tile, v), v);
+    }
+    return meets;
+}
+
+// The same for rays with their own origins; those parallel to a slab have to be inside it.
+RaySet clipOwn(Tile& tile, const float* box) {
+    RaySet meets = 0;
+    for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
+    for (int v = 0; v < kVectors; ++v) {
+        tile.tmin[v] = Floats{};
+        tile.tmax[v] = tile.best[v];
+        Bits out = 0;
+        for (int k = 0; k < 3; ++k) {
+            const Bits parallel = setAxis(tile, k, v, kParallelInverse, false);
+            const Floats o = tile.origin[k][v], inverse = tile.inverse[k][v];
+            out |= parallel & ~(less(all(box[k]), o) & less(o, all(box[3 + k])));
+            clipSlab(tile, v, (all(box[k]) - o) * inverse, (all(box[3 + k]) - o) * inverse, parallel);
+        }
+        meets |= whole(finishClip(tile, v) & ~out, v);
+    }
+    return meets;
+}
+
+void clearHits(Tile& tile) {
+    for (int v = 0; v < kVectors; ++v) {
+        tile.triangle[v] = all(int32_t(-1));
+        tile.weight[0][v] = tile.weight[1][v] = Floats{};
+    }
+}
+
+RaySet hits(const Tile& tile) {
+    RaySet none = 0;
+    for (int v = 0; v < kVectors; ++v) none |= whole(equal(tile.triangle[v], all(int32_t(-1))), v);
+    return ~none;
+}
+
+// Walks with the rays of each octant of directions in turn. False as for walk().
+template <class Search> bool walkOctants(const RayBlock& block, Tile& tile, RaySet rays) {
+    while (rays) {
+        const int first = __builtin_ctzll(rays);
+        RaySet octant = rays;
+        for (int k = 0; k < 3; ++k) octant &= tile.negative[k] >> first & 1 ? tile.negative[k] : ~tile.negative[k];
+        if (!walk<Search>(block.root, block.accel, tile, octant)) return false;
+        rays &= ~octant;
+    }
+    return true;
+}
+
+template <class One> void onePiece(const Place& place, const One& one) {
+    for (int lane = 0; lane < kTileRays; ++lane) {
+        if (place.rays >> lane & 1) one(place.start[lane / 4] + size_t(lane % 4));
+    }
+}
+
+// ---- The four searches --------------------------------------------------------------------------------------------
+
+void storeNearest(const RayBlock& block, Tile& tile, const Place& place) {
+    scatter(block.triangle, reinterpret_cast<int*>(tile.triangle), place, place.rays);
+    const RaySet hit = hits(tile) & place.rays;
+    scatter(block.distance, floatsOf(tile.best), place, hit);
+    scatter(block.hit[1], floatsOf(tile.weight[1]), place, hit);
+    scatter(block.hit[0], floatsOf(tile.weight[0]), place, hit);
+}
+
+void eye(const RayBlock& block) {
+    const Tiling tiling(block);
+    Tile tile;
+    shareOrigin(tile, block.origin);
+    for (size_t i = 0; i < tiling.count; ++i) {
+        Place place;
+        tiling.place(i, place);
+        setDirections(tile, block, place);
+        gather(floatsOf(tile.best), block.distance, place);
+        clearHits(tile);
+        const RaySet rays = clipFromEye(tile, block.box) & place.rays;
+        if (walkOctants<EyeTile>(block, tile, rays)) {
+            storeNearest(block, tile, place);
+            continue;
+        }
+        onePiece(place, [&](size_t at) {
+            const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at,
+                                               block.direction[2] + at};
+            float* const hit[2] = {block.hit[0] + at, block.hit[1] + at};
+            oneRayEyeBlock(block.origin, direction, block.box, block.accel, block.root, block.distance + at, hit,
+                           block.triangle + at, 1);
+        });
+    }
+}
+
+void nearest(const RayBlock& block) {
+    const Tiling tiling(block);
+    Tile tile;
+    for (size_t i = 0; i < tiling.count; ++i) {
+        Place place;
+        tiling.place(i, place);
+        setDirections(tile, block, place);
+        ownOrigins(tile, block, place);
+        gather(floatsOf(tile.best), block.distance, place);
+        clearHits(tile);
+        const RaySet rays = clipOwn(tile, block.box) & place.rays;
+        if (walkOctants<NearestTile>(block, tile, rays)) {
+            storeNearest(block, tile, place);
+            continue;
+        }
+        onePiece(place, [&](size_t at) {
+            const float* const origin[3] = {block.origins[0] + at, block.origins[1] + at, block.origins[2] + at};
+            const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at,
+                                               block.direction[2] + at};
+            float* const hit[2] = {block.hit[0] + at, block.hit[1] + at};
+            oneRayBlock(origin, direction, block.box, block.accel, block.root, block.distance + at, hit,
+                        block.triangle + at, 1);
+        });
+    }
+}
+
+void any(const RayBlock& block) {
+    const Tiling tiling(block);
+    Tile tile;
+    shareOrigin(tile, block.origin);
+    for (size_t i = 0; i < tiling.count; ++i) {
+        Place place;
+        tiling.place(i, place);
+        alignas(64) int mask[kTileRays];
+        gather(mask, block.mask, place);
+        RaySet rays = place.rays;
+        for (int v = 0; v < kVectors; ++v) {
+            Ints m;
+            __builtin_memcpy(&m, mask + v * kLanes, sizeof m);
+            rays &= ~whole(equal(m >> 31, all(int32_t(-1))), v);
+        }
+        clearHits(tile);
+        if (rays) {
+            setDirections(tile, block, place);
+            for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
+            for (int v = 0; v < kVectors; ++v) {
+                tile.tmin[v] = Floats{};
+                tile.tmax[v] = all(kSegmentEnd);
+                for (int k = 0; k < 3; ++k) setAxis(tile, k, v, kParallelInverse, true);
+            }
+            if (!walkOctants<SegmentTile>(block, tile, rays)) {
+                onePiece(place, [&](size_t at) {
+                    const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at,
+                                                       block.direction[2] + at};
+                    oneRayAnyBlock(block.origin, direction, block.accel, block.root, block.triangle + at,
+                                   block.mask + at, 1);
+                });
+                continue;
+            }
+        }
+        scatter(block.triangle, reinterpret_cast<int*>(tile.triangle), place, place.rays);
+        scatter(block.mask, reinterpret_cast<int*>(tile.triangle) /* replaced below */, place, 0);
+        const RaySet hit = hits(tile) & rays;
+        if (hit) {
+            for (int& m : mask) m = -1;
+            scatter(block.mask, mask, place, hit);
+        }
+    }
+}
+
+// Layer after layer: one walk finds the next hits of all rays of a tile that have had one so far.
+void multiple(const RayBlock& block) {
+    const Tiling tiling(block);
+    const size_t stride = size_t(block.width) * size_t(block.height);
+    Tile tile;
+    shareOrigin(tile, block.origin);
+    for (size_t i = 0; i < tiling.count; ++i) {
+        Place place;
+        tiling.place(i, place);
+        setDirections(tile, block, place);
+        gather(floatsOf(tile.best), block.distance, place);
+        RaySet rays = clipFromEye(tile, block.box) & place.rays;
+        for (int v = 0; v < kVectors; ++v) {
+            for (int k = 0; k < 4; ++k) {
+                tile.origin[k][v] = all(tile.sharedOrigin[k]);
+                tile.from[k][v][0] = tile.from[k][v][1] = all(tile.sharedFrom[k]);
+            }
+            tile.previous[v] = all(int32_t(-1));
+        }
+        Floats total[kVectors]; // distance from the eye
+        bool done = true;
+        for (int layer = 0; rays; ++layer) {
+            const size_t at = size_t(layer) * stride;
+            tile.recentCount = layer % kRing;
+            clearHits(tile);
+            done = walkOctants<SuccessiveTile>(block, tile, rays);
+            if (!done) break;
+            const RaySet hit = hits(tile) & rays;
+            for (int v = 0; v < kVectors; ++v) {
+                const Floats t = tile.best[v];
+                total[v] = layer > 0 ? t + total[v] : t;
+                tile.previous[v] = tile.recent[layer % kRing][v] = tile.triangle[v];
+                Floats exit = all(FLT_MAX);
+                for (int k = 0; k < 3; ++k) {
+                    Doubles& low = tile.from[k][v][0];
+                    Doubles& high = tile.from[k][v][1];
+                    low = low + tile.toward[k][v][0] * toDoubles<0>(t);
+                    high = high + tile.toward[k][v][1] * toDoubles<1>(t);
+                    const Floats o = tile.origin[k][v] = toFloats(low, high);
+                    const Floats inverse = tile.inverse[k][v];
+                    exit =
+                        smaller(larger((all(block.box[k]) - o) * inverse, (all(block.box[3 + k]) - o) * inverse), exit);
+                }
+                tile.tmin[v] = Floats{};
+                tile.tmax[v] = exit + all(kBehindBox);
+                tile.best[v] = all(FLT_MAX);
+            }
+            scatter(block.triangle + at, reinterpret_cast<int*>(tile.triangle), place, hit);
+            scatter(block.hit[0] + at, floatsOf(tile.weight[0]), place, hit);
+            scatter(block.hit[1] + at, floatsOf(tile.weight[1]), place, hit);
+            scatter(block.distance + at, floatsOf(total), place, hit);
+            rays = hit;
+            if (layer + 1 == block.maxHits) break;
+            // Only the first layer honours the caller's maximum distance.
+            scatter(block.distance + at + stride, floatsOf(tile.best), place, rays);
+        }
+        if (done) continue;
+        // TODO
+    }
+}
+
+} // namespace
+
+extern const PacketKernels kPackets;
+const PacketKernels kPackets = {nearest, eye, any, multiple};
+
+} // namespace ZENR_LEVEL
+} // namespace zenr

@@ -1,0 +1,454 @@
+// Sixty-four rays through the tree together: one walk, one stack, a bit a ray. Every ray keeps its own interval, best
+// distance and stop rule, visits the nodes that it would visit alone, in that order, and meets the triangles of a leaf
+// in list order; so it ends with the bits that the one-ray path (traverse.h) gives it.
+//
+// What makes it fast: nodes and triangles are fetched once for all rays; bounds on the intervals of all rays decide most
+// nodes without looking at any ray; a test in single precision with a proven error bound turns most triangles away before
+// the test in double. (Wald and others, "Interactive Rendering with Coherent Ray Tracing", 2001; Reshetov and others,
+// "Multi-Level Ray Tracing Algorithm", 2005.)
+#pragma once
+#include <float.h>
+#include <stdint.h>
+
+#include "intersect/constants.h"
+#include "intersect/lanes.h"
+#include "kdtree/kdtree.h"
+#include "zenr.h"
+
+namespace zenr {
+namespace ZENR_LEVEL {
+
+constexpr int kTileRays = 64;
+constexpr int kVectors = kTileRays / kLanes;
+
+typedef uint64_t RaySet; // one bit a ray of a tile
+
+ZENR_INLINE Bits part(RaySet set, int v) {
+    return Bits(set >> (v * kLanes)) & kAllLanes;
+}
+ZENR_INLINE RaySet whole(Bits bits, int v) {
+    return RaySet(bits) << (v * kLanes);
+}
+
+// Four entries where three would do, so that the two-bit axis numbers of a malformed node or record stay inside.
+struct Tile {
+    Floats direction[4][kVectors];
+    Floats inverse[4][kVectors]; // reciprocal of the direction, or its stand-in
+    Doubles toward[4][kVectors][2];
+    Floats tmin[kVectors], tmax[kVectors];
+    Floats best[kVectors]; // running best distance
+    Floats weight[2][kVectors];
+    Ints triangle[kVectors];
+    RaySet negative[4]; // rays whose upper child comes first
+    float reach;        // largest direction component of any ray
+    // The origin that all rays share, or each ray's own: for plane decisions, and for the triangle test.
+    float sharedOrigin[4];
+    double sharedFrom[4];
+    Floats origin[4][kVectors];
+    Doubles from[4][kVectors][2];
+    // Of successive searches: what the layers before hit.
+    Ints previous[kVectors];
+    Ints recent[kRing][kVectors];
+    int recentCount;
+};
+
+// ---- What differs between the searches ----------------------------------------------------------------------------
+
+struct NearestTile {
+    static constexpr float kTolerance = kSplitTolerance;
+    static constexpr bool kOwnOrigins = true, kGateDeterminant = true, kMargin = true, kSegment = false,
+                          kSuccessive = false;
+};
+struct EyeTile {
+    static constexpr float kTolerance = kSplitTolerance;
+    static constexpr bool kOwnOrigins = false, kGateDeterminant = false, kMargin = false, kSegment = false,
+                          kSuccessive = false;
+};
+struct SegmentTile {
+    static constexpr float kTolerance = kSplitTolerance;
+    static constexpr bool kOwnOrigins = false, kGateDeterminant = false, kMargin = false, kSegment = true,
+                          kSuccessive = false;
+};
+struct SuccessiveTile {
+    static constexpr float kTolerance = kSplitToleranceMultiple;
+    static constexpr bool kOwnOrigins = true, kGateDeterminant = false, kMargin = false, kSegment = false,
+                          kSuccessive = true;
+};
+
+// ---- Triangles ----------------------------------------------------------------------------------------------------
+
+// A record in double, and what the rays of a shared origin have in common.
+struct Triangle {
+    int number, k, a, b;
+    double nA, nB, pK, pA, pB, e1A, e1B, e2A, e2B;
+    double u, w, num;
+};
+
+template <class Search>
+ZENR_INLINE void load(Triangle& r, const ZenrTriangleAccel& from, int number, const Tile& tile) {
+    r.number = number;
+    r.k = int(from.axes >> 4) & 3;
+    r.a = int(from.axes >> 2) & 3;
+    r.b = int(from.axes) & 3;
+    r.nA = from.nA;
+    r.nB = from.nB;
+    r.pK = from.pK;
+    r.pA = from.pA;
+    r.pB = from.pB;
+    r.e1A = from.e1A;
+    r.e1B = from.e1B;
+    r.e2A = from.e2A;
+    r.e2B = from.e2B;
+    if (!Search::kOwnOrigins) {
+        r.u = r.pA - tile.sharedFrom[r.a];
+        r.w = tile.sharedFrom[r.b] - r.pB;
+        r.num = r.nB * (r.pB - tile.sharedFrom[r.b]) + r.nA * r.u + r.pK - tile.sharedFrom[r.k];
+    }
+}
+
+// Numerator and denominator of a half's distances and weights.
+struct Solution {
+    Doubles num, det, beta, gamma;
+};
+
+// The rays of a half that hit the triangle's plane inside it; operation for operation as for one ray.
+template <class Search, int Half> ZENR_INLINE Bits inside(const Triangle& r, const Tile& tile, int v, Solution& s) {
+    const Doubles dA = tile.toward[r.a][v][Half], dB = tile.toward[r.b][v][Half], dK = tile.toward[r.k][v][Half];
+    s.det = all(r.nA) * dA + all(r.nB) * dB + dK;
+    Doubles u = all(r.u), w = all(r.w);
+    s.num = all(r.num);
+    if (Search::kOwnOrigins) {
+        const Doubles oB = tile.from[r.b][v][Half];
+        u = all(r.pA) - tile.from[r.a][v][Half];
+        w = oB - all(r.pB);
+        s.num = all(r.nB) * (all(r.pB) - oB) + all(r.nA) * u + all(r.pK) - tile.from[r.k][v][Half];
+    }
+    const Doubles x = dA * s.num - u * s.det;
+    const Doubles y = dB * s.num + w * s.det;
+    s.beta = all(r.e2B) * x - all(r.e2A) * y;
+    s.gamma = all(r.e1A) * y - all(r.e1B) * x;
+    const Doubles alpha = s.det - s.beta - s.gamma;
+    const Doubles zero = {};
+    Bits bits = lessEqual(zero, alpha * s.beta) & lessEqual(zero, s.beta * s.gamma) & lessEqual(zero, alpha * s.gamma);
+    if (Search::kGateDeterminant) bits &= ~less(absolute(s.det), all(double(kDeterminantGate)));
+    return bits;
+}
+
+// The three scaled weights of rays of a shared origin are linear in the direction. In single precision with a bound on
+// all errors, they tell most rays that pass outside: one weight is surely positive and another surely negative.
+struct Outline {
+    float alpha[3], beta[3], gamma[3]; // factors of the direction's components a, b, k
+    float error;
+};
+
+ZENR_INLINE Outline outline(const Triangle& r, float reach) {
+    typedef double Vec __attribute__((vector_size(32)));
+    const Vec n = {r.nA, r.nB, 1, 0};
+    const Vec x = Vec{r.num, 0, 0, 0} - (Vec{} + r.u) * n;
+    const Vec y = Vec{0, r.num, 0, 0} + (Vec{} + r.w) * n;
+    const Vec beta = (Vec{} + r.e2B) * x - (Vec{} + r.e2A) * y;
+    const Vec gamma = (Vec{} + r.e1A) * y - (Vec{} + r.e1B) * x;
+    const Vec alpha = n - beta - gamma;
+    Outline o;
+    double size = 0;
+    for (int i = 0; i < 3; ++i) {
+        o.alpha[i] = float(alpha[i]);
+        o.beta[i] = float(beta[i]);
+        o.gamma[i] = float(gamma[i]);
+        const double fA = __builtin_fabs(alpha[i]), fB = __builtin_fabs(beta[i]), fC = __builtin_fabs(gamma[i]);
+        const double f = fA > fB ? fA : fB;
+        size += f > fC ? f : fC;
+    }
+    // Single precision: a factor is rounded, multiplied and added twice, four roundings of at most 2^-24 of the sum of
+    // the products' sizes; doubled, that is 2^-21. Double: fewer than twenty roundings of 2^-53 in the factors or in the
+    // test itself, of the sizes that these cancel from. Underflows are below the last terms.
+    const double edges = __builtin_fabs(r.e1A) + __builtin_fabs(r.e1B) + __builtin_fabs(r.e2A) + __builtin_fabs(r.e2B);
+    const double normal = __builtin_fabs(r.nA) + __builtin_fabs(r.nB) + 1;
+    const double terms = __builtin_fabs(r.num) + (__builtin_fabs(r.u) + __builtin_fabs(r.w)) * normal;
+    const double error = double(reach) * (size * 0x1p-21 + (edges * terms + normal) * 0x1p-46 + 1e-44) + 1e-37;
+    // Anything that could overflow is left to the test in double, and so is NaN, which shows in `terms` or `edges`.
+    o.error = size < 1e30 && double(reach) * size < 1e30 && error < 1e30 ? float(error) : __builtin_inff();
+    return o;
+}
+
+ZENR_INLINE Bits mayBeInside(const Outline& o, const Triangle& r, const Tile& tile, int v) {
+    const Floats dA = tile.direction[r.a][v], dB = tile.direction[r.b][v], dK = tile.direction[r.k][v];
+    const Floats alpha = all(o.alpha[0]) * dA + all(o.alpha[1]) * dB + all(o.alpha[2]) * dK;
+    const Floats beta = all(o.beta[0]) * dA + all(o.beta[1]) * dB + all(o.beta[2]) * dK;
+    const Floats gamma = all(o.gamma[0]) * dA + all(o.gamma[1]) * dB + all(o.gamma[2]) * dK;
+    // A NaN weight comes with an infinite error bound.
+    const Floats low = smaller(smaller(alpha, beta), gamma);
+    const Floats high = larger(larger(alpha, beta), gamma);
+    return ~(less(low, all(-o.error)) & less(all(o.error), high)) & kAllLanes;
+}
+
+// Tests a triangle for the rays of a vector that `bits` names, and takes its hits; returns them.
+template <class Search> ZENR_INLINE Bits takeHits(const Triangle& r, Tile& tile, int v, Bits bits) {
+    Solution low, high;
+    Bits hit = 0;
+    // A half without a ray in question is left out; its results are not looked at.
+    const bool lowUsed = bits & kHalfLanes, highUsed = bits >> kHalf;
+    if (lowUsed) hit = inside<Search, 0>(r, tile, v, low);
+    if (highUsed) hit |= inside<Search, 1>(r, tile, v, high) << kHalf;
+    hit &= bits;
+    if (!hit) return 0;
+    if (!lowUsed) low = high;
+    if (!highUsed) high = low;
+
+    const Floats t = toFloats(low.num / low.det, high.num / high.det);
+    hit &= less(Floats{}, t);
+    if (Search::kMargin) {
+        const Doubles margin = all(double(kNearerBy));
+        const Floats best = tile.best[v];
+        hit &= less(toDoubles<0>(t), toDoubles<0>(best) - margin) | less(toDoubles<1>(t), toDoubles<1>(best) - margin)
+                                                                        << kHalf;
+    } else if (Search::kSegment) {
+        hit &= less(t, all(1.f));
+    } else {
+        hit &= less(t, tile.best[v]);
+    }
+    if (Search::kSuccessive) {
+        const Ints number = all(int32_t(r.number));
+        hit &= ~equal(tile.previous[v], number);
+        for (int i = 0; i < tile.recentCount; ++i) hit &= ~equal(tile.recent[i][v], number);
+    }
+    if (!hit) return 0;
+    tile.triangle[v] = select(hit, all(int32_t(r.number)), tile.triangle[v]);
+    if (Search::kSegment) return hit;
+    tile.best[v] = select(hit, t, tile.best[v]);
+    tile.weight[1][v] = select(hit, toFloats(low.gamma / low.det, high.gamma / high.det), tile.weight[1][v]);
+    tile.weight[0][v] = select(hit, toFloats(low.beta / low.det, high.beta / high.det), tile.weight[0][v]);
+    return hit;
+}
+
+// The triangles of a leaf in list order; returns the rays whose search ends here.
+template <class Search>
+ZENR_INLINE RaySet testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, Tile& tile, RaySet active) {
+    const uint32_t w0 = leaf->w0, w1 = leaf->w1;
+    int inlined[3];
+    const int* list = inlined;
+    uint32_t count = w1;
+    if (w1 & kInlineBit) {
+        count = w1 & kInlineCountMask;
+        const int base = int((w1 & 0x7FFFFFFCu) >> 2);
+        const int first = int(w0 & 0x7FFFFFFFu);
+        inlined[0] = count == 3 ? base - (first >> 16) : first;
+        inlined[1] = base;
+        inlined[2] = base + (first & 0xFFFF);
+    } else {
+        const uint32_t forward = 0u - (w0 & kListOffsetMask);
+        list = reinterpret_cast<const int*>(reinterpret_cast<const char*>(leaf) + forward);
+    }
+    RaySet ended = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        const int j = list[i];
+        if (accel[j].axes == 0) continue;
+        Triangle r;
+        load<Search>(r, accel[j], j, tile);
+        Outline o;
+        if (!Search::kOwnOrigins) o = outline(r, tile.reach);
+        for (int v = 0; v < kVectors; ++v) {
+            Bits bits = part(active, v);
+            if (!bits) continue;
+            if (!Search::kOwnOrigins) {
+                bits &= mayBeInside(o, r, tile, v);
+                if (!bits) continue;
+            }
+            const Bits hit = takeHits<Search>(r, tile, v, bits);
+            if (Search::kSegment && hit) {
+                active &= ~whole(hit, v);
+                ended |= whole(hit, v);
+            }
+        }
+        if (Search::kSegment && !active) break;
+    }
+    return ended;
+}
+
+// ---- The walk -----------------------------------------------------------------------------------------------------
+
+struct Span {
+    float low, high;
+};
+
+ZENR_INLINE float smallerOf(float a, float b) {
+    return a < b ? a : b;
+}
+ZENR_INLINE float largerOf(float a, float b) {
+    return a > b ? a : b;
+}
+
+// Bounds over the rays of a walk. Rounding is monotone, so that what is computed from bounds bounds what is computed
+// from each ray, exactly. They are NaN, and decide nothing, where a ray has a component that is zero, infinite or NaN
+// where it should not be.
+struct Bounds {
+    Span inverse[4];
+    Span origin[4];
+    Span tmin, tmax;
+};
+
+template <class Search> ZENR_INLINE void bound(Bounds& bounds, const Tile& tile, RaySet rays) {
+    const float inf = __builtin_inff();
+    const auto spanOf = [rays, inf](const Floats* x) {
+        Floats low = all(inf), high = all(-inf);
+        for (int v = 0; v < kVectors; ++v) {
+            const Bits bits = part(rays, v);
+            if (!bits) continue;
+            low = smaller(select(bits, x[v], low), low);
+            high = larger(select(bits, x[v], high), high);
+        }
+        return Span{least(low), greatest(high)};
+    };
+    RaySet odd = 0;
+    for (int v = 0; v < kVectors; ++v) {
+        Bits fine = lessEqual(tile.tmin[v], tile.tmax[v]);
+        for (int k = 0; k < 3; ++k) {
+            const Floats size = absolute(tile.inverse[k][v]);
+            fine &= less(Floats{}, size) & less(size, all(inf));
+            if (Search::kOwnOrigins) fine &= less(absolute(tile.origin[k][v]), all(inf));
+        }
+        odd |= whole(~fine & kAllLanes, v);
+    }
+    const bool usable = !(odd & rays);
+    const float nan = __builtin_nanf("");
+    for (int k = 0; k < 3; ++k) {
+        bounds.inverse[k] = usable ? spanOf(tile.inverse[k]) : Span{nan, nan};
+        if (Search::kOwnOrigins) {
+            bounds.origin[k] = usable ? spanOf(tile.origin[k]) : Span{nan, nan};
+        } else {
+            bounds.origin[k] = {tile.sharedOrigin[k], tile.sharedOrigin[k]};
+        }
+    }
+    bounds.inverse[3] = bounds.origin[3] = {nan, nan};
+    bounds.tmin = usable ? spanOf(tile.tmin) : Span{nan, nan};
+    bounds.tmax = usable ? spanOf(tile.tmax) : Span{nan, nan};
+}
+
+// Where all rays cross a split plane.
+template <class Search> ZENR_INLINE Span crossing(const Bounds& bounds, int axis, float split) {
+    const Span inverse = bounds.inverse[axis], origin = bounds.origin[axis];
+    const float a = (split - origin.high) * inverse.low, b = (split - origin.high) * inverse.high;
+    if (!Search::kOwnOrigins) return {smallerOf(a, b), largerOf(a, b)};
+    const float c = (split - origin.low) * inverse.low, d = (split - origin.low) * inverse.high;
+    return {smallerOf(smallerOf(a, b), smallerOf(c, d)), largerOf(largerOf(a, b), largerOf(c, d))};
+}
+
+// The far child of a node, and the rays that are to visit it.
+struct Pending {
+    const ZenrKDTreeNode* node;
+    RaySet always; // these did not visit the near child
+    RaySet unless; // these did, and stop there if what they found ends before tmin
+    Span tminBounds, tmaxBounds;
+    Floats tmin[kVectors], tmax[kVectors];
+};
+
+// Walks the tree with rays that agree about near children, each over its interval. False where a tree that no builder
+// of ours makes needs a larger stack: the caller traces these rays one by one.
+template <class Search>
+ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, Tile& tile, RaySet rays) {
+    Pending stack[kMaxTreeDepth];
+    int pending = 0;
+    Bounds bounds;
+    bound<Search>(bounds, tile, rays);
+    int nearChild[4];
+    for (int k = 0; k < 4; ++k) nearChild[k] = (tile.negative[k] & rays) != 0;
+    RaySet active = rays;
+    RaySet alive = rays; // of segments: not blocked yet
+
+    for (;;) {
+        while (!(node->w0 & kLeafBit)) {
+            const int axis = int(node->w0 & kAxisMask);
+            float split;
+            __builtin_memcpy(&split, &node->w1, sizeof split);
+            const ZenrKDTreeNode* children = reinterpret_cast<const ZenrKDTreeNode*>(
+                reinterpret_cast<const char*>(node) + (node->w0 & kChildOffsetMask));
+            const ZenrKDTreeNode* nearer = children + nearChild[axis];
+            const ZenrKDTreeNode* farther = children + (1 - nearChild[axis]);
+
+            const Span cross = crossing<Search>(bounds, axis, split);
+            if (cross.low - bounds.tmax.high > Search::kTolerance) {
+                node = nearer;
+                continue;
+            }
+            if (bounds.tmin.low - cross.high > Search::kTolerance) {
+                node = farther;
+                continue;
+            }
+
+            Floats t[kVectors];
+            RaySet farOnly = 0, nearOnly = 0;
+            const Floats tolerance = all(Search::kTolerance);
+            for (int v = 0; v < kVectors; ++v) {
+                if (!part(active, v)) continue;
+                t[v] = (all(split) - (Search::kOwnOrigins ? tile.origin[axis][v] : all(tile.sharedOrigin[axis]))) *
+                       tile.inverse[axis][v];
+                farOnly |= whole(less(tolerance, tile.tmin[v] - t[v]), v);
+                nearOnly |= whole(less(tolerance, t[v] - tile.tmax[v]), v);
+            }
+            farOnly &= active;
+            nearOnly &= active & ~farOnly;
+            if (nearOnly == active) {
+                node = nearer;
+                continue;
+            }
+            if (farOnly == active) {
+                node = farther;
+                continue;
+            }
+
+            const RaySet both = active & ~farOnly & ~nearOnly;
+            if (pending == kMaxTreeDepth) return false;
+            Pending& later = stack[pending++];
+            later.node = farther;
+            later.always = farOnly;
+            later.unless = both;
+            const Span middle = {largerOf(bounds.tmin.low, smallerOf(cross.low, bounds.tmax.low)),
+                                 largerOf(bounds.tmin.high, smallerOf(cross.high, bounds.tmax.high))};
+            later.tminBounds = {middle.low, largerOf(middle.high, bounds.tmin.high)};
+            later.tmaxBounds = bounds.tmax;
+            for (int v = 0; v < kVectors; ++v) {
+                if (!part(active, v)) continue;
+                const Bits split2 = part(both, v);
+                const Floats m = larger(tile.tmin[v], smaller(t[v], tile.tmax[v]));
+                later.tmin[v] = select(split2, m, tile.tmin[v]);
+                later.tmax[v] = tile.tmax[v];
+                tile.tmax[v] = select(split2, m, tile.tmax[v]);
+            }
+            bounds.tmax = {smallerOf(middle.low, bounds.tmax.low), middle.high};
+            active &= ~farOnly;
+            node = nearer;
+        }
+        const RaySet ended = testLeaf<Search>(node, accel, tile, active);
+        if (Search::kSegment) {
+            alive &= ~ended;
+            if (!alive) return true;
+        }
+
+        // The interval that a ray searched last ended at the tmin of the entry.
+        for (;;) {
+            if (pending == 0) return true;
+            const Pending& next = stack[--pending];
+            active = next.always;
+            for (int v = 0; v < kVectors; ++v) {
+                const Bits bits = part(next.unless, v);
+                if (!bits) continue;
+                const Floats best = Search::kSegment ? all(1.f) : tile.best[v];
+                active |= whole(bits & ~lessEqual(best, next.tmin[v]), v);
+            }
+            if (Search::kSegment) active &= alive;
+            if (!active) continue;
+            node = next.node;
+            for (int v = 0; v < kVectors; ++v) {
+                if (!part(active, v)) continue;
+                tile.tmin[v] = next.tmin[v];
+                tile.tmax[v] = next.tmax[v];
+            }
+            bounds.tmin = next.tminBounds;
+            bounds.tmax = next.tmaxBounds;
+            break;
+        }
+    }
+}
+
+} // namespace ZENR_LEVEL
+} // namespace zenr
