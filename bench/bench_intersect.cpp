@@ -52,7 +52,7 @@ double now() {
 // Least time of several runs of `work`, each after `prepare`, within about so many seconds.
 template <class Prepare, class Work> double best(double seconds, const Prepare& prepare, const Work& work) {
     double least = 1e9, spent = 0;
-    for (int i = 0; i < 9 && (i < 2 || spent < seconds); ++i) {
+    for (int i = 0; i < 2 || spent < seconds; ++i) {
         prepare();
         const double begin = now();
         work();

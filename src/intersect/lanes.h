@@ -17,11 +17,24 @@ typedef uint32_t Bits;
 constexpr Bits kAllLanes = Bits((1ull << kLanes) - 1);
 constexpr Bits kHalfLanes = Bits((1u << kHalf) - 1);
 
+// The same in all lanes, its sign of zero included.
 ZENR_INLINE Floats all(float x) {
-    return Floats{} + x;
+#if defined(__AVX512BW__)
+    return (Floats)_mm512_set1_ps(x);
+#elif defined(__AVX2__)
+    return (Floats)_mm256_set1_ps(x);
+#else
+    return (Floats)_mm_set1_ps(x);
+#endif
 }
 ZENR_INLINE Doubles all(double x) {
-    return Doubles{} + x;
+#if defined(__AVX512BW__)
+    return (Doubles)_mm512_set1_pd(x);
+#elif defined(__AVX2__)
+    return (Doubles)_mm256_set1_pd(x);
+#else
+    return (Doubles)_mm_set1_pd(x);
+#endif
 }
 ZENR_INLINE Ints all(int32_t x) {
     return Ints{} + x;

@@ -92,8 +92,6 @@ void setDirections(Tile& tile, const RayBlock& block, const Place& place) {
         gather(floatsOf(tile.direction[k]), block.direction[k], place);
         for (int v = 0; v < kVectors; ++v) {
             const Floats d = tile.direction[k][v];
-            tile.toward[k][v][0] = toDoubles<0>(d);
-            tile.toward[k][v][1] = toDoubles<1>(d);
             reach = larger(absolute(d), reach);
             nan |= whole(~lessEqual(d, d) & kAllLanes, v);
         }
@@ -101,7 +99,6 @@ void setDirections(Tile& tile, const RayBlock& block, const Place& place) {
     tile.reach = nan ? __builtin_inff() : greatest(reach);
     for (int v = 0; v < kVectors; ++v) {
         tile.direction[3][v] = tile.inverse[3][v] = Floats{};
-        tile.toward[3][v][0] = tile.toward[3][v][1] = Doubles{};
     }
     tile.negative[3] = 0;
 }
@@ -208,7 +205,8 @@ template <class Search> bool walkOctants(const RayBlock& block, Tile& tile, RayS
     return true;
 }
 
-template <class One> void onePiece(const Place& place, const One& one) {
+// Calls one(index) for each ray of a tile.
+template <class One> void eachRay(const Place& place, const One& one) {
     for (int lane = 0; lane < kTileRays; ++lane) {
         if (place.rays >> lane & 1) one(place.start[lane / 4] + size_t(lane % 4));
     }
@@ -239,7 +237,7 @@ void eye(const RayBlock& block) {
             storeNearest(block, tile, place);
             continue;
         }
-        onePiece(place, [&](size_t at) {
+        eachRay(place, [&](size_t at) {
             const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at,
                                                block.direction[2] + at};
             float* const hit[2] = {block.hit[0] + at, block.hit[1] + at};
@@ -264,7 +262,7 @@ void nearest(const RayBlock& block) {
             storeNearest(block, tile, place);
             continue;
         }
-        onePiece(place, [&](size_t at) {
+        eachRay(place, [&](size_t at) {
             const float* const origin[3] = {block.origins[0] + at, block.origins[1] + at, block.origins[2] + at};
             const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at,
                                                block.direction[2] + at};
@@ -300,7 +298,7 @@ void any(const RayBlock& block) {
                 for (int k = 0; k < 3; ++k) setAxis(tile, k, v, kParallelInverse, true);
             }
             if (!walkOctants<SegmentTile>(block, tile, rays)) {
-                onePiece(place, [&](size_t at) {
+                eachRay(place, [&](size_t at) {
                     const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at,
                                                        block.direction[2] + at};
                     oneRayAnyBlock(block.origin, direction, block.accel, block.root, block.triangle + at,
@@ -310,7 +308,6 @@ void any(const RayBlock& block) {
             }
         }
         scatter(block.triangle, reinterpret_cast<int*>(tile.triangle), place, place.rays);
-        scatter(block.mask, reinterpret_cast<int*>(tile.triangle) /* replaced below */, place, 0);
         const RaySet hit = hits(tile) & rays;
         if (hit) {
             for (int& m : mask) m = -1;
@@ -330,6 +327,8 @@ void multiple(const RayBlock& block) {
         tiling.place(i, place);
         setDirections(tile, block, place);
         gather(floatsOf(tile.best), block.distance, place);
+        Floats maximum[kVectors];
+        for (int v = 0; v < kVectors; ++v) maximum[v] = tile.best[v];
         RaySet rays = clipFromEye(tile, block.box) & place.rays;
         for (int v = 0; v < kVectors; ++v) {
             for (int k = 0; k < 4; ++k) {
@@ -355,8 +354,8 @@ void multiple(const RayBlock& block) {
                 for (int k = 0; k < 3; ++k) {
                     Doubles& low = tile.from[k][v][0];
                     Doubles& high = tile.from[k][v][1];
-                    low = low + tile.toward[k][v][0] * toDoubles<0>(t);
-                    high = high + tile.toward[k][v][1] * toDoubles<1>(t);
+                    low = low + toDoubles<0>(tile.direction[k][v]) * toDoubles<0>(t);
+                    high = high + toDoubles<1>(tile.direction[k][v]) * toDoubles<1>(t);
                     const Floats o = tile.origin[k][v] = toFloats(low, high);
                     const Floats inverse = tile.inverse[k][v];
                     exit =
@@ -376,7 +375,15 @@ void multiple(const RayBlock& block) {
             scatter(block.distance + at + stride, floatsOf(tile.best), place, rays);
         }
         if (done) continue;
-        // TODO
+        // The one-ray path writes the layers again that are written already, with the same bits.
+        scatter(block.distance, floatsOf(maximum), place, place.rays);
+        eachRay(place, [&](size_t at) {
+            const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at,
+                                               block.direction[2] + at};
+            float* const hit[2] = {block.hit[0] + at, block.hit[1] + at};
+            oneRayMultipleBlock(block.origin, direction, block.box, block.accel, block.root, block.distance + at, hit,
+                                block.triangle + at, 1, stride, block.maxHits);
+        });
     }
 }
 

@@ -34,7 +34,6 @@ ZENR_INLINE RaySet whole(Bits bits, int v) {
 struct Tile {
     Floats direction[4][kVectors];
     Floats inverse[4][kVectors]; // reciprocal of the direction, or its stand-in
-    Doubles toward[4][kVectors][2];
     Floats tmin[kVectors], tmax[kVectors];
     Floats best[kVectors]; // running best distance
     Floats weight[2][kVectors];
@@ -113,7 +112,8 @@ struct Solution {
 
 // The rays of a half that hit the triangle's plane inside it; operation for operation as for one ray.
 template <class Search, int Half> ZENR_INLINE Bits inside(const Triangle& r, const Tile& tile, int v, Solution& s) {
-    const Doubles dA = tile.toward[r.a][v][Half], dB = tile.toward[r.b][v][Half], dK = tile.toward[r.k][v][Half];
+    const Doubles dA = toDoubles<Half>(tile.direction[r.a][v]), dB = toDoubles<Half>(tile.direction[r.b][v]),
+                  dK = toDoubles<Half>(tile.direction[r.k][v]);
     s.det = all(r.nA) * dA + all(r.nB) * dB + dK;
     Doubles u = all(r.u), w = all(r.w);
     s.num = all(r.num);
@@ -136,43 +136,59 @@ template <class Search, int Half> ZENR_INLINE Bits inside(const Triangle& r, con
 
 // The three scaled weights of rays of a shared origin are linear in the direction. In single precision with a bound on
 // all errors, they tell most rays that pass outside: one weight is surely positive and another surely negative.
-struct Outline {
-    float alpha[3], beta[3], gamma[3]; // factors of the direction's components a, b, k
+struct alignas(16) Outline {
+    float alpha[4], beta[4], gamma[4]; // factors of the direction's components a, b, k; 0
     float error;
+    int a, b, k;
 };
 
-ZENR_INLINE Outline outline(const Triangle& r, float reach) {
-    typedef double Vec __attribute__((vector_size(32)));
-    const Vec n = {r.nA, r.nB, 1, 0};
-    const Vec x = Vec{r.num, 0, 0, 0} - (Vec{} + r.u) * n;
-    const Vec y = Vec{0, r.num, 0, 0} + (Vec{} + r.w) * n;
-    const Vec beta = (Vec{} + r.e2B) * x - (Vec{} + r.e2A) * y;
-    const Vec gamma = (Vec{} + r.e1A) * y - (Vec{} + r.e1B) * x;
-    const Vec alpha = n - beta - gamma;
-    Outline o;
-    double size = 0;
-    for (int i = 0; i < 3; ++i) {
-        o.alpha[i] = float(alpha[i]);
-        o.beta[i] = float(beta[i]);
-        o.gamma[i] = float(gamma[i]);
-        const double fA = __builtin_fabs(alpha[i]), fB = __builtin_fabs(beta[i]), fC = __builtin_fabs(gamma[i]);
-        const double f = fA > fB ? fA : fB;
-        size += f > fC ? f : fC;
-    }
+typedef double FourDoubles __attribute__((vector_size(32), may_alias));
+
+ZENR_INLINE __m128 narrow(FourDoubles a) {
+#if defined(__AVX2__)
+    return _mm256_cvtpd_ps((__m256d)a);
+#else
+    const __m128d low = {a[0], a[1]}, high = {a[2], a[3]};
+    return _mm_movelh_ps(_mm_cvtpd_ps(low), _mm_cvtpd_ps(high));
+#endif
+}
+
+ZENR_INLINE float sumOf(__m128 a) {
+    const __m128 pairs = _mm_add_ps(a, _mm_movehl_ps(a, a));
+    return _mm_cvtss_f32(_mm_add_ss(pairs, _mm_shuffle_ps(pairs, pairs, 1)));
+}
+
+ZENR_INLINE void outline(Outline& o, const Triangle& r, const ZenrTriangleAccel& record, float reach) {
+    const auto four = [](double x) { return FourDoubles{x, x, x, x}; };
+    const FourDoubles n = {r.nA, r.nB, 1, 0};
+    const FourDoubles x = FourDoubles{r.num, 0, 0, 0} - four(r.u) * n;
+    const FourDoubles y = FourDoubles{0, r.num, 0, 0} + four(r.w) * n;
+    const FourDoubles beta = four(r.e2B) * x - four(r.e2A) * y;
+    const FourDoubles gamma = four(r.e1A) * y - four(r.e1B) * x;
+    const __m128 fA = narrow(n - beta - gamma), fB = narrow(beta), fC = narrow(gamma);
+    _mm_store_ps(o.alpha, fA);
+    _mm_store_ps(o.beta, fB);
+    _mm_store_ps(o.gamma, fC);
     // Single precision: a factor is rounded, multiplied and added twice, four roundings of at most 2^-24 of the sum of
     // the products' sizes; doubled, that is 2^-21. Double: fewer than twenty roundings of 2^-53 in the factors or in the
     // test itself, of the sizes that these cancel from. Underflows are below the last terms.
-    const double edges = __builtin_fabs(r.e1A) + __builtin_fabs(r.e1B) + __builtin_fabs(r.e2A) + __builtin_fabs(r.e2B);
-    const double normal = __builtin_fabs(r.nA) + __builtin_fabs(r.nB) + 1;
-    const double terms = __builtin_fabs(r.num) + (__builtin_fabs(r.u) + __builtin_fabs(r.w)) * normal;
-    const double error = double(reach) * (size * 0x1p-21 + (edges * terms + normal) * 0x1p-46 + 1e-44) + 1e-37;
+    const __m128 size = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+    const float factors =
+        sumOf(_mm_max_ps(_mm_max_ps(_mm_and_ps(fA, size), _mm_and_ps(fB, size)), _mm_and_ps(fC, size)));
+    const float edges = sumOf(_mm_and_ps(_mm_loadu_ps(&record.e2A), size));
+    const float normal = __builtin_fabsf(record.nA) + __builtin_fabsf(record.nB) + 1.f;
+    const float terms =
+        __builtin_fabsf(float(r.num)) + (__builtin_fabsf(float(r.u)) + __builtin_fabsf(float(r.w))) * normal;
+    const float error = reach * (factors * 0x1p-21f + (edges * terms + normal) * 0x1p-46f + 1e-37f) + 1e-37f;
     // Anything that could overflow is left to the test in double, and so is NaN, which shows in `terms` or `edges`.
-    o.error = size < 1e30 && double(reach) * size < 1e30 && error < 1e30 ? float(error) : __builtin_inff();
-    return o;
+    o.error = error < 1e23f ? error : __builtin_inff();
+    o.a = r.a;
+    o.b = r.b;
+    o.k = r.k;
 }
 
-ZENR_INLINE Bits mayBeInside(const Outline& o, const Triangle& r, const Tile& tile, int v) {
-    const Floats dA = tile.direction[r.a][v], dB = tile.direction[r.b][v], dK = tile.direction[r.k][v];
+ZENR_INLINE Bits mayBeInside(const Outline& o, const Tile& tile, int v) {
+    const Floats dA = tile.direction[o.a][v], dB = tile.direction[o.b][v], dK = tile.direction[o.k][v];
     const Floats alpha = all(o.alpha[0]) * dA + all(o.alpha[1]) * dB + all(o.alpha[2]) * dK;
     const Floats beta = all(o.beta[0]) * dA + all(o.beta[1]) * dB + all(o.beta[2]) * dK;
     const Floats gamma = all(o.gamma[0]) * dA + all(o.gamma[1]) * dB + all(o.gamma[2]) * dK;
@@ -184,7 +200,7 @@ ZENR_INLINE Bits mayBeInside(const Outline& o, const Triangle& r, const Tile& ti
 
 // Tests a triangle for the rays of a vector that `bits` names, and takes its hits; returns them.
 template <class Search> ZENR_INLINE Bits takeHits(const Triangle& r, Tile& tile, int v, Bits bits) {
-    Solution low, high;
+    Solution low = {}, high = {};
     Bits hit = 0;
     // A half without a ray in question is left out; its results are not looked at.
     const bool lowUsed = bits & kHalfLanes, highUsed = bits >> kHalf;
@@ -222,6 +238,8 @@ template <class Search> ZENR_INLINE Bits takeHits(const Triangle& r, Tile& tile,
 }
 
 // The triangles of a leaf in list order; returns the rays whose search ends here.
+constexpr int kBatch = 8;
+
 template <class Search>
 ZENR_INLINE RaySet testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, Tile& tile, RaySet active) {
     const uint32_t w0 = leaf->w0, w1 = leaf->w1;
@@ -239,30 +257,43 @@ ZENR_INLINE RaySet testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel*
         const uint32_t forward = 0u - (w0 & kListOffsetMask);
         list = reinterpret_cast<const int*>(reinterpret_cast<const char*>(leaf) + forward);
     }
-    RaySet ended = 0;
-    for (uint32_t i = 0; i < count; ++i) {
-        const int j = list[i];
-        if (accel[j].axes == 0) continue;
-        Triangle r;
-        load<Search>(r, accel[j], j, tile);
-        Outline o;
-        if (!Search::kOwnOrigins) o = outline(r, tile.reach);
-        for (int v = 0; v < kVectors; ++v) {
-            Bits bits = part(active, v);
-            if (!bits) continue;
-            if (!Search::kOwnOrigins) {
-                bits &= mayBeInside(o, r, tile, v);
-                if (!bits) continue;
+    const RaySet before = active;
+    for (uint32_t done = 0; done < count; done += kBatch) {
+        const int batch = count - done < uint32_t(kBatch) ? int(count - done) : kBatch;
+        // Without a branch that depends on a ray, so that the processor works on several triangles at a time.
+        RaySet inQuestion[kBatch];
+        if (Search::kOwnOrigins) {
+            for (int i = 0; i < batch; ++i) inQuestion[i] = accel[list[i]].axes == 0 ? 0 : active;
+        } else {
+            Outline outlines[kBatch];
+            for (int i = 0; i < batch; ++i) {
+                Triangle r;
+                load<Search>(r, accel[list[i]], list[i], tile);
+                outline(outlines[i], r, accel[list[i]], tile.reach);
+                inQuestion[i] = 0;
             }
-            const Bits hit = takeHits<Search>(r, tile, v, bits);
-            if (Search::kSegment && hit) {
-                active &= ~whole(hit, v);
-                ended |= whole(hit, v);
+            for (int v = 0; v < kVectors; ++v) {
+                const Bits bits = part(active, v);
+                if (!bits) continue;
+                for (int i = 0; i < batch; ++i) inQuestion[i] |= whole(bits & mayBeInside(outlines[i], tile, v), v);
+            }
+        }
+        for (int i = 0; i < batch; ++i) {
+            RaySet rays = inQuestion[i] & active;
+            if (!rays || accel[list[i]].axes == 0) continue;
+            Triangle r;
+            load<Search>(r, accel[list[i]], list[i], tile);
+            for (int v = 0; v < kVectors; ++v) {
+                const Bits bits = part(rays, v);
+                if (!bits) continue;
+                const Bits hit = takeHits<Search>(r, tile, v, bits);
+                if (Search::kSegment) active &= ~whole(hit, v);
             }
         }
         if (Search::kSegment && !active) break;
+        list += batch;
     }
-    return ended;
+    return before & ~active;
 }
 
 // ---- The walk -----------------------------------------------------------------------------------------------------
