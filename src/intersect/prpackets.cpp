@@ -2,8 +2,9 @@
 // through the tree together, and their results written.
 #include "intersect/prpackets.h"
 
+#include "frame/prmem.h"
 #include "intersect/intersect.h"
-#include "intersect/tile.h"
+#include "intersect/stream.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
@@ -12,15 +13,18 @@ namespace {
 
 // ---- Tiles of a block ---------------------------------------------------------------------------------------------
 
+typedef Tile<64> Block64;
+typedef Block64::Set Set64;
+
 // Lanes 4p .. 4p + 3 of a tile are rays start[p] .. start[p] + 3 of the block.
-constexpr int kPieces = kTileRays / 4;
+constexpr int kPieces = 64 / 4;
 
 struct Place {
     size_t start[kPieces];
-    RaySet rays; // the lanes that are rays
+    Set64 rays; // the lanes that are rays
 };
 
-ZENR_INLINE unsigned piece(RaySet rays, int p) {
+ZENR_INLINE unsigned piece(Set64 rays, int p) {
     return unsigned(rays >> (4 * p)) & 15u;
 }
 
@@ -33,7 +37,7 @@ struct Tiling {
     explicit Tiling(const RayBlock& block) : width(size_t(block.width)), height(size_t(block.height)) {
         squares = width >= 8 && height >= 8;
         across = (width + 7) / 8;
-        count = squares ? across * ((height + 7) / 8) : (width * height + kTileRays - 1) / kTileRays;
+        count = squares ? across * ((height + 7) / 8) : (width * height + 64 - 1) / 64;
     }
 
     void place(size_t tile, Place& place) const {
@@ -46,10 +50,10 @@ struct Tiling {
                 place.start[p] = y * width + x;
                 valid = y < height && x < width ? width - x : 0;
             } else {
-                place.start[p] = tile * kTileRays + size_t(p) * 4;
+                place.start[p] = tile * 64 + size_t(p) * 4;
                 valid = place.start[p] < width * height ? width * height - place.start[p] : 0;
             }
-            place.rays |= RaySet(valid >= 4 ? 15u : (1u << valid) - 1) << (4 * p);
+            place.rays |= Set64(valid >= 4 ? 15u : (1u << valid) - 1) << (4 * p);
         }
     }
 };
@@ -66,7 +70,7 @@ template <class T> ZENR_INLINE void gather(T* to, const T* from, const Place& pl
 }
 
 // Writes the lanes of `rays` only.
-template <class T> ZENR_INLINE void scatter(T* to, const T* from, const Place& place, RaySet rays) {
+template <class T> ZENR_INLINE void scatter(T* to, const T* from, const Place& place, Set64 rays) {
     for (int p = 0; p < kPieces; ++p) {
         const unsigned lanes = piece(rays, p);
         if (lanes == 15u) {
@@ -85,34 +89,34 @@ ZENR_INLINE float* floatsOf(Floats* x) {
 
 // ---- Setting rays up ----------------------------------------------------------------------------------------------
 
-void setDirections(Tile& tile, const RayBlock& block, const Place& place) {
+void setDirections(Block64& tile, const RayBlock& block, const Place& place) {
     Floats reach = {};
-    RaySet nan = 0;
+    Set64 nan = 0;
     for (int k = 0; k < 3; ++k) {
         gather(floatsOf(tile.direction[k]), block.direction[k], place);
-        for (int v = 0; v < kVectors; ++v) {
+        for (int v = 0; v < Block64::kVectors; ++v) {
             const Floats d = tile.direction[k][v];
             reach = larger(absolute(d), reach);
-            nan |= whole(~lessEqual(d, d) & kAllLanes, v);
+            nan |= whole<Set64>(~lessEqual(d, d) & kAllLanes, v);
         }
     }
     tile.reach = nan ? __builtin_inff() : greatest(reach);
-    for (int v = 0; v < kVectors; ++v) {
+    for (int v = 0; v < Block64::kVectors; ++v) {
         tile.direction[3][v] = tile.inverse[3][v] = Floats{};
     }
     tile.negative[3] = 0;
 }
 
-void shareOrigin(Tile& tile, const float* origin) {
+void shareOrigin(Block64& tile, const float* origin) {
     for (int k = 0; k < 4; ++k) {
         tile.sharedOrigin[k] = k < 3 ? origin[k] : 0;
         tile.sharedFrom[k] = double(tile.sharedOrigin[k]);
     }
 }
 
-void ownOrigins(Tile& tile, const RayBlock& block, const Place& place) {
+void ownOrigins(Block64& tile, const RayBlock& block, const Place& place) {
     for (int k = 0; k < 3; ++k) gather(floatsOf(tile.origin[k]), block.origins[k], place);
-    for (int v = 0; v < kVectors; ++v) {
+    for (int v = 0; v < Block64::kVectors; ++v) {
         tile.origin[3][v] = Floats{};
         for (int k = 0; k < 4; ++k) {
             tile.from[k][v][0] = toDoubles<0>(tile.origin[k][v]);
@@ -122,32 +126,32 @@ void ownOrigins(Tile& tile, const RayBlock& block, const Place& place) {
 }
 
 // Reciprocals and near children of one axis; returns the rays of v that are parallel to it.
-ZENR_INLINE Bits setAxis(Tile& tile, int k, int v, float parallelInverse, bool segment) {
+ZENR_INLINE Bits setAxis(Block64& tile, int k, int v, float parallelInverse, bool segment) {
     const Floats d = tile.direction[k][v];
     const Bits parallel = lessEqual(absolute(d), all(kParallel));
     tile.inverse[k][v] = select(parallel, all(parallelInverse), all(1.f) / d);
-    tile.negative[k] |= whole(less(d, Floats{}) & (segment ? kAllLanes : ~parallel), v);
+    tile.negative[k] |= whole<Set64>(less(d, Floats{}) & (segment ? kAllLanes : ~parallel), v);
     return parallel;
 }
 
 // Narrows the intervals of the rays that are not parallel to a slab.
-ZENR_INLINE void clipSlab(Tile& tile, int v, Floats t1, Floats t2, Bits parallel) {
+ZENR_INLINE void clipSlab(Block64& tile, int v, Floats t1, Floats t2, Bits parallel) {
     tile.tmin[v] = select(parallel, tile.tmin[v], larger(smaller(t1, t2), tile.tmin[v]));
     tile.tmax[v] = select(parallel, tile.tmax[v], smaller(larger(t1, t2), tile.tmax[v]));
 }
 
 // Rays of v whose interval is not empty; it is set to reach a little behind the box.
-ZENR_INLINE Bits finishClip(Tile& tile, int v) {
+ZENR_INLINE Bits finishClip(Block64& tile, int v) {
     const Bits empty = less(tile.tmax[v], tile.tmin[v]);
     tile.tmax[v] = tile.tmax[v] + all(kBehindBox);
     return ~empty & kAllLanes;
 }
 
 // Clips rays of a shared origin to the box; returns those that meet it.
-RaySet clipFromEye(Tile& tile, const float* box) {
-    RaySet meets = 0;
+Set64 clipFromEye(Block64& tile, const float* box) {
+    Set64 meets = 0;
     for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
-    for (int v = 0; v < kVectors; ++v) {
+    for (int v = 0; v < Block64::kVectors; ++v) {
         tile.tmin[v] = Floats{};
         tile.tmax[v] = tile.best[v];
         for (int k = 0; k < 3; ++k) {
@@ -156,16 +160,16 @@ RaySet clipFromEye(Tile& tile, const float* box) {
             clipSlab(tile, v, all(box[k] - tile.sharedOrigin[k]) / d, all(box[3 + k] - tile.sharedOrigin[k]) / d,
                      parallel);
         }
-        meets |= whole(finishClip(tile, v), v);
+        meets |= whole<Set64>(finishClip(tile, v), v);
     }
     return meets;
 }
 
 // The same for rays with their own origins; those parallel to a slab have to be inside it.
-RaySet clipOwn(Tile& tile, const float* box) {
-    RaySet meets = 0;
+Set64 clipOwn(Block64& tile, const float* box) {
+    Set64 meets = 0;
     for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
-    for (int v = 0; v < kVectors; ++v) {
+    for (int v = 0; v < Block64::kVectors; ++v) {
         tile.tmin[v] = Floats{};
         tile.tmax[v] = tile.best[v];
         Bits out = 0;
@@ -175,29 +179,29 @@ RaySet clipOwn(Tile& tile, const float* box) {
             out |= parallel & ~(less(all(box[k]), o) & less(o, all(box[3 + k])));
             clipSlab(tile, v, (all(box[k]) - o) * inverse, (all(box[3 + k]) - o) * inverse, parallel);
         }
-        meets |= whole(finishClip(tile, v) & ~out, v);
+        meets |= whole<Set64>(finishClip(tile, v) & ~out, v);
     }
     return meets;
 }
 
-void clearHits(Tile& tile) {
-    for (int v = 0; v < kVectors; ++v) {
+void clearHits(Block64& tile) {
+    for (int v = 0; v < Block64::kVectors; ++v) {
         tile.triangle[v] = all(int32_t(-1));
         tile.weight[0][v] = tile.weight[1][v] = Floats{};
     }
 }
 
-RaySet hits(const Tile& tile) {
-    RaySet none = 0;
-    for (int v = 0; v < kVectors; ++v) none |= whole(equal(tile.triangle[v], all(int32_t(-1))), v);
+Set64 hits(const Block64& tile) {
+    Set64 none = 0;
+    for (int v = 0; v < Block64::kVectors; ++v) none |= whole<Set64>(equal(tile.triangle[v], all(int32_t(-1))), v);
     return ~none;
 }
 
 // Walks with the rays of each octant of directions in turn. False as for walk().
-template <class Search> bool walkOctants(const RayBlock& block, Tile& tile, RaySet rays) {
+template <class Search> bool walkOctants(const RayBlock& block, Block64& tile, Set64 rays) {
     while (rays) {
         const int first = __builtin_ctzll(rays);
-        RaySet octant = rays;
+        Set64 octant = rays;
         for (int k = 0; k < 3; ++k) octant &= tile.negative[k] >> first & 1 ? tile.negative[k] : ~tile.negative[k];
         if (!walk<Search>(block.root, block.accel, tile, octant)) return false;
         rays &= ~octant;
@@ -207,16 +211,16 @@ template <class Search> bool walkOctants(const RayBlock& block, Tile& tile, RayS
 
 // Calls one(index) for each ray of a tile.
 template <class One> void eachRay(const Place& place, const One& one) {
-    for (int lane = 0; lane < kTileRays; ++lane) {
+    for (int lane = 0; lane < 64; ++lane) {
         if (place.rays >> lane & 1) one(place.start[lane / 4] + size_t(lane % 4));
     }
 }
 
 // ---- The four searches --------------------------------------------------------------------------------------------
 
-void storeNearest(const RayBlock& block, Tile& tile, const Place& place) {
+void storeNearest(const RayBlock& block, Block64& tile, const Place& place) {
     scatter(block.triangle, reinterpret_cast<int*>(tile.triangle), place, place.rays);
-    const RaySet hit = hits(tile) & place.rays;
+    const Set64 hit = hits(tile) & place.rays;
     scatter(block.distance, floatsOf(tile.best), place, hit);
     scatter(block.hit[1], floatsOf(tile.weight[1]), place, hit);
     scatter(block.hit[0], floatsOf(tile.weight[0]), place, hit);
@@ -224,7 +228,7 @@ void storeNearest(const RayBlock& block, Tile& tile, const Place& place) {
 
 void eye(const RayBlock& block) {
     const Tiling tiling(block);
-    Tile tile;
+    Block64 tile;
     shareOrigin(tile, block.origin);
     for (size_t i = 0; i < tiling.count; ++i) {
         Place place;
@@ -232,7 +236,7 @@ void eye(const RayBlock& block) {
         setDirections(tile, block, place);
         gather(floatsOf(tile.best), block.distance, place);
         clearHits(tile);
-        const RaySet rays = clipFromEye(tile, block.box) & place.rays;
+        const Set64 rays = clipFromEye(tile, block.box) & place.rays;
         if (walkOctants<EyeTile>(block, tile, rays)) {
             storeNearest(block, tile, place);
             continue;
@@ -247,52 +251,146 @@ void eye(const RayBlock& block) {
     }
 }
 
+void nearestOneByOne(const RayBlock& block, const Place& place) {
+    eachRay(place, [&](size_t at) {
+        const float* const origin[3] = {block.origins[0] + at, block.origins[1] + at, block.origins[2] + at};
+        const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at, block.direction[2] + at};
+        float* const hit[2] = {block.hit[0] + at, block.hit[1] + at};
+        oneRayBlock(origin, direction, block.box, block.accel, block.root, block.distance + at, hit,
+                    block.triangle + at, 1);
+    });
+}
+
+// Whether a tile's rays keep together: one octant, and directions that differ by less than a quarter of the largest.
+bool keepTogether(const Block64& tile, Set64 rays) {
+    for (int k = 0; k < 3; ++k) {
+        if ((tile.negative[k] & rays) != 0 && (tile.negative[k] & rays) != rays) return false;
+        Floats low = all(__builtin_inff()), high = all(-__builtin_inff());
+        for (int v = 0; v < Block64::kVectors; ++v) {
+            low = smaller(select(part(rays, v), tile.direction[k][v], low), low);
+            high = larger(select(part(rays, v), tile.direction[k][v], high), high);
+        }
+        if (!(greatest(high) - least(low) <= 0.25f * tile.reach)) return false;
+    }
+    return true;
+}
+
+// The rays of some tiles that are to walk as lists: their number in the stream is the tile's, times 64, and the lane.
+struct Batch {
+    int tiles;
+    Set64 rays[kStreamRays / 64];
+    Set64 negative[3][kStreamRays / 64];
+};
+
+void addToStream(Stream& stream, int slot, const Block64& tile) {
+    const size_t at = size_t(slot) * 64, bytes = 64 * sizeof(float);
+    for (int k = 0; k < 3; ++k) {
+        __builtin_memcpy(stream.origin[k] + at, tile.origin[k], bytes);
+        __builtin_memcpy(stream.direction[k] + at, tile.direction[k], bytes);
+        __builtin_memcpy(stream.inverse[k] + at, tile.inverse[k], bytes);
+    }
+    __builtin_memcpy(stream.tmin + at, tile.tmin, bytes);
+    __builtin_memcpy(stream.tmax + at, tile.tmax, bytes);
+    __builtin_memcpy(stream.best + at, tile.best, bytes);
+    __builtin_memcpy(stream.triangle + at, tile.triangle, bytes);
+}
+
+// Walks with all rays of a batch, octant after octant. False as for walk().
+bool walkBatch(const RayBlock& block, const Stream& stream, const Batch& batch) {
+    for (int octant = 0; octant < 8; ++octant) {
+        const int nearChild[4] = {octant & 1, octant >> 1 & 1, octant >> 2 & 1, 0};
+        int count = 0;
+        for (int slot = 0; slot < batch.tiles; ++slot) {
+            Set64 rays = batch.rays[slot];
+            for (int k = 0; k < 3; ++k) rays &= nearChild[k] ? batch.negative[k][slot] : ~batch.negative[k][slot];
+            for (; rays; rays &= rays - 1) {
+                const uint32_t ray = uint32_t(slot * 64 + __builtin_ctzll(rays));
+                stream.listRay[count] = ray;
+                stream.listMin[count] = stream.tmin[ray];
+                stream.listMax[count++] = stream.tmax[ray];
+            }
+        }
+        if (count && !walkStream<NearestTile>(stream, block.accel, block.root, count, nearChild)) return false;
+    }
+    return true;
+}
+
 void nearest(const RayBlock& block) {
     const Tiling tiling(block);
-    Tile tile;
-    for (size_t i = 0; i < tiling.count; ++i) {
-        Place place;
-        tiling.place(i, place);
-        setDirections(tile, block, place);
-        ownOrigins(tile, block, place);
-        gather(floatsOf(tile.best), block.distance, place);
-        clearHits(tile);
-        const RaySet rays = clipOwn(tile, block.box) & place.rays;
-        if (walkOctants<NearestTile>(block, tile, rays)) {
-            storeNearest(block, tile, place);
-            continue;
-        }
-        eachRay(place, [&](size_t at) {
-            const float* const origin[3] = {block.origins[0] + at, block.origins[1] + at, block.origins[2] + at};
-            const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at,
-                                               block.direction[2] + at};
-            float* const hit[2] = {block.hit[0] + at, block.hit[1] + at};
-            oneRayBlock(origin, direction, block.box, block.accel, block.root, block.distance + at, hit,
-                        block.triangle + at, 1);
-        });
+    // Without memory for lists all rays walk in their tiles, which is slower and finds the same.
+    const size_t most = kStreamRays / 64;
+    const int streamTiles = int(tiling.count < most ? tiling.count : most);
+    float* memory = nullptr;
+    Stream stream;
+    if (tiling.count > 1) {
+        memory =
+            static_cast<float*>(zensMalloc_32s(kStreamArrays * 64 * streamTiles + 3 * listRoomFor(64 * streamTiles)));
+        if (memory) layOut(stream, memory, 64 * streamTiles);
     }
+
+    Block64 tile;
+    Batch batch;
+    for (size_t first = 0; first < tiling.count; first += most) {
+        batch.tiles = 0;
+        size_t places[most];
+        for (size_t i = first; i < tiling.count && i < first + most; ++i) {
+            Place place;
+            tiling.place(i, place);
+            setDirections(tile, block, place);
+            ownOrigins(tile, block, place);
+            gather(floatsOf(tile.best), block.distance, place);
+            clearHits(tile);
+            const Set64 rays = clipOwn(tile, block.box) & place.rays;
+            if (rays && memory && !keepTogether(tile, rays)) {
+                addToStream(stream, batch.tiles, tile);
+                batch.rays[batch.tiles] = rays;
+                for (int k = 0; k < 3; ++k) batch.negative[k][batch.tiles] = tile.negative[k];
+                places[batch.tiles++] = i;
+                continue;
+            }
+            if (walkOctants<NearestTile>(block, tile, rays))
+                storeNearest(block, tile, place);
+            else
+                nearestOneByOne(block, place);
+        }
+        const bool done = walkBatch(block, stream, batch);
+        for (int slot = 0; slot < batch.tiles; ++slot) {
+            Place place;
+            tiling.place(places[slot], place);
+            if (!done) {
+                nearestOneByOne(block, place);
+                continue;
+            }
+            const size_t at = size_t(slot) * 64, bytes = 64 * sizeof(float);
+            __builtin_memcpy(tile.best, stream.best + at, bytes);
+            __builtin_memcpy(tile.triangle, stream.triangle + at, bytes);
+            for (int w = 0; w < 2; ++w) __builtin_memcpy(tile.weight[w], stream.weight[w] + at, bytes);
+            storeNearest(block, tile, place);
+        }
+    }
+    if (memory) zensFree(memory);
 }
 
 void any(const RayBlock& block) {
     const Tiling tiling(block);
-    Tile tile;
+    Block64 tile;
     shareOrigin(tile, block.origin);
     for (size_t i = 0; i < tiling.count; ++i) {
         Place place;
         tiling.place(i, place);
-        alignas(64) int mask[kTileRays];
+        alignas(64) int mask[64];
         gather(mask, block.mask, place);
-        RaySet rays = place.rays;
-        for (int v = 0; v < kVectors; ++v) {
+        Set64 rays = place.rays;
+        for (int v = 0; v < Block64::kVectors; ++v) {
             Ints m;
             __builtin_memcpy(&m, mask + v * kLanes, sizeof m);
-            rays &= ~whole(equal(m >> 31, all(int32_t(-1))), v);
+            rays &= ~whole<Set64>(equal(m >> 31, all(int32_t(-1))), v);
         }
         clearHits(tile);
         if (rays) {
             setDirections(tile, block, place);
             for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
-            for (int v = 0; v < kVectors; ++v) {
+            for (int v = 0; v < Block64::kVectors; ++v) {
                 tile.tmin[v] = Floats{};
                 tile.tmax[v] = all(kSegmentEnd);
                 for (int k = 0; k < 3; ++k) setAxis(tile, k, v, kParallelInverse, true);
@@ -308,7 +406,7 @@ void any(const RayBlock& block) {
             }
         }
         scatter(block.triangle, reinterpret_cast<int*>(tile.triangle), place, place.rays);
-        const RaySet hit = hits(tile) & rays;
+        const Set64 hit = hits(tile) & rays;
         if (hit) {
             for (int& m : mask) m = -1;
             scatter(block.mask, mask, place, hit);
@@ -320,24 +418,24 @@ void any(const RayBlock& block) {
 void multiple(const RayBlock& block) {
     const Tiling tiling(block);
     const size_t stride = size_t(block.width) * size_t(block.height);
-    Tile tile;
+    Block64 tile;
     shareOrigin(tile, block.origin);
     for (size_t i = 0; i < tiling.count; ++i) {
         Place place;
         tiling.place(i, place);
         setDirections(tile, block, place);
         gather(floatsOf(tile.best), block.distance, place);
-        Floats maximum[kVectors];
-        for (int v = 0; v < kVectors; ++v) maximum[v] = tile.best[v];
-        RaySet rays = clipFromEye(tile, block.box) & place.rays;
-        for (int v = 0; v < kVectors; ++v) {
+        Floats maximum[Block64::kVectors];
+        for (int v = 0; v < Block64::kVectors; ++v) maximum[v] = tile.best[v];
+        Set64 rays = clipFromEye(tile, block.box) & place.rays;
+        for (int v = 0; v < Block64::kVectors; ++v) {
             for (int k = 0; k < 4; ++k) {
                 tile.origin[k][v] = all(tile.sharedOrigin[k]);
                 tile.from[k][v][0] = tile.from[k][v][1] = all(tile.sharedFrom[k]);
             }
             tile.previous[v] = all(int32_t(-1));
         }
-        Floats total[kVectors]; // distance from the eye
+        Floats total[Block64::kVectors]; // distance from the eye
         bool done = true;
         for (int layer = 0; rays; ++layer) {
             const size_t at = size_t(layer) * stride;
@@ -345,8 +443,8 @@ void multiple(const RayBlock& block) {
             clearHits(tile);
             done = walkOctants<SuccessiveTile>(block, tile, rays);
             if (!done) break;
-            const RaySet hit = hits(tile) & rays;
-            for (int v = 0; v < kVectors; ++v) {
+            const Set64 hit = hits(tile) & rays;
+            for (int v = 0; v < Block64::kVectors; ++v) {
                 const Floats t = tile.best[v];
                 total[v] = layer > 0 ? t + total[v] : t;
                 tile.previous[v] = tile.recent[layer % kRing][v] = tile.triangle[v];

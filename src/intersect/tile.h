@@ -18,28 +18,31 @@
 namespace zenr {
 namespace ZENR_LEVEL {
 
-constexpr int kTileRays = 64;
-constexpr int kVectors = kTileRays / kLanes;
+// A set of rays of a tile, one bit a ray.
+template <int Rays> struct SetOf { typedef uint64_t Type; };
+template <> struct SetOf<16> { typedef uint32_t Type; };
 
-typedef uint64_t RaySet; // one bit a ray of a tile
-
-ZENR_INLINE Bits part(RaySet set, int v) {
+template <class Set> ZENR_INLINE Bits part(Set set, int v) {
     return Bits(set >> (v * kLanes)) & kAllLanes;
 }
-ZENR_INLINE RaySet whole(Bits bits, int v) {
-    return RaySet(bits) << (v * kLanes);
+template <class Set> ZENR_INLINE Set whole(Bits bits, int v) {
+    return Set(bits) << (v * kLanes);
 }
 
 // Four entries where three would do, so that the two-bit axis numbers of a malformed node or record stay inside.
-struct Tile {
+template <int Rays> struct Tile {
+    typedef typename SetOf<Rays>::Type Set;
+    static constexpr int kRays = Rays;
+    static constexpr int kVectors = Rays / kLanes;
+
     Floats direction[4][kVectors];
     Floats inverse[4][kVectors]; // reciprocal of the direction, or its stand-in
     Floats tmin[kVectors], tmax[kVectors];
     Floats best[kVectors]; // running best distance
     Floats weight[2][kVectors];
     Ints triangle[kVectors];
-    RaySet negative[4]; // rays whose upper child comes first
-    float reach;        // largest direction component of any ray
+    Set negative[4]; // rays whose upper child comes first
+    float reach;     // largest direction component of any ray
     // The origin that all rays share, or each ray's own: for plane decisions, and for the triangle test.
     float sharedOrigin[4];
     double sharedFrom[4];
@@ -83,8 +86,8 @@ struct Triangle {
     double u, w, num;
 };
 
-template <class Search>
-ZENR_INLINE void load(Triangle& r, const ZenrTriangleAccel& from, int number, const Tile& tile) {
+template <class Search, class T>
+ZENR_INLINE void load(Triangle& r, const ZenrTriangleAccel& from, int number, const T& tile) {
     r.number = number;
     r.k = int(from.axes >> 4) & 3;
     r.a = int(from.axes >> 2) & 3;
@@ -111,7 +114,8 @@ struct Solution {
 };
 
 // The rays of a half that hit the triangle's plane inside it; operation for operation as for one ray.
-template <class Search, int Half> ZENR_INLINE Bits inside(const Triangle& r, const Tile& tile, int v, Solution& s) {
+template <class Search, int Half, class T>
+ZENR_INLINE Bits inside(const Triangle& r, const T& tile, int v, Solution& s) {
     const Doubles dA = toDoubles<Half>(tile.direction[r.a][v]), dB = toDoubles<Half>(tile.direction[r.b][v]),
                   dK = toDoubles<Half>(tile.direction[r.k][v]);
     s.det = all(r.nA) * dA + all(r.nB) * dB + dK;
@@ -187,7 +191,7 @@ ZENR_INLINE void outline(Outline& o, const Triangle& r, const ZenrTriangleAccel&
     o.k = r.k;
 }
 
-ZENR_INLINE Bits mayBeInside(const Outline& o, const Tile& tile, int v) {
+template <class T> ZENR_INLINE Bits mayBeInside(const Outline& o, const T& tile, int v) {
     const Floats dA = tile.direction[o.a][v], dB = tile.direction[o.b][v], dK = tile.direction[o.k][v];
     const Floats alpha = all(o.alpha[0]) * dA + all(o.alpha[1]) * dB + all(o.alpha[2]) * dK;
     const Floats beta = all(o.beta[0]) * dA + all(o.beta[1]) * dB + all(o.beta[2]) * dK;
@@ -199,7 +203,7 @@ ZENR_INLINE Bits mayBeInside(const Outline& o, const Tile& tile, int v) {
 }
 
 // Tests a triangle for the rays of a vector that `bits` names, and takes its hits; returns them.
-template <class Search> ZENR_INLINE Bits takeHits(const Triangle& r, Tile& tile, int v, Bits bits) {
+template <class Search, class T> ZENR_INLINE Bits takeHits(const Triangle& r, T& tile, int v, Bits bits) {
     Solution low = {}, high = {};
     Bits hit = 0;
     // A half without a ray in question is left out; its results are not looked at.
@@ -240,8 +244,9 @@ template <class Search> ZENR_INLINE Bits takeHits(const Triangle& r, Tile& tile,
 // The triangles of a leaf in list order; returns the rays whose search ends here.
 constexpr int kBatch = 8;
 
-template <class Search>
-ZENR_INLINE RaySet testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, Tile& tile, RaySet active) {
+template <class Search, class T>
+ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, T& tile,
+                                     typename T::Set active) {
     const uint32_t w0 = leaf->w0, w1 = leaf->w1;
     int inlined[3];
     const int* list = inlined;
@@ -257,11 +262,11 @@ ZENR_INLINE RaySet testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel*
         const uint32_t forward = 0u - (w0 & kListOffsetMask);
         list = reinterpret_cast<const int*>(reinterpret_cast<const char*>(leaf) + forward);
     }
-    const RaySet before = active;
+    const typename T::Set before = active;
     for (uint32_t done = 0; done < count; done += kBatch) {
         const int batch = count - done < uint32_t(kBatch) ? int(count - done) : kBatch;
         // Without a branch that depends on a ray, so that the processor works on several triangles at a time.
-        RaySet inQuestion[kBatch];
+        typename T::Set inQuestion[kBatch];
         if (Search::kOwnOrigins) {
             for (int i = 0; i < batch; ++i) inQuestion[i] = accel[list[i]].axes == 0 ? 0 : active;
         } else {
@@ -272,22 +277,23 @@ ZENR_INLINE RaySet testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel*
                 outline(outlines[i], r, accel[list[i]], tile.reach);
                 inQuestion[i] = 0;
             }
-            for (int v = 0; v < kVectors; ++v) {
+            for (int v = 0; v < T::kVectors; ++v) {
                 const Bits bits = part(active, v);
                 if (!bits) continue;
-                for (int i = 0; i < batch; ++i) inQuestion[i] |= whole(bits & mayBeInside(outlines[i], tile, v), v);
+                for (int i = 0; i < batch; ++i)
+                    inQuestion[i] |= whole<typename T::Set>(bits & mayBeInside(outlines[i], tile, v), v);
             }
         }
         for (int i = 0; i < batch; ++i) {
-            RaySet rays = inQuestion[i] & active;
+            typename T::Set rays = inQuestion[i] & active;
             if (!rays || accel[list[i]].axes == 0) continue;
             Triangle r;
             load<Search>(r, accel[list[i]], list[i], tile);
-            for (int v = 0; v < kVectors; ++v) {
+            for (int v = 0; v < T::kVectors; ++v) {
                 const Bits bits = part(rays, v);
                 if (!bits) continue;
                 const Bits hit = takeHits<Search>(r, tile, v, bits);
-                if (Search::kSegment) active &= ~whole(hit, v);
+                if (Search::kSegment) active &= ~whole<typename T::Set>(hit, v);
             }
         }
         if (Search::kSegment && !active) break;
@@ -318,11 +324,11 @@ struct Bounds {
     Span tmin, tmax;
 };
 
-template <class Search> ZENR_INLINE void bound(Bounds& bounds, const Tile& tile, RaySet rays) {
+template <class Search, class T> ZENR_INLINE void bound(Bounds& bounds, const T& tile, typename T::Set rays) {
     const float inf = __builtin_inff();
     const auto spanOf = [rays, inf](const Floats* x) {
         Floats low = all(inf), high = all(-inf);
-        for (int v = 0; v < kVectors; ++v) {
+        for (int v = 0; v < T::kVectors; ++v) {
             const Bits bits = part(rays, v);
             if (!bits) continue;
             low = smaller(select(bits, x[v], low), low);
@@ -330,15 +336,15 @@ template <class Search> ZENR_INLINE void bound(Bounds& bounds, const Tile& tile,
         }
         return Span{least(low), greatest(high)};
     };
-    RaySet odd = 0;
-    for (int v = 0; v < kVectors; ++v) {
+    typename T::Set odd = 0;
+    for (int v = 0; v < T::kVectors; ++v) {
         Bits fine = lessEqual(tile.tmin[v], tile.tmax[v]);
         for (int k = 0; k < 3; ++k) {
             const Floats size = absolute(tile.inverse[k][v]);
             fine &= less(Floats{}, size) & less(size, all(inf));
             if (Search::kOwnOrigins) fine &= less(absolute(tile.origin[k][v]), all(inf));
         }
-        odd |= whole(~fine & kAllLanes, v);
+        odd |= whole<typename T::Set>(~fine & kAllLanes, v);
     }
     const bool usable = !(odd & rays);
     const float nan = __builtin_nanf("");
@@ -365,26 +371,29 @@ template <class Search> ZENR_INLINE Span crossing(const Bounds& bounds, int axis
 }
 
 // The far child of a node, and the rays that are to visit it.
-struct Pending {
+template <class T> struct Pending {
     const ZenrKDTreeNode* node;
-    RaySet always; // these did not visit the near child
-    RaySet unless; // these did, and stop there if what they found ends before tmin
+    typename T::Set always; // these did not visit the near child
+    typename T::Set unless; // these did, and stop there if what they found ends before tmin
     Span tminBounds, tmaxBounds;
-    Floats tmin[kVectors], tmax[kVectors];
+    Floats tmin[T::kVectors], tmax[T::kVectors];
 };
 
 // Walks the tree with rays that agree about near children, each over its interval. False where a tree that no builder
 // of ours makes needs a larger stack: the caller traces these rays one by one.
-template <class Search>
-ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, Tile& tile, RaySet rays) {
-    Pending stack[kMaxTreeDepth];
+template <class Search, class T>
+ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, T& tile, typename T::Set rays,
+                      int room = kMaxTreeDepth) {
+    Pending<T> stack[kMaxTreeDepth];
     int pending = 0;
-    Bounds bounds;
-    bound<Search>(bounds, tile, rays);
+    Bounds bounds = {};
+    // Rays that go apart gain nothing from bounds.
+    constexpr bool kBounded = T::kRays > 16;
+    if (kBounded) bound<Search>(bounds, tile, rays);
     int nearChild[4];
     for (int k = 0; k < 4; ++k) nearChild[k] = (tile.negative[k] & rays) != 0;
-    RaySet active = rays;
-    RaySet alive = rays; // of segments: not blocked yet
+    typename T::Set active = rays;
+    typename T::Set alive = rays; // of segments: not blocked yet
 
     for (;;) {
         while (!(node->w0 & kLeafBit)) {
@@ -396,25 +405,25 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
             const ZenrKDTreeNode* nearer = children + nearChild[axis];
             const ZenrKDTreeNode* farther = children + (1 - nearChild[axis]);
 
-            const Span cross = crossing<Search>(bounds, axis, split);
-            if (cross.low - bounds.tmax.high > Search::kTolerance) {
+            const Span cross = kBounded ? crossing<Search>(bounds, axis, split) : Span{};
+            if (kBounded && cross.low - bounds.tmax.high > Search::kTolerance) {
                 node = nearer;
                 continue;
             }
-            if (bounds.tmin.low - cross.high > Search::kTolerance) {
+            if (kBounded && bounds.tmin.low - cross.high > Search::kTolerance) {
                 node = farther;
                 continue;
             }
 
-            Floats t[kVectors];
-            RaySet farOnly = 0, nearOnly = 0;
+            Floats t[T::kVectors];
+            typename T::Set farOnly = 0, nearOnly = 0;
             const Floats tolerance = all(Search::kTolerance);
-            for (int v = 0; v < kVectors; ++v) {
+            for (int v = 0; v < T::kVectors; ++v) {
                 if (!part(active, v)) continue;
                 t[v] = (all(split) - (Search::kOwnOrigins ? tile.origin[axis][v] : all(tile.sharedOrigin[axis]))) *
                        tile.inverse[axis][v];
-                farOnly |= whole(less(tolerance, tile.tmin[v] - t[v]), v);
-                nearOnly |= whole(less(tolerance, t[v] - tile.tmax[v]), v);
+                farOnly |= whole<typename T::Set>(less(tolerance, tile.tmin[v] - t[v]), v);
+                nearOnly |= whole<typename T::Set>(less(tolerance, t[v] - tile.tmax[v]), v);
             }
             farOnly &= active;
             nearOnly &= active & ~farOnly;
@@ -427,9 +436,9 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
                 continue;
             }
 
-            const RaySet both = active & ~farOnly & ~nearOnly;
-            if (pending == kMaxTreeDepth) return false;
-            Pending& later = stack[pending++];
+            const typename T::Set both = active & ~farOnly & ~nearOnly;
+            if (pending == room) return false;
+            Pending<T>& later = stack[pending++];
             later.node = farther;
             later.always = farOnly;
             later.unless = both;
@@ -437,7 +446,7 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
                                  largerOf(bounds.tmin.high, smallerOf(cross.high, bounds.tmax.high))};
             later.tminBounds = {middle.low, largerOf(middle.high, bounds.tmin.high)};
             later.tmaxBounds = bounds.tmax;
-            for (int v = 0; v < kVectors; ++v) {
+            for (int v = 0; v < T::kVectors; ++v) {
                 if (!part(active, v)) continue;
                 const Bits split2 = part(both, v);
                 const Floats m = larger(tile.tmin[v], smaller(t[v], tile.tmax[v]));
@@ -449,7 +458,7 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
             active &= ~farOnly;
             node = nearer;
         }
-        const RaySet ended = testLeaf<Search>(node, accel, tile, active);
+        const typename T::Set ended = testLeaf<Search>(node, accel, tile, active);
         if (Search::kSegment) {
             alive &= ~ended;
             if (!alive) return true;
@@ -458,18 +467,18 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
         // The interval that a ray searched last ended at the tmin of the entry.
         for (;;) {
             if (pending == 0) return true;
-            const Pending& next = stack[--pending];
+            const Pending<T>& next = stack[--pending];
             active = next.always;
-            for (int v = 0; v < kVectors; ++v) {
+            for (int v = 0; v < T::kVectors; ++v) {
                 const Bits bits = part(next.unless, v);
                 if (!bits) continue;
                 const Floats best = Search::kSegment ? all(1.f) : tile.best[v];
-                active |= whole(bits & ~lessEqual(best, next.tmin[v]), v);
+                active |= whole<typename T::Set>(bits & ~lessEqual(best, next.tmin[v]), v);
             }
             if (Search::kSegment) active &= alive;
             if (!active) continue;
             node = next.node;
-            for (int v = 0; v < kVectors; ++v) {
+            for (int v = 0; v < T::kVectors; ++v) {
                 if (!part(active, v)) continue;
                 tile.tmin[v] = next.tmin[v];
                 tile.tmax[v] = next.tmax[v];

@@ -1,0 +1,238 @@
+// Rays that go apart: thousands with origins of their own walk the tree as lists. At a node a list is split into the rays
+// of each child, packed again; what is left of a list when it has become short finishes its subtree as a packet of
+// sixteen. So a packet is made of rays that have come to the same place, wherever they set out. (Boulos and others,
+// "Adaptive Ray Packet Reordering", 2008; Tsakok, "Faster Incoherent Rays", 2009.)
+//
+// As in a tile, every ray keeps its own interval and stop rule, and sees nodes and triangles in the order of its own.
+#pragma once
+#include "intersect/tile.h"
+
+namespace zenr {
+namespace ZENR_LEVEL {
+
+constexpr int kStreamRays = 4096;
+constexpr int kPacketRays = 16;
+typedef Tile<kPacketRays> Packet;
+
+// Rays in tile order, and what they have found.
+struct Stream {
+    float* origin[3];
+    float* direction[3];
+    float* inverse[3];
+    float* tmin; // intervals within the box
+    float* tmax;
+    float* best;
+    float* weight[2];
+    int* triangle;
+    // Lists: the number of a ray, and its interval. In a list that is pending, kStopsIfFound marks the rays that visit the
+    // near child before and stop if what they find there ends before tmin.
+    uint32_t* listRay;
+    float* listMin;
+    float* listMax;
+    int listRoom;
+};
+
+constexpr uint32_t kStopsIfFound = 0x80000000u;
+
+// Elements of the arrays above for so many rays, and of the lists.
+constexpr int kStreamArrays = 15;
+constexpr int listRoomFor(int rays) {
+    return 6 * rays + 2 * kLanes;
+}
+
+// Lays the arrays out in memory of (kStreamArrays * rays + 3 * listRoomFor(rays)) words; rays is a multiple of 64.
+inline void layOut(Stream& stream, float* memory, int rays) {
+    float** const arrays[] = {&stream.origin[0],    &stream.origin[1],    &stream.origin[2],  &stream.direction[0],
+                              &stream.direction[1], &stream.direction[2], &stream.inverse[0], &stream.inverse[1],
+                              &stream.inverse[2],   &stream.tmin,         &stream.tmax,       &stream.best,
+                              &stream.weight[0],    &stream.weight[1]};
+    for (float** array : arrays) {
+        *array = memory;
+        memory += rays;
+    }
+    stream.triangle = reinterpret_cast<int*>(memory);
+    memory += rays;
+    stream.listRoom = listRoomFor(rays);
+    stream.listRay = reinterpret_cast<uint32_t*>(memory);
+    stream.listMin = memory + stream.listRoom;
+    stream.listMax = memory + 2 * stream.listRoom;
+}
+
+ZENR_INLINE Floats gatherLanes(const float* from, Ints at) {
+#if defined(__AVX512BW__)
+    return (Floats)_mm512_i32gather_ps((__m512i)at, from, 4);
+#elif defined(__AVX2__)
+    return (Floats)_mm256_i32gather_ps(from, (__m256i)at, 4);
+#else
+    return Floats{from[at[0]], from[at[1]], from[at[2]], from[at[3]]};
+#endif
+}
+
+ZENR_INLINE Floats loadLanes(const float* from) {
+    Floats x;
+    __builtin_memcpy(&x, from, sizeof x);
+    return x;
+}
+ZENR_INLINE Ints loadLanes(const uint32_t* from) {
+    Ints x;
+    __builtin_memcpy(&x, from, sizeof x);
+    return x;
+}
+
+// Writes the lanes of `bits` one after the other; what follows them, up to a register, is overwritten too.
+ZENR_INLINE void pack(Bits bits, Ints ray, Floats tmin, Floats tmax, const Stream& stream, int at) {
+#if defined(__AVX512BW__)
+    _mm512_storeu_si512(stream.listRay + at, _mm512_maskz_compress_epi32(__mmask16(bits), (__m512i)ray));
+    _mm512_storeu_ps(stream.listMin + at, _mm512_maskz_compress_ps(__mmask16(bits), (__m512)tmin));
+    _mm512_storeu_ps(stream.listMax + at, _mm512_maskz_compress_ps(__mmask16(bits), (__m512)tmax));
+#else
+    for (int i = 0; i < kLanes; ++i) {
+        stream.listRay[at] = uint32_t(ray[i]);
+        stream.listMin[at] = tmin[i];
+        stream.listMax[at] = tmax[i];
+        at += bits >> i & 1;
+    }
+#endif
+}
+
+ZENR_INLINE int countOf(Bits bits) {
+    return __builtin_popcount(bits);
+}
+
+struct List {
+    const ZenrKDTreeNode* node;
+    int begin, count;
+};
+
+// Lanes of a list from its element `at` on that belong to it.
+ZENR_INLINE Bits lanesLeft(int at, int count) {
+    return count - at >= kLanes ? kAllLanes : count > at ? (Bits(1) << (count - at)) - 1 : 0;
+}
+
+// Splits a list at an interior node: the near child's rays stay in its place, the far child's go to `top`.
+ZENR_INLINE void split(const Stream& stream, const List& list, int axis, float plane, int top, int& nearCount,
+                       int& farCount) {
+    nearCount = farCount = 0;
+    const Floats tolerance = all(kSplitTolerance);
+    for (int i = 0; i < list.count; i += kLanes) {
+        const Bits lanes = lanesLeft(i, list.count);
+        const int at = list.begin + i;
+        const Ints ray = select(lanes, loadLanes(stream.listRay + at), Ints{});
+        const Floats tmin = loadLanes(stream.listMin + at), tmax = loadLanes(stream.listMax + at);
+        const Floats t = (all(plane) - gatherLanes(stream.origin[axis], ray)) * gatherLanes(stream.inverse[axis], ray);
+        const Bits farOnly = less(tolerance, tmin - t) & lanes;
+        const Bits nearOnly = less(tolerance, t - tmax) & lanes & ~farOnly;
+        const Bits both = lanes & ~farOnly & ~nearOnly;
+        const Floats middle = larger(tmin, smaller(t, tmax));
+        // The far list first: the near one overwrites what was just read.
+        pack(farOnly | both, select(both, ray | all(int32_t(kStopsIfFound)), ray), select(both, middle, tmin), tmax,
+             stream, top + farCount);
+        farCount += countOf(farOnly | both);
+        pack(nearOnly | both, ray, tmin, select(both, middle, tmax), stream, list.begin + nearCount);
+        nearCount += countOf(nearOnly | both);
+    }
+}
+
+// Removes the rays that stop before this list's node; clears the marks.
+ZENR_INLINE int filter(const Stream& stream, const List& list) {
+    int count = 0;
+    for (int i = 0; i < list.count; i += kLanes) {
+        const Bits lanes = lanesLeft(i, list.count);
+        const int at = list.begin + i;
+        const Ints marked = select(lanes, loadLanes(stream.listRay + at), Ints{});
+        const Ints ray = marked & all(int32_t(~kStopsIfFound));
+        const Floats tmin = loadLanes(stream.listMin + at), tmax = loadLanes(stream.listMax + at);
+        const Bits stops = equal(marked >> 31, all(int32_t(-1))) & lessEqual(gatherLanes(stream.best, ray), tmin);
+        const Bits alive = lanes & ~stops;
+        pack(alive, ray, tmin, tmax, stream, list.begin + count);
+        count += countOf(alive);
+    }
+    return count;
+}
+
+// Up to sixteen rays of a list, and what they search below a node.
+template <class Search>
+ZENR_INLINE bool finishAsPacket(const Stream& stream, const ZenrTriangleAccel* accel, const ZenrKDTreeNode* node,
+                                int begin, int count, const int (&nearChild)[4], int room, Packet& packet) {
+    const Packet::Set rays = (Packet::Set(1) << count) - 1;
+    for (int v = 0; v < Packet::kVectors; ++v) {
+        const int at = begin + v * kLanes;
+        const Ints ray = select(lanesLeft(v * kLanes, count), loadLanes(stream.listRay + at), Ints{});
+        packet.tmin[v] = loadLanes(stream.listMin + at);
+        packet.tmax[v] = loadLanes(stream.listMax + at);
+        packet.best[v] = gatherLanes(stream.best, ray);
+        packet.triangle[v] = all(int32_t(-1));
+        for (int k = 0; k < 3; ++k) {
+            packet.direction[k][v] = gatherLanes(stream.direction[k], ray);
+            packet.inverse[k][v] = gatherLanes(stream.inverse[k], ray);
+            const Floats o = packet.origin[k][v] = gatherLanes(stream.origin[k], ray);
+            packet.from[k][v][0] = toDoubles<0>(o);
+            packet.from[k][v][1] = toDoubles<1>(o);
+        }
+    }
+    for (int k = 0; k < 4; ++k) packet.negative[k] = nearChild[k] ? rays : 0;
+    if (!walk<Search>(node, accel, packet, rays, room)) return false;
+    for (int v = 0; v < Packet::kVectors; ++v) {
+        Bits hit = part(rays, v) & ~equal(packet.triangle[v], all(int32_t(-1)));
+        for (; hit; hit &= hit - 1) {
+            const int lane = __builtin_ctz(hit);
+            const uint32_t ray = stream.listRay[begin + v * kLanes + lane];
+            stream.best[ray] = packet.best[v][lane];
+            stream.weight[0][ray] = packet.weight[0][v][lane];
+            stream.weight[1][ray] = packet.weight[1][v][lane];
+            stream.triangle[ray] = packet.triangle[v][lane];
+        }
+    }
+    return true;
+}
+
+// Searches with the rays of the list at the beginning of the arrays, which agree about near children. False as walk().
+template <class Search>
+bool walkStream(const Stream& stream, const ZenrTriangleAccel* accel, const ZenrKDTreeNode* root, int count,
+                const int (&nearChild)[4]) {
+    List pendingLists[kMaxTreeDepth];
+    int pending = 0;
+    List list = {root, 0, count};
+    Packet packet;
+    for (int v = 0; v < Packet::kVectors; ++v) {
+        packet.direction[3][v] = packet.inverse[3][v] = packet.origin[3][v] = Floats{};
+        packet.from[3][v][0] = packet.from[3][v][1] = Doubles{};
+    }
+    int top = count + kLanes; // a register may be written behind the end of a list
+    for (;;) {
+        while (list.count > kPacketRays && !(list.node->w0 & kLeafBit) && int(list.node->w0 & kAxisMask) < 3 &&
+               top + list.count + kLanes <= stream.listRoom) {
+            const int axis = int(list.node->w0 & kAxisMask);
+            float plane;
+            __builtin_memcpy(&plane, &list.node->w1, sizeof plane);
+            const ZenrKDTreeNode* children = reinterpret_cast<const ZenrKDTreeNode*>(
+                reinterpret_cast<const char*>(list.node) + (list.node->w0 & kChildOffsetMask));
+            const ZenrKDTreeNode* nearer = children + nearChild[axis];
+            const ZenrKDTreeNode* farther = children + (1 - nearChild[axis]);
+            int nearCount, farCount;
+            split(stream, list, axis, plane, top, nearCount, farCount);
+            if (farCount) {
+                if (pending == kMaxTreeDepth) return false;
+                pendingLists[pending++] = {farther, top, farCount};
+                top += farCount + kLanes;
+            }
+            list.count = nearCount;
+            list.node = nearer;
+        }
+        for (int i = 0; i < list.count; i += kPacketRays) {
+            const int n = list.count - i < kPacketRays ? list.count - i : kPacketRays;
+            if (!finishAsPacket<Search>(stream, accel, list.node, list.begin + i, n, nearChild, kMaxTreeDepth - pending,
+                                        packet))
+                return false;
+        }
+        do {
+            if (pending == 0) return true;
+            list = pendingLists[--pending];
+            list.count = filter(stream, list);
+        } while (list.count == 0);
+        top = list.begin + list.count + kLanes;
+    }
+}
+
+} // namespace ZENR_LEVEL
+} // namespace zenr
