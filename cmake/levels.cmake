@@ -11,9 +11,10 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
 else()
   set(ZENR_BASELINE_FLAGS)
 endif()
-# No FMA at any level: a fused multiply-add gives other bits than a multiplication and an addition.
+# A fused multiply-add gives other bits than a multiplication and an addition. So the compiler never contracts to one
+# (-ffp-contract=off): only kernels that prove their results otherwise ask for it, by name.
 set(ZENR_LEVEL_FLAGS_sse2)
-set(ZENR_LEVEL_FLAGS_avx2 -mavx2 -mpopcnt -mlzcnt -mbmi -mbmi2)
+set(ZENR_LEVEL_FLAGS_avx2 -mavx2 -mfma -mpopcnt -mlzcnt -mbmi -mbmi2)
 set(ZENR_LEVEL_FLAGS_avx512 ${ZENR_LEVEL_FLAGS_avx2} -mavx512f -mavx512bw -mavx512dq -mavx512vl
     -mprefer-vector-width=512)
 

@@ -10,7 +10,7 @@ namespace zenr {
 // that cmake/levels.cmake switches on.
 Level bestLevel() {
     if (!__builtin_cpu_supports("avx2") || !__builtin_cpu_supports("bmi") || !__builtin_cpu_supports("bmi2") ||
-        !__builtin_cpu_supports("popcnt") || !__builtin_cpu_supports("lzcnt"))
+        !__builtin_cpu_supports("popcnt") || !__builtin_cpu_supports("lzcnt") || !__builtin_cpu_supports("fma"))
         return Level::sse2;
     if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512dq") &&
         __builtin_cpu_supports("avx512vl"))

@@ -4,19 +4,29 @@
 
 namespace zenr {
 
-// Columns [begin, end) of one row, through the interior's kernel: a position's taps are laid side by side first.
+// Enough columns for a kernel to go about its work in whole vectors.
+constexpr int kBorderColumns = 16;
+
+// Columns [begin, end) of one row, through the interior's kernel: the voxels that their taps span are laid side by side
+// first, the row's end voxels standing for what lies beyond. Columns inside come out as they would by themselves.
 template <class P>
-void borderColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, typename P::Inter* dst, int begin,
-                   int end) {
-    for (int x = begin; x < end; ++x) {
-        int taps[P::kTaps];
-        P::borderTaps(block.axis[0], block.index[x], taps);
-        typename P::Voxel voxels[P::kTaps];
-        for (int k = 0; k < P::kTaps; ++k) voxels[k] = src[taps[k]];
-        const typename P::Voxel* const row = voxels;
+void borderColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, const RowBound& bound,
+                   typename P::Inter* dst, int begin, int end) {
+    const AxisMap& axis = block.axis[0];
+    constexpr int kMost = 128;
+    typename P::Voxel voxels[kMost];
+    for (int x = begin; x < end;) {
+        int n = end - x < kBorderColumns ? end - x : kBorderColumns;
+        const int first = block.index[x] + P::kFirstTap;
+        // In a strong reduction every column stands alone: nothing but its taps is needed between its first and last.
+        while (n > 1 && (long long)block.index[x + n - 1] + P::kFirstTap + P::kTaps - first > kMost) n = 1;
+        const int count = block.index[x + n - 1] + P::kFirstTap + P::kTaps - first;
+        for (int i = 0; i < count; ++i) voxels[i] = src[axis.clamped(first + i)];
+        const typename P::Voxel* const row = voxels - first;
         typename P::Inter* const out = dst + x;
-        const int index = -P::kFirstTap;
-        P::row(*block.kernels, &row, &out, 1, &index, block.weights + x, block.stride, 1);
+        P::row(*block.kernels, &row, &out, 1, block.index + x, block.weights + ptrdiff_t(x) * P::kWeightsPerColumn,
+               block.guarded + x, &bound, n);
+        x += n;
     }
 }
 

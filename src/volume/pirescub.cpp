@@ -1,8 +1,7 @@
 // The cubic passes of volume resize, once per level.
 #include "volume/pirescub.h"
 
-#include "volume/presround.h"
-#include "volume/presvec.h"
+#include "volume/presguard.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
@@ -13,76 +12,151 @@ inline long double exactSum(long double s0, long double s1, long double s2, long
     return w0 * s0 + w1 * s1 + w2 * s2 + w3 * s3;
 }
 
-// A row pass: taps through the index table, weights in one array per tap.
+// A row pass: taps through the index table.
 template <class T> struct RowSums {
     const T* s;
     const int* index;
-    const double *w0, *w1, *w2, *w3;
+    const double* w;
     Sum sum(int x) const {
         const T* const t = s + index[x];
-        return cubicSum(w0[x] * t[0], w1[x] * t[1], w2[x] * t[2], w3[x] * t[3]);
+        const double* const v = w + 4 * ptrdiff_t(x);
+        return cubicSum(v[0] * t[0], v[1] * t[1], v[2] * t[2], v[3] * t[3]);
     }
     long double exact(int x) const {
         const T* const t = s + index[x];
-        return exactSum(t[0], t[1], t[2], t[3], w0[x], w1[x], w2[x], w3[x]);
+        const double* const v = w + 4 * ptrdiff_t(x);
+        return exactSum(t[0], t[1], t[2], t[3], v[0], v[1], v[2], v[3]);
     }
 };
+
+#if defined(__AVX2__)
+// The same out of a window of voxels that were turned to doubles: window[i] is voxel first + i.
+template <class T> struct WindowSums : RowSums<T> {
+    const int* guarded;
+    const double* window;
+    int first;
+    const double* taps(int x) const { return window + (this->index[x] - first); }
+    // The sums of the four lanes of what f gives for each of four columns.
+    template <class F> static ZENR_INLINE __m256d pair(int x, const F& f) {
+        const __m256d a = f(x), b = f(x + 1);
+        return _mm256_add_pd(_mm256_unpacklo_pd(a, b), _mm256_unpackhi_pd(a, b));
+    }
+    template <class F> static ZENR_INLINE __m256d four(int x, const F& f) {
+        const __m256d a = pair(x, f), b = pair(x + 2, f);
+        return _mm256_add_pd(_mm256_permute2f128_pd(a, b, 0x20), _mm256_permute2f128_pd(a, b, 0x31));
+    }
+    ZENR_INLINE Eight eight(int x) const {
+        const auto product = [this](int i) __attribute__((always_inline)) {
+            return _mm256_mul_pd(_mm256_loadu_pd(taps(i)), _mm256_load_pd(this->w + 4 * ptrdiff_t(i)));
+        };
+        return {four(x, product), four(x + 4, product)};
+    }
+    ZENR_INLINE Eight size(int x) const {
+        const auto tap = [this](int i) __attribute__((always_inline)) {
+            return absolute(_mm256_loadu_pd(taps(i)));
+        };
+        return {four(x, tap), four(x + 4, tap)};
+    }
+    ZENR_INLINE __m256 needed(int x) const {
+        return _mm256_castsi256_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x)));
+    }
+    bool zero16(int x) const { return zeroRun(taps(x), int(taps(x + 15) - taps(x)) + 4); }
+};
+
+constexpr int kWindow = 320; // voxels in L1
+constexpr int kColumns = 128;
+
+ZENR_INLINE void widen4(const uint8_t* s, double* d) {
+    int four;
+    __builtin_memcpy(&four, s, 4);
+    _mm256_storeu_pd(d, _mm256_cvtepi32_pd(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(four))));
+}
+ZENR_INLINE void widen4(const uint16_t* s, double* d) {
+    _mm256_storeu_pd(d, _mm256_cvtepi32_pd(_mm_cvtepu16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(s)))));
+}
+ZENR_INLINE void widen4(const float* s, double* d) {
+    _mm256_storeu_pd(d, _mm256_cvtps_pd(_mm_loadu_ps(s)));
+}
+#endif
 
 template <class T>
-void rowCubic(const T* const* rows, float* const* dst, int rowCount, const int* index, const double* weights,
-              int stride, int n) {
-    for (int r = 0; r < rowCount; ++r) {
-        const T* const s = rows[r] - 1;
-        const RowSums<T> sums = {s, index, weights, weights + stride, weights + 2 * stride, weights + 3 * stride};
-#if defined(ZENR_LEVEL_avx512)
-        constexpr int kGroup = 8;
-        if (n >= kGroup) {
-            for (int begin = 0; begin < n; begin += kGroup) {
-                const int x = n - begin < kGroup ? n - kGroup : begin; // the last group may overlap the one before
-                __m512d t[4];
-                bool settled = tapsOf8<4>(s, index + x, t);
-                if (settled) {
-                    for (int k = 0; k < 4; ++k) t[k] = _mm512_mul_pd(t[k], _mm512_loadu_pd(weights + x + k * stride));
-                    const __m512d sum = _mm512_add_pd(_mm512_add_pd(_mm512_add_pd(t[0], t[1]), t[2]), t[3]);
-                    const __m512d size = _mm512_add_pd(_mm512_add_pd(_mm512_abs_pd(t[0]), _mm512_abs_pd(t[1])),
-                                                       _mm512_add_pd(_mm512_abs_pd(t[2]), _mm512_abs_pd(t[3])));
-                    settled = !storeDoubtfully8(dst[r] + x, sum, size);
-                }
-                if (!settled) roundRun(sums, dst[r], x, kGroup);
+void rowCubicOne(const RowSums<T>& sums, const int* guarded, const RowBound& bound, float* dst, int n) {
+#if defined(__AVX2__)
+    if (n >= 16) {
+        alignas(64) double window[kWindow];
+        for (int x = 0; x < n;) {
+            // Columns whose taps fit in the window; the last sixteen may overlap those before.
+            if (n - x < 16) x = n - 16;
+            const int first = sums.index[x];
+            int columns = n - x < kColumns ? n - x : kColumns;
+            int count = sums.index[x + columns - 1] + 4 - first;
+            if (count > kWindow) {
+                columns = 16;
+                count = sums.index[x + columns - 1] + 4 - first;
             }
-            continue;
-        }
-#endif
-        roundRow(sums, dst[r], n);
-    }
-}
-
-// A column or depth pass: four rows, four weights.
-struct ColumnSums {
-    const float *r0, *r1, *r2, *r3;
-    double w0, w1, w2, w3;
-    Sum sum(int x) const { return cubicSum(w0 * r0[x], w1 * r1[x], w2 * r2[x], w3 * r3[x]); }
-    long double exact(int x) const { return exactSum(r0[x], r1[x], r2[x], r3[x], w0, w1, w2, w3); }
-};
-
-void colCubic(const float* const rows[4], const float* w, float* dst, int n) {
-    const ColumnSums sums = {rows[0], rows[1], rows[2], rows[3], w[0], w[1], w[2], w[3]};
-#if defined(ZENR_LEVEL_avx512)
-    constexpr int kGroup = 16;
-    if (n >= kGroup) {
-        const __m512d weights[4] = {_mm512_set1_pd(w[0]), _mm512_set1_pd(w[1]), _mm512_set1_pd(w[2]),
-                                    _mm512_set1_pd(w[3])};
-        for (int begin = 0; begin < n; begin += kGroup) {
-            const int x = n - begin < kGroup ? n - kGroup : begin; // the last group may overlap the one before
-            if (__builtin_expect(column16(rows, x, weights, dst) != 0, 0)) roundRun(sums, dst, x, kGroup);
+            if (count > kWindow) {
+                roundRun(sums, dst, x, columns);
+            } else {
+                for (int i = 0; i < count; i += 4) {
+                    const int from = count - i < 4 ? count - 4 : i;
+                    widen4(sums.s + first + from, window + from);
+                }
+                const WindowSums<T> fast = {sums, guarded, window, first};
+                roundTaps(fast, bound, dst, x, x + columns);
+            }
+            x += columns;
         }
         return;
     }
 #endif
+    (void)guarded;
+    (void)bound;
     roundRow(sums, dst, n);
 }
 
-constexpr int kRun = 64; // voxels that share one test of doubt
+template <class T>
+void rowCubic(const T* const* rows, float* const* dst, int rowCount, const int* index, const double* weights,
+              const int* guarded, const RowBound* bounds, int n) {
+    for (int r = 0; r < rowCount; ++r)
+        rowCubicOne(RowSums<T>{rows[r] - 1, index, weights}, guarded, bounds[r], dst[r], n);
+}
+
+// A column or depth pass: four rows, four weights.
+struct ColumnSums {
+    static constexpr int kRows = 4;
+    const float* const* rows;
+    double w[4];
+    ColumnSums(const float* const* r, const float* weights)
+        : rows(r), w{weights[0], weights[1], weights[2], weights[3]} {}
+    bool shortWeights() const { return isShort(w[0]) && isShort(w[1]) && isShort(w[2]) && isShort(w[3]); }
+    Sum sum(int x) const {
+        return cubicSum(w[0] * rows[0][x], w[1] * rows[1][x], w[2] * rows[2][x], w[3] * rows[3][x]);
+    }
+    long double exact(int x) const {
+        return exactSum(rows[0][x], rows[1][x], rows[2][x], rows[3][x], w[0], w[1], w[2], w[3]);
+    }
+#if defined(__AVX2__)
+    ZENR_INLINE Eight size(int x) const {
+        Eight s = absolute(widen8(rows[0] + x));
+        for (int k = 1; k < 4; ++k) s = plus(s, absolute(widen8(rows[k] + x)));
+        return s;
+    }
+    bool zero16(int x) const {
+        return zeroRows16<4>(rows, x);
+    }
+    ZENR_INLINE Eight eight(int x) const {
+        Eight s = times(widen8(rows[0] + x), _mm256_set1_pd(w[0]));
+        for (int k = 1; k < 4; ++k) s = multiplyAdd(widen8(rows[k] + x), _mm256_set1_pd(w[k]), s);
+        return s;
+    }
+#endif
+};
+
+void colCubic(const float* const rows[4], const float* w, float bound, float* dst, int n) {
+    const float* const r[4] = {rows[0], rows[1], rows[2], rows[3]};
+    const ColumnSums sums(r, w);
+    roundRows(sums, bound, sums.shortWeights(), dst, n);
+}
 
 // Half-way values and those up to 1e-7 below them round up: the constant is not 0.5 on purpose.
 constexpr double kHalfUp = 0.5000001;
@@ -97,37 +171,43 @@ template <class T> T depthExact(const ColumnSums& sums, int x) {
     return sum < 0 ? T(0) : sum > kMost ? T(kMost) : T(int(sum));
 }
 
-template <class T> void depCubicInteger(const float* const planes[4], const float* w, T* __restrict dst, int n) {
-    const ColumnSums sums = {planes[0], planes[1], planes[2], planes[3], w[0], w[1], w[2], w[3]};
+// Voxels [begin, begin + n): in double where that is certain, otherwise in extended precision.
+template <class T> __attribute__((noinline)) void depthRun(const ColumnSums& sums, T* dst, int begin, int n) {
     constexpr int kMost = T(~T(0));
-    int done = 0;
-#if defined(ZENR_LEVEL_avx512)
-    const __m512d weights[4] = {_mm512_set1_pd(w[0]), _mm512_set1_pd(w[1]), _mm512_set1_pd(w[2]), _mm512_set1_pd(w[3])};
-    for (; n - done >= 16; done += 16) {
-        __m512i voxels;
-        if (__builtin_expect(depthInteger16(planes, done, weights, kHalfUp, kSumError, kMost, &voxels) != 0, 0))
-            for (int x = done; x < done + 16; ++x) dst[x] = depthExact<T>(sums, x);
-        else
-            storeVoxels(dst + done, voxels);
+    int doubt = 0;
+    for (int x = begin; x < begin + n; ++x) {
+        const double sum = sums.sum(x).value + kHalfUp;
+        double low = sum - kSumError;
+        double high = sum + kSumError;
+        low = low < 0 ? 0 : low;
+        low = low > kMost ? kMost : low;
+        high = high < 0 ? 0 : high;
+        high = high > kMost ? kMost : high;
+        doubt |= int(low) ^ int(high);
+        dst[x] = T(int(low));
+    }
+    if (doubt)
+        for (int x = begin; x < begin + n; ++x) dst[x] = depthExact<T>(sums, x);
+}
+
+template <class T> void depCubicInteger(const float* const planes[4], const float* w, T* __restrict dst, int n) {
+    const float* const r[4] = {planes[0], planes[1], planes[2], planes[3]};
+    const ColumnSums sums(r, w);
+    constexpr int kGroup = 16;
+#if defined(__AVX2__)
+    if (n >= kGroup) {
+        for (int begin = 0; begin < n; begin += kGroup) {
+            const int x = n - begin < kGroup ? n - kGroup : begin; // the last group may overlap the one before
+            Fixed fixed = {_mm256_setzero_si256()};
+            const __m256i low = fixed.round(sums.eight(x));
+            const __m256i high = fixed.round(sums.eight(x + 8));
+            storeVoxels16(dst + x, words16(low, high));
+            if (__builtin_expect(!_mm256_testz_si256(fixed.doubt, fixed.doubt), 0)) depthRun(sums, dst, x, kGroup);
+        }
+        return;
     }
 #endif
-    for (int begin = done; begin < n; begin += kRun) {
-        const int end = n - begin < kRun ? n : begin + kRun;
-        int doubt = 0;
-        for (int x = begin; x < end; ++x) {
-            const double sum = sums.sum(x).value + kHalfUp;
-            double low = sum - kSumError;
-            double high = sum + kSumError;
-            low = low < 0 ? 0 : low;
-            low = low > kMost ? kMost : low;
-            high = high < 0 ? 0 : high;
-            high = high > kMost ? kMost : high;
-            doubt |= int(low) ^ int(high);
-            dst[x] = T(int(low));
-        }
-        if (doubt)
-            for (int x = begin; x < end; ++x) dst[x] = depthExact<T>(sums, x);
-    }
+    for (int begin = 0; begin < n; begin += kGroup) depthRun(sums, dst, begin, n - begin < kGroup ? n - begin : kGroup);
 }
 
 } // namespace
@@ -138,11 +218,12 @@ constexpr auto ownpi_RowCubic32pl = &rowCubic<float>;
 constexpr auto ownpi_ColCubic32pl = &colCubic;
 constexpr auto ownpr_DepCubic8pl = &depCubicInteger<uint8_t>;
 constexpr auto ownpr_DepCubic16pl = &depCubicInteger<uint16_t>;
-constexpr auto ownpr_DepCubic32pl = &colCubic; // the same sum, stored as it is
+constexpr auto ownpr_DepCubic32pl = &colCubic;
 
 extern const CubicKernels kCubic;
-const CubicKernels kCubic = {ownpi_RowCubic8pl, ownpi_RowCubic16pl, ownpi_RowCubic32pl, ownpi_ColCubic32pl,
-                             ownpr_DepCubic8pl, ownpr_DepCubic16pl, ownpr_DepCubic32pl};
+const CubicKernels kCubic = {
+    boundOf,           ownpi_RowCubic8pl,  ownpi_RowCubic16pl, ownpi_RowCubic32pl, ownpi_ColCubic32pl,
+    ownpr_DepCubic8pl, ownpr_DepCubic16pl, ownpr_DepCubic32pl};
 
 } // namespace ZENR_LEVEL
 } // namespace zenr

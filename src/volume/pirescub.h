@@ -3,6 +3,7 @@
 #include <stdint.h>
 
 #include "frame/dispatch.h"
+#include "volume/presbound.h"
 
 namespace zenr {
 
@@ -44,22 +45,24 @@ template <class Real> static inline Real ownpi_Cubic3Kernel(Real d) {
 // The four weights of each of n fractions, in the order of the taps (source positions i - 1 .. i + 2): 4 * n floats.
 void ownpi_CubicWeights(int mode, const float* fractions, int n, float* weights);
 
-// The passes. Row: the taps of destination column x lie at src[index[x] - 1] and on; its weight k at weights[k *
-// stride + x]. Sums run in extended precision, and each pass rounds once.
+// The passes. Row: the taps of destination column x lie at src[index[x] - 1] and on, its weights at weights[4 * x] and
+// on. guarded[x] is 0 where sums of voxels that are close to each other are exact in double, otherwise all ones.
+// Sums run in extended precision, and each pass rounds once. `bound` is RowBound's `most` for the rows.
 template <class T>
 using RowCubic = void(const T* const* rows, float* const* dst, int rowCount, const int* index, const double* weights,
-                      int stride, int n);
-using ColCubic = void(const float* const rows[4], const float* weights, float* dst, int n);
+                      const int* guarded, const RowBound* bounds, int n);
+using ColCubic = void(const float* const rows[4], const float* weights, float bound, float* dst, int n);
 template <class T> using DepCubic = void(const float* const planes[4], const float* weights, T* dst, int n);
 
 struct CubicKernels {
+    RowBound (*boundOf)(const float* v, int n);
     RowCubic<uint8_t>* row8;
     RowCubic<uint16_t>* row16;
     RowCubic<float>* row32;
     ColCubic* col;
     DepCubic<uint8_t>* dep8;
     DepCubic<uint16_t>* dep16;
-    DepCubic<float>* dep32;
+    ColCubic* dep32; // the same sum, stored as it is
 };
 
 namespace sse2 {

@@ -1,7 +1,7 @@
 // The linear passes of volume resize, once per level.
 #include "volume/pireslin.h"
 
-#include "volume/presround.h"
+#include "volume/presguard.h"
 #include "volume/presvec.h"
 
 namespace zenr {
@@ -39,32 +39,50 @@ struct RowLines {
     const float* s;
     const int* index;
     const float* f;
+    const int* guarded;
     Sum sum(int x) const { return linearSum(s[index[x]], s[index[x] + 1], f[x]); }
     long double exact(int x) const {
         const long double s0 = s[index[x]];
         return s0 + (s[index[x] + 1] - s0) * f[x];
     }
-};
-
-void rowFloat(const float* src, const int* index, const float* weights, float* dst, int n) {
-    const RowLines lines = {src, index, weights};
-#if defined(ZENR_LEVEL_avx512)
-    constexpr int kGroup = 8;
-    if (n >= kGroup) {
-        for (int begin = 0; begin < n; begin += kGroup) {
-            const int x = n - begin < kGroup ? n - kGroup : begin; // the last group may overlap the one before
-            __m512d s[2];
-            bool settled = tapsOf8<2>(src, index + x, s);
-            if (settled) {
-                const __m512d f = _mm512_cvtps_pd(_mm256_loadu_ps(weights + x));
-                const __m512d sum = _mm512_add_pd(s[0], _mm512_mul_pd(_mm512_sub_pd(s[1], s[0]), f));
-                settled = !storeDoubtfully8(dst + x, sum, _mm512_add_pd(_mm512_abs_pd(s[0]), _mm512_abs_pd(s[1])));
-            }
-            if (!settled) roundRun(lines, dst, x, kGroup);
-        }
-        return;
+#if defined(__AVX2__)
+    // The taps of columns x and x + 1.
+    ZENR_INLINE __m128 taps(int x) const {
+        const __m128 low = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(s + index[x])));
+        return _mm_loadh_pi(low, reinterpret_cast<const __m64*>(s + index[x + 1]));
+    }
+    ZENR_INLINE __m256d firsts(int x) const {
+        return _mm256_cvtps_pd(_mm_shuffle_ps(taps(x), taps(x + 2), 0x88));
+    }
+    ZENR_INLINE __m256d seconds(int x) const {
+        return _mm256_cvtps_pd(_mm_shuffle_ps(taps(x), taps(x + 2), 0xDD));
+    }
+    ZENR_INLINE __m256d four(int x) const {
+        const __m256d s0 = firsts(x);
+        return multiplyAdd(_mm256_sub_pd(seconds(x), s0), _mm256_cvtps_pd(_mm_loadu_ps(f + x)), s0);
+    }
+    ZENR_INLINE Eight eight(int x) const {
+        return {four(x), four(x + 4)};
+    }
+    ZENR_INLINE Eight size(int x) const {
+        return plus(absolute(Eight{firsts(x), firsts(x + 4)}), absolute(Eight{seconds(x), seconds(x + 4)}));
+    }
+    ZENR_INLINE __m256 needed(int x) const {
+        return _mm256_castsi256_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x)));
+    }
+    bool zero16(int x) const {
+        return zeroRun(s + index[x], index[x + 15] + 2 - index[x]);
     }
 #endif
+};
+
+void rowFloat(const float* src, const int* index, const float* weights, const int* guarded, const RowBound& bound,
+              float* dst, int n) {
+    const RowLines lines = {src, index, weights, guarded};
+#if defined(__AVX2__)
+    if (n >= 16) return roundTaps(lines, bound, dst, 0, n);
+#endif
+    (void)bound;
     roundRow(lines, dst, n);
 }
 
@@ -83,38 +101,63 @@ void blendFixed(const uint16_t* __restrict r0, const uint16_t* __restrict r1, ui
 
 // r1*f + r0*(1 - f). The products are exact where 1 - f is a float; otherwise it and r0's product err by 2^-53 each.
 struct Blends {
-    const float *r0, *r1;
+    static constexpr int kRows = 2;
+    const float* rows[2];
     double f, rest;
     double restError; // 0 where 1 - f is a float
     Sum sum(int x) const {
-        const double a = r1[x] * f;
-        const double b = r0[x] * rest;
+        const double a = rows[1][x] * f;
+        const double b = rows[0][x] * rest;
         const double value = a + b;
         return {value, sizeOf(a) + sizeOf(b), lost(a, b, value) + restError};
     }
     long double exact(int x) const {
         const long double w = f;
-        return r1[x] * w + r0[x] * (1 - w);
+        return rows[1][x] * w + rows[0][x] * (1 - w);
     }
+#if defined(__AVX2__)
+    ZENR_INLINE Eight size(int x) const {
+        return plus(absolute(widen8(rows[0] + x)), absolute(widen8(rows[1] + x)));
+    }
+    bool zero16(int x) const {
+        return zeroRows16<2>(rows, x);
+    }
+    ZENR_INLINE Eight eight(int x) const {
+        return multiplyAdd(widen8(rows[1] + x), _mm256_set1_pd(f), times(widen8(rows[0] + x), _mm256_set1_pd(rest)));
+    }
+#endif
 };
 
-void blendFloat(const float* r0, const float* r1, float w, float* dst, int n) {
+void blendFloat(const float* r0, const float* r1, float w, float bound, float* dst, int n) {
     const long double rest = 1 - static_cast<long double>(w);
-    roundRow(Blends{r0, r1, w, double(rest), rest == float(rest) ? 0. : 1.}, dst, n);
+    roundRows(Blends{{r0, r1}, w, double(rest), rest == float(rest) ? 0. : 1.}, bound, isShort(w), dst, n);
 }
 
 struct Lines {
-    const float *p0, *p1;
+    static constexpr int kRows = 2;
+    const float* rows[2];
     double f;
-    Sum sum(int x) const { return linearSum(p0[x], p1[x], f); }
+    Sum sum(int x) const { return linearSum(rows[0][x], rows[1][x], f); }
     long double exact(int x) const {
-        const long double s0 = p0[x];
-        return s0 + (p1[x] - s0) * f;
+        const long double s0 = rows[0][x];
+        return s0 + (rows[1][x] - s0) * f;
     }
+#if defined(__AVX2__)
+    ZENR_INLINE Eight size(int x) const {
+        return plus(absolute(widen8(rows[0] + x)), absolute(widen8(rows[1] + x)));
+    }
+    bool zero16(int x) const {
+        return zeroRows16<2>(rows, x);
+    }
+    ZENR_INLINE Eight eight(int x) const {
+        const Eight s0 = widen8(rows[0] + x);
+        return multiplyAdd(minus(widen8(rows[1] + x), s0), _mm256_set1_pd(f), s0);
+    }
+#endif
 };
 
-void depthFloat(const float* p0, const float* p1, float w, float* dst, int n) {
-    roundRow(Lines{p0, p1, w}, dst, n);
+void depthFloat(const float* p0, const float* p1, float w, float bound, float* dst, int n) {
+    roundRows(Lines{{p0, p1}, w}, bound, isShort(w), dst, n);
 }
 
 } // namespace
@@ -139,7 +182,7 @@ extern const AllLinearKernels kLinear;
 const AllLinearKernels kLinear = {
     {ownpi_CoefLinear8pl, ownpi_SummLinear8pl, ownpr_DepLinear8pl},
     {ownpi_CoefLinear16pl, ownpi_SummLinear16pl, ownpr_DepLinear16pl},
-    {ownpi_CoefLinear32pl, ownpi_SummLinear32pl, ownpr_DepLinear32pl},
+    {boundOf, ownpi_CoefLinear32pl, ownpi_SummLinear32pl, ownpr_DepLinear32pl},
     ownpi_SummLinear8pl,
 };
 

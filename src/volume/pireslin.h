@@ -10,6 +10,7 @@
 #include <stdint.h>
 
 #include "frame/dispatch.h"
+#include "volume/presbound.h"
 
 namespace zenr {
 
@@ -36,6 +37,16 @@ template <class T> struct LinearKernels {
     void (*row)(const T* src, const int* index, const Weight* weights, Inter* dst, int n);
     void (*col)(const Inter* r0, const Inter* r1, Weight w, Inter* dst, int n);
     void (*dep)(const Inter* p0, const Inter* p1, Weight w, T* dst, int n);
+};
+
+// guarded[x] is 0 where sums of voxels that are close to each other are exact in double, otherwise all ones. `bound` is
+// RowBound's `most`.
+template <> struct LinearKernels<float> {
+    RowBound (*boundOf)(const float* v, int n);
+    void (*row)(const float* src, const int* index, const float* weights, const int* guarded, const RowBound& bound,
+                float* dst, int n);
+    void (*col)(const float* r0, const float* r1, float w, float bound, float* dst, int n);
+    void (*dep)(const float* p0, const float* p1, float w, float bound, float* dst, int n);
 };
 
 struct AllLinearKernels {

@@ -7,6 +7,7 @@
 //
 // Internal linkage throughout, so that kernels of several levels may include it.
 #pragma once
+#include "volume/presbound.h"
 
 namespace zenr {
 

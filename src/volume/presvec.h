@@ -4,11 +4,9 @@
 // where gathers would take as long as scalar loads. Loads are masked to the taps that are needed, so that nothing
 // beyond a row is touched. A group whose taps are too far apart (a strong reduction) is left to the plain loops.
 #pragma once
-#include <stdint.h>
+#include "frame/simd.h"
 
 #if defined(ZENR_LEVEL_avx512)
-#include <immintrin.h>
-
 // The compiler's own header starts results from undefined registers, and warns of them.
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
@@ -19,93 +17,6 @@ namespace {
 
 inline uint64_t lowBits(int n) {
     return n >= 64 ? ~uint64_t(0) : (uint64_t(1) << n) - 1;
-}
-
-// 16 voxels as doubles; `needed` of them are read.
-struct Window16 {
-    __m512d low;
-    __m512d high;
-};
-inline Window16 halves(__m512i v) {
-    return {_mm512_cvtepi32_pd(_mm512_castsi512_si256(v)), _mm512_cvtepi32_pd(_mm512_extracti64x4_epi64(v, 1))};
-}
-inline Window16 window16(const uint8_t* s, int needed) {
-    return halves(_mm512_cvtepu8_epi32(_mm_maskz_loadu_epi8(__mmask16(lowBits(needed)), s)));
-}
-inline Window16 window16(const uint16_t* s, int needed) {
-    return halves(_mm512_cvtepu16_epi32(_mm256_maskz_loadu_epi16(__mmask16(lowBits(needed)), s)));
-}
-inline Window16 window16(const float* s, int needed) {
-    const __m512 v = _mm512_maskz_loadu_ps(__mmask16(lowBits(needed)), s);
-    return {_mm512_cvtps_pd(_mm512_castps512_ps256(v)),
-            _mm512_cvtps_pd(_mm256_castpd_ps(_mm512_extractf64x4_pd(_mm512_castps_pd(v), 1)))};
-}
-inline __m512d take(const Window16& w, __m512i index) {
-    return _mm512_permutex2var_pd(w.low, index, w.high);
-}
-
-// Taps per destination; eight destinations from index[0 .. 7], `first` added to each. False when they span too much.
-template <int taps, class T> inline bool tapsOf8(const T* s, const int* index, __m512d* tap) {
-    const int base = index[0];
-    const int needed = index[7] - base + taps;
-    if (needed > 16) return false;
-    const Window16 window = window16(s + base, needed);
-    __m512i at = _mm512_cvtepi32_epi64(
-        _mm256_sub_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(index)), _mm256_set1_epi32(base)));
-    for (int k = 0; k < taps; ++k) {
-        tap[k] = take(window, at);
-        at = _mm512_add_epi64(at, _mm512_set1_epi64(1));
-    }
-    return true;
-}
-
-// As roundDoubtfully, eight at a time; the result is the mask of lanes in doubt.
-inline __mmask8 storeDoubtfully8(float* dst, __m512d sum, __m512d size) {
-    const __m512d error = _mm512_mul_pd(size, _mm512_set1_pd(8.8817841970012523e-16));
-    const __m256 low = _mm512_cvtpd_ps(_mm512_sub_pd(sum, error));
-    const __m256 high = _mm512_cvtpd_ps(_mm512_add_pd(sum, error));
-    _mm256_storeu_ps(dst, low);
-    return _mm256_cmpneq_epi32_mask(_mm256_castps_si256(low), _mm256_castps_si256(high));
-}
-
-// Eight elements of four rows, weighted and added.
-inline __m512d columnSum8(const float* const* r, int x, const __m512d* w) {
-    __m512d t[4];
-    for (int k = 0; k < 4; ++k) t[k] = _mm512_mul_pd(_mm512_cvtps_pd(_mm256_loadu_ps(r[k] + x)), w[k]);
-    return _mm512_add_pd(_mm512_add_pd(_mm512_add_pd(t[0], t[1]), t[2]), t[3]);
-}
-
-// Sixteen elements of a cubic column; the result is the mask of lanes in doubt. The size of a sum's terms is bounded by
-// that of its operands, as weights are at most 1 in size; added in float, whose own error the doubled bound covers.
-inline unsigned column16(const float* const* r, int x, const __m512d* w, float* dst) {
-    __m512 size = _mm512_abs_ps(_mm512_loadu_ps(r[0] + x));
-    for (int k = 1; k < 4; ++k) size = _mm512_add_ps(size, _mm512_abs_ps(_mm512_loadu_ps(r[k] + x)));
-    const __m512 twice = _mm512_add_ps(size, size);
-    const __m512d low = _mm512_cvtps_pd(_mm512_castps512_ps256(twice));
-    const __m512d high = _mm512_cvtps_pd(_mm512_extractf32x8_ps(twice, 1));
-    const unsigned doubt = storeDoubtfully8(dst + x, columnSum8(r, x, w), low);
-    return doubt | storeDoubtfully8(dst + x + 8, columnSum8(r, x + 8, w), high);
-}
-
-// Sixteen voxels of a cubic depth pass: + half, truncated, clamped. The result is the mask of lanes in doubt.
-inline unsigned depthInteger16(const float* const* r, int x, const __m512d* w, double half, double error, int most,
-                               __m512i* voxels) {
-    __m256i low[2];
-    unsigned doubt = 0;
-    for (int i = 0; i < 2; ++i) {
-        const __m512d sum = _mm512_add_pd(columnSum8(r, x + 8 * i, w), _mm512_set1_pd(half));
-        low[i] = _mm512_cvttpd_epi32(_mm512_sub_pd(sum, _mm512_set1_pd(error)));
-        doubt |= _mm256_cmpneq_epi32_mask(low[i], _mm512_cvttpd_epi32(_mm512_add_pd(sum, _mm512_set1_pd(error))));
-    }
-    const __m512i both = _mm512_inserti64x4(_mm512_castsi256_si512(low[0]), low[1], 1);
-    *voxels = _mm512_min_epi32(_mm512_max_epi32(both, _mm512_setzero_si512()), _mm512_set1_epi32(most));
-    return doubt;
-}
-inline void storeVoxels(uint8_t* dst, __m512i v) {
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm512_cvtepi32_epi8(v));
-}
-inline void storeVoxels(uint16_t* dst, __m512i v) {
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), _mm512_cvtepi32_epi16(v));
 }
 
 // 32 voxels as 16-bit words.

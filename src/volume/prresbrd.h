@@ -4,11 +4,16 @@
 
 namespace zenr {
 
-// Rows [begin, end) of the block, resampled from one source plane along x and y. `tag` holds the source row in each
-// slot of the ring of rows, -1 for none.
+// What the slots of the ring of rows hold: a source row, -1 for none, and the bound of its elements.
+template <class P> struct RowTags {
+    int row[P::kTaps];
+    float bound[P::kTaps];
+};
+
+// Rows [begin, end) of the block, resampled from source plane p along x and y into its slot of the ring of planes.
 template <class P, bool border>
-void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, typename P::Inter* plane, int begin,
-               int end, int* tag);
+void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, int p, int begin, int end,
+               RowTags<P>* tags);
 
 constexpr auto ownpr_CalcBorder8plL = &planeRows<Linear<uint8_t>, true>;
 constexpr auto ownpr_CalcBorder16plL = &planeRows<Linear<uint16_t>, true>;
@@ -17,14 +22,19 @@ constexpr auto ownpr_CalcBorder8plC = &planeRows<Cubic<uint8_t>, true>;
 constexpr auto ownpr_CalcBorder16plC = &planeRows<Cubic<uint16_t>, true>;
 constexpr auto ownpr_CalcBorder32plC = &planeRows<Cubic<float>, true>;
 
-// One destination slice of the block out of planes given in the order of its taps; at a border some are the same.
+// One destination slice of the block out of the source planes of its taps; at a border some are the same.
 template <class P>
-void depthRows(const ResizeBlock<P>& block, const typename P::Inter* const* planes, const typename P::Weights& weights,
+void depthRows(const ResizeBlock<P>& block, const int* taps, const typename P::Weights& weights,
                Slice<typename P::Voxel> dst) {
     for (int y = 0; y < block.height; ++y) {
         const typename P::Inter* rows[P::kTaps];
-        for (int k = 0; k < P::kTaps; ++k) rows[k] = planes[k] + ptrdiff_t(y) * block.stride;
-        P::depth(*block.kernels, rows, weights, dst.row(y), block.width);
+        float bound = 0;
+        for (int k = 0; k < P::kTaps; ++k) {
+            rows[k] = block.ringPlane(taps[k]) + ptrdiff_t(y) * block.stride;
+            const float mine = block.ringBounds(taps[k])[y];
+            bound = mine > bound ? mine : bound;
+        }
+        P::depth(*block.kernels, rows, weights, bound, dst.row(y), block.width);
     }
 }
 
@@ -34,9 +44,7 @@ void depthBorder(const ResizeBlock<P>& block, int base, const typename P::Weight
                  Slice<typename P::Voxel> dst) {
     int taps[P::kTaps];
     P::borderTaps(block.axis[2], base, taps);
-    const typename P::Inter* planes[P::kTaps];
-    for (int k = 0; k < P::kTaps; ++k) planes[k] = block.ringPlane(taps[k]);
-    depthRows(block, planes, weights, dst);
+    depthRows(block, taps, weights, dst);
 }
 
 constexpr auto ownpr_DepBorder8plL = &depthBorder<Linear<uint8_t>>;

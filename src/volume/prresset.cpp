@@ -42,6 +42,10 @@ template <class P> const typename P::Kernels& kernelsOf(Level level) {
         return linearKernels(level).f32;
 }
 
+constexpr int least(long long a, long long b) {
+    return int(a < b ? a : b);
+}
+
 // Hands out pieces of the work memory, each on a cache line of its own; without a base it only counts.
 class Arena {
 public:
@@ -65,12 +69,13 @@ template <class P> size_t layOut(Arena arena, int width, int height, ResizeBlock
     block->height = height;
     block->stride = int(stride);
     block->index = arena.take<int>(size_t(width));
-    block->weights =
-        arena.take<typename P::Weight>(P::kWeightsPerColumn == 1 ? size_t(width) : P::kWeightsPerColumn * stride);
+    block->weights = arena.take<typename P::Weight>(P::kWeightsPerColumn * size_t(width));
+    block->guarded = arena.take<int>(sizeof(typename P::Inter) == 4 ? size_t(width) : 0);
     block->rowBase = arena.take<int>(size_t(height));
     block->rowWeights = arena.take<typename P::Weights>(size_t(height));
     block->rowRing = arena.take<typename P::Inter>(P::kTaps * stride);
     block->planeRing = arena.take<typename P::Inter>(P::kTaps * stride * size_t(height));
+    block->planeBounds = arena.take<float>(P::kTaps * size_t(height));
     return arena.used();
 }
 
@@ -82,12 +87,14 @@ template <class P> size_t scratchBytes(int width, int height) {
 } // namespace
 
 template <class P, bool border>
-void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, typename P::Inter* plane, int begin,
-               int end, int* tag) {
+void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, int p, int begin, int end,
+               RowTags<P>* tags) {
     using Voxel = typename P::Voxel;
     using Inter = typename P::Inter;
     const int interior = block.columns.interior;
     const int trailing = block.columns.trailing;
+    Inter* const plane = block.ringPlane(p);
+    float* const bounds = block.ringBounds(p);
     for (int y = begin; y < end; ++y) {
         int taps[P::kTaps];
         if (border)
@@ -99,27 +106,39 @@ void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, 
         const Voxel* missing[P::kTaps];
         Inter* target[P::kTaps];
         Inter* targetInterior[P::kTaps];
+        RowBound missingBound[P::kTaps];
         int count = 0;
         for (int k = 0; k < P::kTaps; ++k) {
-            int* const slot = tag + (taps[k] & (P::kTaps - 1));
-            if (*slot == taps[k]) continue;
-            *slot = taps[k];
+            const int slot = taps[k] & (P::kTaps - 1);
+            if (tags->row[slot] == taps[k]) continue;
+            tags->row[slot] = taps[k];
             missing[count] = src.row(taps[k]);
             target[count] = block.ringRow(taps[k]);
             targetInterior[count] = target[count] + interior;
+            const RowBound bound =
+                P::sourceBound(*block.kernels, missing[count] + block.firstColumn, block.usedColumns);
+            missingBound[count] = block.exactColumns && isClose(bound) ? RowBound{0, 0} : bound;
+            tags->bound[slot] = P::kGrowth * bound.most;
             ++count;
         }
         if (trailing > interior)
-            P::row(*block.kernels, missing, targetInterior, count, block.index + interior, block.weights + interior,
-                   block.stride, trailing - interior);
+            P::row(*block.kernels, missing, targetInterior, count, block.index + interior,
+                   block.weights + ptrdiff_t(interior) * P::kWeightsPerColumn, block.guarded + interior, missingBound,
+                   trailing - interior);
         for (int i = 0; i < count; ++i) {
-            borderColumns<P>(block, missing[i], target[i], 0, interior);
-            borderColumns<P>(block, missing[i], target[i], trailing, block.width);
+            borderColumns<P>(block, missing[i], missingBound[i], target[i], 0, interior);
+            borderColumns<P>(block, missing[i], missingBound[i], target[i], trailing, block.width);
         }
 
         const Inter* rows[P::kTaps];
-        for (int k = 0; k < P::kTaps; ++k) rows[k] = block.ringRow(taps[k]);
-        P::column(*block.kernels, rows, block.rowWeights[y], plane + ptrdiff_t(y) * block.stride, block.width);
+        float bound = 0;
+        for (int k = 0; k < P::kTaps; ++k) {
+            rows[k] = block.ringRow(taps[k]);
+            const float mine = tags->bound[taps[k] & (P::kTaps - 1)];
+            bound = mine > bound ? mine : bound;
+        }
+        P::column(*block.kernels, rows, block.rowWeights[y], bound, plane + ptrdiff_t(y) * block.stride, block.width);
+        bounds[y] = P::kGrowth * bound;
     }
 }
 
@@ -169,12 +188,29 @@ template <class P> Runs divide(const int* base, int count, int size) {
 }
 
 template <class P> void tabulateColumns(const P& policy, ResizeBlock<P>* block, int first) {
+    block->exactColumns = true;
     for (int x = 0; x < block->width; ++x) {
         const AxisMap::Sample s = block->axis[0].sample(first + x);
         block->index[x] = s.base;
-        P::store(policy.weights(s.fraction), block->weights + x, block->stride);
+        const typename P::Weights weights = policy.weights(s.fraction);
+        P::store(weights, block->weights + ptrdiff_t(x) * P::kWeightsPerColumn);
+        if constexpr (sizeof(typename P::Inter) == 4) {
+            const bool exact = P::exactColumn(weights);
+            block->guarded[x] = exact ? 0 : -1;
+            block->exactColumns = block->exactColumns && exact;
+        }
     }
     block->columns = divide<P>(block->index, block->width, block->axis[0].size);
+    // Columns of the interior join the border's few until those make a whole group.
+    Runs& runs = block->columns;
+    const int whole = least(block->width, kBorderColumns);
+    if (runs.interior > 0 && runs.interior < whole) runs.interior = whole;
+    if (runs.trailing < block->width && runs.trailing > block->width - whole) runs.trailing = block->width - whole;
+    if (runs.trailing < runs.interior) runs.trailing = runs.interior;
+    const AxisMap& axis = block->axis[0];
+    block->firstColumn = axis.clamped(block->index[0] + P::kFirstTap);
+    const int last = axis.clamped(block->index[block->width - 1] + P::kFirstTap + P::kTaps - 1);
+    block->usedColumns = last - block->firstColumn + 1;
 }
 
 template <class P> void tabulateRows(const P& policy, ResizeBlock<P>* block, int first) {
@@ -188,12 +224,11 @@ template <class P> void tabulateRows(const P& policy, ResizeBlock<P>* block, int
 
 // One source plane, resampled into its slot of the ring of planes.
 template <class P> void resamplePlane(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, int p) {
-    int tag[P::kTaps];
-    for (int k = 0; k < P::kTaps; ++k) tag[k] = -1;
-    typename P::Inter* const plane = block.ringPlane(p);
-    kRoutines<P>.borderRows(block, src, plane, 0, block.rows.interior, tag);
-    kRoutines<P>.interiorRows(block, src, plane, block.rows.interior, block.rows.trailing, tag);
-    kRoutines<P>.borderRows(block, src, plane, block.rows.trailing, block.height, tag);
+    RowTags<P> tags;
+    for (int k = 0; k < P::kTaps; ++k) tags.row[k] = -1;
+    kRoutines<P>.borderRows(block, src, p, 0, block.rows.interior, &tags);
+    kRoutines<P>.interiorRows(block, src, p, block.rows.interior, block.rows.trailing, &tags);
+    kRoutines<P>.borderRows(block, src, p, block.rows.trailing, block.height, &tags);
 }
 
 // Destination slices [first, first + count) of a block of columns and rows.
@@ -212,18 +247,16 @@ void resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& sr
             for (int k = 0; k < P::kTaps; ++k) taps[k] = s.base + P::kFirstTap + k;
         else
             P::borderTaps(axis, s.base, taps);
-        const typename P::Inter* planes[P::kTaps];
         for (int k = 0; k < P::kTaps; ++k) {
             const int slot = taps[k] & (P::kTaps - 1);
             if (tag[slot] != taps[k]) resamplePlane(block, src.slice(taps[k]), taps[k]);
             tag[slot] = taps[k];
-            planes[k] = block.ringPlane(taps[k]);
         }
         Slice<typename P::Voxel> out = dst.slice(z);
         out.base = out.row(firstY) + firstX;
         const typename P::Weights weights = policy.weights(s.fraction);
         if (inside)
-            depthRows(block, planes, weights, out);
+            depthRows(block, taps, weights, out);
         else
             kRoutines<P>.borderSlice(block, s.base, weights, out);
     }
@@ -232,10 +265,6 @@ void resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& sr
 // Blocks: rows of at most this many columns, and as many rows as keep the ring of planes in L2.
 constexpr int kMostColumns = 1024;
 constexpr size_t kRingBytes = 256 << 10;
-
-constexpr int least(long long a, long long b) {
-    return int(a < b ? a : b);
-}
 
 // A thread's share of slices, within its share of the work memory.
 template <class P, class Source, class Destination>

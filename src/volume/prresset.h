@@ -59,6 +59,8 @@ struct AxisMap {
     int clamped(int tap) const { return tap < 0 ? 0 : tap > size - 1 ? size - 1 : tap; }
 };
 
+template <class P> struct ResizeBlock;
+
 // Interpolation policies. A policy knows its number of taps, how a base index becomes taps, and how its passes are
 // called; the worker knows everything else.
 template <class T> struct Linear {
@@ -68,8 +70,8 @@ template <class T> struct Linear {
     using Weights = Weight;                         // of a destination row or slice
     using Kernels = LinearKernels<T>;
     static constexpr int kTaps = 2;
-    static constexpr int kFirstTap = 0;         // relative to the base index
-    static constexpr int kWeightsPerColumn = 1; // arrays of Weight, one beside the other
+    static constexpr int kFirstTap = 0; // relative to the base index
+    static constexpr int kWeightsPerColumn = 1;
     int mode;
 
     Weights weights(float f) const {
@@ -78,7 +80,7 @@ template <class T> struct Linear {
         else
             return f;
     }
-    static void store(const Weights& w, Weight* column, int) { *column = w; }
+    static void store(const Weights& w, Weight* column) { *column = w; }
 
     // The border rule: before the volume both taps are its first voxel, after it both its last.
     static void borderTaps(const AxisMap& axis, int base, int* taps) {
@@ -86,15 +88,37 @@ template <class T> struct Linear {
         taps[1] = base < 0 ? 0 : axis.clamped(base + 1);
     }
 
+    // Fixed point needs no bounds. No pass makes an element larger than its operands.
+    static constexpr float kGrowth = 1;
+    static bool exactColumn(const Weights& w) { return isShort(w); }
+    static RowBound sourceBound(const Kernels& k, const T* src, int n) {
+        if constexpr (sizeof(T) == 4)
+            return k.boundOf(src, n);
+        else
+            return {0, 0};
+    }
     static void row(const Kernels& k, const T* const* src, Inter* const* dst, int rowCount, const int* index,
-                    const Weight* weights, int, int n) {
-        for (int r = 0; r < rowCount; ++r) k.row(src[r], index, weights, dst[r], n);
+                    const Weight* weights, const int* guarded, const RowBound* bounds, int n) {
+        (void)guarded;
+        (void)bounds;
+        for (int r = 0; r < rowCount; ++r) {
+            if constexpr (sizeof(T) == 4)
+                k.row(src[r], index, weights, guarded, bounds[r], dst[r], n);
+            else
+                k.row(src[r], index, weights, dst[r], n);
+        }
     }
-    static void column(const Kernels& k, const Inter* const* r, const Weights& w, Inter* dst, int n) {
-        k.col(r[0], r[1], w, dst, n);
+    static void column(const Kernels& k, const Inter* const* r, const Weights& w, float bound, Inter* dst, int n) {
+        if constexpr (sizeof(T) == 4)
+            k.col(r[0], r[1], w, bound, dst, n);
+        else
+            k.col(r[0], r[1], w, dst, n);
     }
-    static void depth(const Kernels& k, const Inter* const* p, const Weights& w, T* dst, int n) {
-        k.dep(p[0], p[1], w, dst, n);
+    static void depth(const Kernels& k, const Inter* const* p, const Weights& w, float bound, T* dst, int n) {
+        if constexpr (sizeof(T) == 4)
+            k.dep(p[0], p[1], w, bound, dst, n);
+        else
+            k.dep(p[0], p[1], w, dst, n);
     }
 };
 
@@ -116,8 +140,8 @@ template <class T> struct Cubic {
         ownpi_CubicWeights(mode, &f, 1, w.tap);
         return w;
     }
-    static void store(const Weights& w, Weight* column, int stride) {
-        for (int k = 0; k < 4; ++k) column[ptrdiff_t(k) * stride] = w.tap[k];
+    static void store(const Weights& w, Weight* column) {
+        for (int k = 0; k < 4; ++k) column[k] = w.tap[k];
     }
 
     // Each tap is clamped by itself, also in a volume of fewer than four voxels.
@@ -125,25 +149,43 @@ template <class T> struct Cubic {
         for (int k = 0; k < 4; ++k) taps[k] = axis.clamped(base - 1 + k);
     }
 
-    static void row(const Kernels& k, const T* const* src, float* const* dst, int rowCount, const int* index,
-                    const double* weights, int stride, int n) {
-        if constexpr (sizeof(T) == 1)
-            k.row8(src, dst, rowCount, index, weights, stride, n);
-        else if constexpr (sizeof(T) == 2)
-            k.row16(src, dst, rowCount, index, weights, stride, n);
+    // The sizes of four weights add up to less than this.
+    static constexpr float kGrowth = 2;
+    // Integer voxels: products of 8 or 16 bits with 24 bits of a weight, in sums of less than twice the largest voxel,
+    // lose none of 53 bits unless a weight is tiny.
+    static bool exactColumn(const Weights& w) {
+        for (double tap : w.tap) {
+            constexpr double kLeast = sizeof(T) == 1 ? 0x1p-20 : 0x1p-12;
+            const bool tiny = tap != 0 && tap < kLeast && tap > -kLeast;
+            if (sizeof(T) == 4 ? !isShort(tap) : tiny) return false;
+        }
+        return true;
+    }
+    static RowBound sourceBound(const Kernels& k, const T* src, int n) {
+        if constexpr (sizeof(T) == 4)
+            return k.boundOf(src, n);
         else
-            k.row32(src, dst, rowCount, index, weights, stride, n);
+            return {float(T(~T(0))), 1};
     }
-    static void column(const Kernels& k, const float* const* r, const Weights& w, float* dst, int n) {
-        k.col(r, w.tap, dst, n);
+    static void row(const Kernels& k, const T* const* src, float* const* dst, int rowCount, const int* index,
+                    const double* weights, const int* guarded, const RowBound* bounds, int n) {
+        if constexpr (sizeof(T) == 1)
+            k.row8(src, dst, rowCount, index, weights, guarded, bounds, n);
+        else if constexpr (sizeof(T) == 2)
+            k.row16(src, dst, rowCount, index, weights, guarded, bounds, n);
+        else
+            k.row32(src, dst, rowCount, index, weights, guarded, bounds, n);
     }
-    static void depth(const Kernels& k, const float* const* p, const Weights& w, T* dst, int n) {
+    static void column(const Kernels& k, const float* const* r, const Weights& w, float bound, float* dst, int n) {
+        k.col(r, w.tap, bound, dst, n);
+    }
+    static void depth(const Kernels& k, const float* const* p, const Weights& w, float bound, T* dst, int n) {
         if constexpr (sizeof(T) == 1)
             k.dep8(p, w.tap, dst, n);
         else if constexpr (sizeof(T) == 2)
             k.dep16(p, w.tap, dst, n);
         else
-            k.dep32(p, w.tap, dst, n);
+            k.dep32(p, w.tap, bound, dst, n);
     }
 };
 
@@ -170,13 +212,19 @@ template <class P> struct ResizeBlock {
     int stride; // of rows of intermediates and of weight arrays, in elements
     Runs columns;
     Runs rows;
+    int firstColumn; // source columns that are read
+    int usedColumns;
     int* index;                      // per column: base
     typename P::Weight* weights;     // per column
+    int* guarded;                    // per column, where intermediates are floats; see the row passes
     int* rowBase;                    // per row
     typename P::Weights* rowWeights; // per row
     Inter* rowRing;
     Inter* planeRing;
+    bool exactColumns;  // none of them is guarded
+    float* planeBounds; // per row of each plane in the ring: no element is larger in size
 
+    float* ringBounds(int p) const { return planeBounds + ptrdiff_t(p & (P::kTaps - 1)) * height; }
     Inter* ringRow(int r) const { return rowRing + ptrdiff_t(r & (P::kTaps - 1)) * stride; }
     Inter* ringPlane(int p) const { return planeRing + ptrdiff_t(p & (P::kTaps - 1)) * stride * height; }
 };
