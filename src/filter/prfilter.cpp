@@ -204,16 +204,16 @@ public:
         single_ = planner_.done();
     }
 
-    // Hands one program after the other to run(program, add), where add is false for the first.
+    // Hands one program after the other to run(program, add, last), where add is false for the first.
     template <class Run> void forEach(const Run& run) {
         if (single_) {
-            run(program_, false);
+            run(program_, false, true);
             return;
         }
         planner_.restart();
         for (bool add = false; !planner_.done(); add = true) {
             planner_.next(program_);
-            run(program_, add);
+            run(program_, add, planner_.done());
         }
     }
 
@@ -288,20 +288,14 @@ static void overTiles(const FilterKernels& kernels, const FilterJob& job, int64_
         }
 }
 
-// Where the voxels of a tile of plane z go.
-static int16_t* targetOf(const FilterJob& job, ptrdiff_t z, int x, int y) {
-    return job.dst[z] + y * job.dstStep + x;
-}
-
-static void aim(FilterTile& tile, const FilterJob& job, ptrdiff_t z, int16_t* target) {
-    tile.planes = job.src + z;
-    tile.ahead = z + 1 < job.size.depth ? job.src[z + job.kernelSize.depth] : nullptr;
-    tile.target = target;
+// Gives a tile its target in plane z.
+static void aim(FilterTile& tile, const FilterJob& job, ptrdiff_t z, int x, int y) {
+    tile.target = job.dst[z] + y * job.dstStep + x;
     tile.targetStep = job.dstStep;
     tile.targetRows = tile.rows;
 }
 
-// Tiles plane by plane: body(tile, target). Rows are taken in slabs, so high that the planes which a slab's next plane
+// Tiles plane by plane: body(tile). Rows are taken in slabs, so high that the planes which a slab's next plane
 // needs again stay in the second-level cache, and otherwise as high as can be: memory is read in long runs.
 template <class Body> static void overPlanes(const FilterKernels& kernels, const FilterJob& job, const Body& body) {
     const int64_t rowBytes = (int64_t(job.size.width) + job.kernelSize.width) * 2 * (int64_t(job.kernelSize.depth) + 1);
@@ -311,9 +305,10 @@ template <class Body> static void overPlanes(const FilterKernels& kernels, const
         const int64_t y1 = y0 + slab < job.size.height ? y0 + slab : job.size.height;
         for (int z = 0; z < job.size.depth; ++z)
             overTiles(kernels, job, y0, y1, kTileRows, [&](FilterTile& tile, int x, int y) {
-                int16_t* target = targetOf(job, z, x, y);
-                aim(tile, job, z, target);
-                body(tile, target);
+                tile.planes = job.src + z;
+                tile.ahead = z + 1 < job.size.depth ? job.src[ptrdiff_t(z) + job.kernelSize.depth] : nullptr;
+                aim(tile, job, z, x, y);
+                body(tile);
             });
     }
 }
@@ -322,9 +317,10 @@ static ZENR_OWN_FRAME void filterNarrow(const FilterKernels& kernels, const Filt
                                         const FilterDivision& division) {
     Programs<PairPlanner> pairs(PairPlanner(weights, job.srcStep));
     alignas(64) int32_t sums[kTileRows * kTileWidth];
-    overPlanes(kernels, job, [&](const FilterTile& tile, int16_t* target) {
-        pairs.forEach([&](const FilterProgram& program, bool add) { kernels.narrowPairs(program, tile, sums, add); });
-        kernels.finishNarrow(division, tile, sums, target, job.dstStep);
+    overPlanes(kernels, job, [&](const FilterTile& tile) {
+        pairs.forEach([&](const FilterProgram& program, bool add, bool last) {
+            kernels.narrowPairs(program, tile, sums, add, last ? &division : nullptr);
+        });
     });
 }
 
@@ -334,15 +330,16 @@ static ZENR_OWN_FRAME void filterWide(const FilterKernels& kernels, const Filter
     Programs<SinglePlanner> singles(SinglePlanner(weights, job.srcStep));
     alignas(64) int32_t low[kTileRows * kTileWidth];
     alignas(64) int32_t high[kTileRows * kTileWidth];
-    overPlanes(kernels, job, [&](const FilterTile& tile, int16_t* target) {
+    overPlanes(kernels, job, [&](const FilterTile& tile) {
         if (pairs.entries() > 0)
-            pairs.forEach(
-                [&](const FilterProgram& program, bool add) { kernels.widePairs(program, tile, low, high, add); });
+            pairs.forEach([&](const FilterProgram& program, bool add, bool) {
+                kernels.widePairs(program, tile, low, high, add);
+            });
         if (singles.entries() > 0)
-            singles.forEach([&](const FilterProgram& program, bool add) {
+            singles.forEach([&](const FilterProgram& program, bool add, bool) {
                 kernels.wideSingles(program, tile, low, high, add || pairs.entries() > 0);
             });
-        kernels.finishWide(division, tile, low, high, target, job.dstStep);
+        kernels.finishWide(division, tile, low, high);
     });
 }
 
@@ -482,18 +479,15 @@ static ZENR_OWN_FRAME void filterFactored(const FilterKernels& kernels, const Fi
             const ptrdiff_t z = ptrdiff_t(p) - (ringTaps.planes - 1);
             int32_t* plane = ring + p % ringTaps.planes * ringPlane;
             const int planeRows = tile.rows + ringTaps.rows - 1;
+            if (z >= 0) aim(tile, job, z, x, y);
             FilterTile tall = tile;
             tall.rows = planeRows + yTaps.rows - 1;
             tall.planes = job.src + ptrdiff_t(p);
             tall.ahead = p + 1 < planes ? job.src[ptrdiff_t(p) + plan.base.depth] : nullptr;
-            if (z >= 0) {
-                tall.target = targetOf(job, z, x, y);
-                tall.targetStep = job.dstStep;
-                tall.targetRows = tile.rows;
-            }
             int32_t* first = yTaps.none() ? plane : stage;
-            pairs.forEach(
-                [&](const FilterProgram& program, bool add) { kernels.narrowPairs(program, tall, first, add); });
+            pairs.forEach([&](const FilterProgram& program, bool add, bool) {
+                kernels.narrowPairs(program, tall, first, add, nullptr);
+            });
             if (!yTaps.none()) {
                 for (int t = 0; t < yTaps.count; ++t) in[t] = stage + yTaps.row[t] * tile.stride;
                 kernels.combine(in, yTaps.weight, yTaps.count, plane, planeRows * tile.stride);
@@ -507,7 +501,7 @@ static ZENR_OWN_FRAME void filterFactored(const FilterKernels& kernels, const Fi
                 kernels.combine(in, ringTaps.weight, ringTaps.count, sums, tile.rows * tile.stride);
                 done = sums;
             }
-            kernels.finishNarrow(division, tile, done, targetOf(job, z, x, y), job.dstStep);
+            kernels.finishNarrow(division, tile, done);
         }
     });
 }

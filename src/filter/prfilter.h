@@ -73,12 +73,13 @@ struct FilterTile {
     int width;
     int lanes;  // 8, 16 or 32, at most width
     int stride; // width rounded up to whole lanes
-    // What the next tiles need and this one's results go to, to be fetched while the sums are formed: tiles jump from
-    // plane to plane, which no processor foresees, and fetching in one burst would only queue up. Null: nothing.
-    const int16_t* ahead;  // plane
-    const int16_t* target; // the first of targetRows rows
+    // Where the results go, targetRows rows; and the plane that the next tiles need besides, or null. Both are fetched
+    // while the sums are formed: tiles jump from plane to plane, which no processor foresees, and fetching in one burst
+    // would only queue up.
+    int16_t* target;
     ptrdiff_t targetStep;
     int targetRows;
+    const int16_t* ahead;
 };
 
 // sum / divisor, half to even.
@@ -95,18 +96,16 @@ struct FilterDivision {
 struct FilterKernels {
     int lanes;        // the most voxels of a vector
     int multiplyCost; // of a 32-bit multiplication, in additions
-    // Sums of a tile; `add` to what is there. The wide ones keep the sum as high * 2^16 + the remainder, which is
-    // (low - high * 2^16) modulo 2^32.
-    void (*narrowPairs)(const FilterProgram& program, const FilterTile& tile, int32_t* sums, bool add);
+    // Sums of a tile; `add` to what is there. With a division the narrow ones go on to voxels of the target. The wide ones keep the sum as high * 2^16 + the remainder, which is (low - high * 2^16) modulo 2^32.
+    void (*narrowPairs)(const FilterProgram& program, const FilterTile& tile, int32_t* sums, bool add,
+                        const FilterDivision* division);
     void (*widePairs)(const FilterProgram& program, const FilterTile& tile, int32_t* low, int32_t* high, bool add);
     void (*wideSingles)(const FilterProgram& program, const FilterTile& tile, int32_t* low, int32_t* high, bool add);
     // out[i] = sum of weight[t] * in[t][i] modulo 2^32; count is a multiple of 8.
     void (*combine)(const int32_t* const* in, const int32_t* weight, int taps, int32_t* out, int count);
-    // Sums to voxels.
-    void (*finishNarrow)(const FilterDivision& division, const FilterTile& tile, const int32_t* sums, int16_t* dst,
-                         ptrdiff_t dstStep);
-    void (*finishWide)(const FilterDivision& division, const FilterTile& tile, const int32_t* low, const int32_t* high,
-                       int16_t* dst, ptrdiff_t dstStep);
+    // Sums to voxels of the target.
+    void (*finishNarrow)(const FilterDivision& division, const FilterTile& tile, const int32_t* sums);
+    void (*finishWide)(const FilterDivision& division, const FilterTile& tile, const int32_t* low, const int32_t* high);
     // The whole job by plain loops over rows, in 64 bits: for any kernel and any width.
     void (*plain)(const FilterJob& job);
 };

@@ -23,243 +23,6 @@ constexpr int kSingleRows = 2;
 // 1.5 * 2^52: adding it to a double of at most 2^51 in size rounds that to an integer, half to even, in the low bits.
 constexpr double kRounder = 6755399441055744.0;
 
-// ---- Sums ----------------------------------------------------------------------------------------------------------
-
-// Asks for what the tile will need at a block of rows and columns.
-static ZENR_INLINE void fetch(const FilterTile& t, int row, int rows, int x) {
-    if (t.ahead)
-        for (int r = row; r < row + rows; ++r) __builtin_prefetch(t.ahead + t.origin + r * t.step + x, 0, 2);
-    const int end = row + rows < t.targetRows ? row + rows : t.targetRows;
-    for (int r = row; r < end; ++r) __builtin_prefetch(t.target + r * t.targetStep + x, 1, 2);
-}
-
-// Runs Group<Bytes, rows>::run(args of a block) over a tile: groups of Rows rows, then what is left row by row.
-template <int Bytes, int Rows, class Group>
-static ZENR_INLINE void overBlocks(const FilterTile& t, const Group& group) {
-    constexpr int lanes = Bytes / 2;
-    for (int r = 0; r < t.rows;) {
-        const bool whole = t.rows - r >= Rows;
-        for (int b = 0; b < t.stride; b += lanes) {
-            const int x = b < t.width - lanes ? b : t.width - lanes;
-            const ptrdiff_t at = t.origin + r * t.step + x;
-            const ptrdiff_t slot = ptrdiff_t(r) * t.stride + b;
-            fetch(t, r, whole ? Rows : 1, x);
-            if (whole)
-                group.template run<Bytes, Rows>(at, slot);
-            else
-                group.template run<Bytes, 1>(at, slot);
-        }
-        r += whole ? Rows : 1;
-    }
-}
-
-// The same with the registers that the tile's width allows.
-template <int Rows, class Group> static ZENR_INLINE void overTile(const FilterTile& t, const Group& group) {
-    if (t.lanes == 8) overBlocks<16, Rows>(t, group);
-    if constexpr (kSimdBytes >= 32)
-        if (t.lanes == 16) overBlocks<32, Rows>(t, group);
-    if constexpr (kSimdBytes >= 64)
-        if (t.lanes == 32) overBlocks<64, Rows>(t, group);
-}
-
-// sum + a[2i] * b[2i] + a[2i+1] * b[2i+1] modulo 2^32, in two instructions or in one.
-struct TwoSteps {
-    template <int Bytes>
-    static ZENR_INLINE void add(typename Simd<Bytes>::I32& sum, typename Simd<Bytes>::I16 a,
-                                typename Simd<Bytes>::I16 b) {
-        sum += Simd<Bytes>::madd(a, b);
-    }
-};
-#if defined(__AVX512BW__)
-// Written in assembler: the intrinsic would put the instruction's feature on every function around it.
-struct OneStep {
-    template <int Bytes>
-    static ZENR_INLINE void add(typename Simd<Bytes>::I32& sum, typename Simd<Bytes>::I16 a,
-                                typename Simd<Bytes>::I16 b) {
-        asm("vpdpwssd %2, %1, %0" : "+v"(sum) : "v"(a), "v"(b));
-    }
-};
-#endif
-
-template <class Dot> struct NarrowPairs {
-    const FilterProgram& program;
-    const FilterTile& tile;
-    int32_t* sums;
-    bool add;
-
-    template <int Bytes, int Rows> ZENR_INLINE void run(ptrdiff_t at, ptrdiff_t slot) const {
-        typedef Simd<Bytes> S;
-        typedef typename S::I16 I16;
-        typename S::I32 even[Rows] = {}, odd[Rows] = {};
-        for (int g = 0; g < program.segmentCount; ++g) {
-            const FilterSegment& segment = program.segment[g];
-            const int16_t* plane = tile.planes[segment.plane] + at;
-            for (int e = segment.begin; e < segment.end; ++e) {
-                const FilterEntry& entry = program.entry[e];
-                const I16 we = I16(S::all32(entry.even)), wo = I16(S::all32(entry.odd));
-                const int16_t* s = plane + entry.offset;
-#pragma GCC unroll 8
-                for (int r = 0; r < Rows; ++r) {
-                    const I16 v = S::loadOnce16(s + r * tile.step);
-                    Dot::template add<Bytes>(even[r], v, we);
-                    Dot::template add<Bytes>(odd[r], v, wo);
-                }
-            }
-        }
-#pragma GCC unroll 8
-        for (int r = 0; r < Rows; ++r) {
-            int32_t* to = sums + slot + r * tile.stride;
-            if (add) even[r] += S::load32(to), odd[r] += S::load32(to + Bytes / 4);
-            S::store32(to, even[r]);
-            S::store32(to + Bytes / 4, odd[r]);
-        }
-    }
-};
-
-template <class Dot> struct WidePairs {
-    const FilterProgram& program;
-    const FilterTile& tile;
-    int32_t* low;
-    int32_t* high;
-    bool add;
-
-    template <int Bytes, int Rows> ZENR_INLINE void run(ptrdiff_t at, ptrdiff_t slot) const {
-        typedef Simd<Bytes> S;
-        typedef typename S::I16 I16;
-        typedef typename S::I32 I32;
-        I32 lowEven[Rows] = {}, lowOdd[Rows] = {}, highEven[Rows] = {}, highOdd[Rows] = {};
-        for (int g = 0; g < program.segmentCount; ++g) {
-            const FilterSegment& segment = program.segment[g];
-            const int16_t* plane = tile.planes[segment.plane] + at;
-            I32 even[Rows] = {}, odd[Rows] = {};
-            for (int e = segment.begin; e < segment.end; ++e) {
-                const FilterEntry& entry = program.entry[e];
-                const I16 we = I16(S::all32(entry.even)), wo = I16(S::all32(entry.odd));
-                const int16_t* s = plane + entry.offset;
-#pragma GCC unroll 8
-                for (int r = 0; r < Rows; ++r) {
-                    const I16 v = S::loadOnce16(s + r * tile.step);
-                    Dot::template add<Bytes>(even[r], v, we);
-                    Dot::template add<Bytes>(odd[r], v, wo);
-                }
-            }
-            // Before the 32 bits could overflow: the upper halves apart, and everything modulo 2^32.
-#pragma GCC unroll 8
-            for (int r = 0; r < Rows; ++r) {
-                lowEven[r] += even[r], highEven[r] += even[r] >> 16;
-                lowOdd[r] += odd[r], highOdd[r] += odd[r] >> 16;
-            }
-        }
-#pragma GCC unroll 8
-        for (int r = 0; r < Rows; ++r) {
-            const ptrdiff_t e = slot + r * tile.stride, o = e + Bytes / 4;
-            if (add) {
-                lowEven[r] += S::load32(low + e), lowOdd[r] += S::load32(low + o);
-                highEven[r] += S::load32(high + e), highOdd[r] += S::load32(high + o);
-            }
-            S::store32(low + e, lowEven[r]), S::store32(low + o, lowOdd[r]);
-            S::store32(high + e, highEven[r]), S::store32(high + o, highOdd[r]);
-        }
-    }
-};
-
-// Products that wrap at 32 bits, formed as their upper and lower 16 bits in all lanes at once. Each half is summed
-// modulo 2^16, and its upper byte apart: what those cannot hold of 255 taps' exact sum is the other's to give.
-struct WideSingles {
-    const FilterProgram& program;
-    const FilterTile& tile;
-    int32_t* low;
-    int32_t* high;
-    bool add;
-
-    template <int Bytes> static ZENR_INLINE typename Simd<Bytes>::I32 evenOf(typename Simd<Bytes>::I16 v) {
-        return (typename Simd<Bytes>::I32(v) << 16) >> 16;
-    }
-    template <int Bytes> static ZENR_INLINE typename Simd<Bytes>::I32 oddOf(typename Simd<Bytes>::I16 v) {
-        return typename Simd<Bytes>::I32(v) >> 16;
-    }
-
-    template <int Bytes, int Rows> ZENR_INLINE void run(ptrdiff_t at, ptrdiff_t slot) const {
-        typedef Simd<Bytes> S;
-        typedef typename S::I16 I16;
-        typedef typename S::U16 U16;
-        typedef typename S::I32 I32;
-        I16 upper[Rows] = {}, upperByte[Rows] = {}, lower[Rows] = {}, lowerByte[Rows] = {};
-        for (int g = 0; g < program.segmentCount; ++g) {
-            const FilterSegment& segment = program.segment[g];
-            const int16_t* plane = tile.planes[segment.plane] + at;
-            for (int e = segment.begin; e < segment.end; ++e) {
-                const FilterEntry& entry = program.entry[e];
-                const I16 wl = I16(S::all32(entry.even)), wh = I16(S::all32(entry.odd));
-                const int16_t* s = plane + entry.offset;
-#pragma GCC unroll 8
-                for (int r = 0; r < Rows; ++r) {
-                    const I16 v = S::loadOnce16(s + r * tile.step);
-                    const I16 l = v * wl;
-                    const I16 u = S::mulHigh(v, wl) + v * wh;
-                    lower[r] += l;
-                    lowerByte[r] += I16(U16(l) >> 8);
-                    upper[r] += u;
-                    upperByte[r] += u >> 8;
-                }
-            }
-        }
-        const I32 word = S::all32(0xFFFF);
-#pragma GCC unroll 8
-        for (int r = 0; r < Rows; ++r) {
-            const ptrdiff_t e = slot + r * tile.stride, o = e + Bytes / 4;
-            const I16 upperRest = upper[r] - (upperByte[r] << 8), lowerRest = lower[r] - (lowerByte[r] << 8);
-            I32 highEven = (evenOf<Bytes>(upperByte[r]) << 8) + (I32(upperRest) & word);
-            I32 highOdd = (oddOf<Bytes>(upperByte[r]) << 8) + (oddOf<Bytes>(upperRest) & word);
-            I32 lowEven = (highEven << 16) + ((I32(lowerByte[r]) & word) << 8) + (I32(lowerRest) & word);
-            I32 lowOdd =
-                (highOdd << 16) + ((oddOf<Bytes>(lowerByte[r]) & word) << 8) + (oddOf<Bytes>(lowerRest) & word);
-            if (add) {
-                lowEven += S::load32(low + e), lowOdd += S::load32(low + o);
-                highEven += S::load32(high + e), highOdd += S::load32(high + o);
-            }
-            S::store32(low + e, lowEven), S::store32(low + o, lowOdd);
-            S::store32(high + e, highEven), S::store32(high + o, highOdd);
-        }
-    }
-};
-
-template <class Dot>
-static void narrowPairs(const FilterProgram& program, const FilterTile& tile, int32_t* sums, bool add) {
-    overTile<kNarrowRows>(tile, NarrowPairs<Dot>{program, tile, sums, add});
-}
-template <class Dot>
-static void widePairs(const FilterProgram& program, const FilterTile& tile, int32_t* low, int32_t* high, bool add) {
-    overTile<kWideRows>(tile, WidePairs<Dot>{program, tile, low, high, add});
-}
-static void wideSingles(const FilterProgram& program, const FilterTile& tile, int32_t* low, int32_t* high, bool add) {
-    overTile<kSingleRows>(tile, WideSingles{program, tile, low, high, add});
-}
-
-template <int Bytes, int Registers>
-static ZENR_INLINE int combineBlocks(const int32_t* const* in, const int32_t* weight, int taps, int32_t* out, int i,
-                                     int count) {
-    typedef Simd<Bytes> S;
-    constexpr int kWords = Bytes / 4;
-    for (; i + Registers * kWords <= count; i += Registers * kWords) {
-        typename S::I32 sum[Registers] = {};
-        for (int t = 0; t < taps; ++t) {
-            const typename S::I32 w = S::all32(weight[t]);
-            const int32_t* p = in[t] + i;
-#pragma GCC unroll 8
-            for (int r = 0; r < Registers; ++r) sum[r] += w * S::load32(p + r * kWords);
-        }
-#pragma GCC unroll 8
-        for (int r = 0; r < Registers; ++r) S::store32(out + i + r * kWords, sum[r]);
-    }
-    return i;
-}
-
-static void combine(const int32_t* const* in, const int32_t* weight, int taps, int32_t* out, int count) {
-    const int i = combineBlocks<kSimdBytes, 4>(in, weight, taps, out, 0, count);
-    combineBlocks<16, 2>(in, weight, taps, out, i, count);
-}
-
 // ---- Division ------------------------------------------------------------------------------------------------------
 
 template <int Bytes>
@@ -303,6 +66,23 @@ static ZENR_INLINE typename Simd<Bytes>::I32 narrowQuotient(typename Simd<Bytes>
                                    Mode == FilterDivision::reciprocalWithTies, false);
 }
 
+// The same for a mode that is known at run time.
+template <int Bytes>
+static ZENR_INLINE typename Simd<Bytes>::I32 narrowQuotient(typename Simd<Bytes>::I32 n,
+                                                            const FilterDivision& division) {
+    switch (division.mode) {
+    case FilterDivision::none:
+        return narrowQuotient<Bytes, FilterDivision::none>(n, division);
+    case FilterDivision::shift:
+        return narrowQuotient<Bytes, FilterDivision::shift>(n, division);
+    case FilterDivision::reciprocal:
+        return narrowQuotient<Bytes, FilterDivision::reciprocal>(n, division);
+    case FilterDivision::reciprocalWithTies:
+        break;
+    }
+    return narrowQuotient<Bytes, FilterDivision::reciprocalWithTies>(n, division);
+}
+
 // high * 2^16 + remainder as doubles: exact below 2^53, and beyond it any divisor saturates.
 template <int Bytes>
 static ZENR_INLINE typename Simd<Bytes>::I32 wideQuotient(typename Simd<Bytes>::I32 low, typename Simd<Bytes>::I32 high,
@@ -318,67 +98,302 @@ static ZENR_INLINE typename Simd<Bytes>::I32 wideQuotient(typename Simd<Bytes>::
     return roundedQuotients<Bytes>(a, b, division, ties, true);
 }
 
-// One row per run: at is the column in the row, which the caller has put in place of the source's origin.
-template <int Mode> struct FinishNarrow {
-    const FilterDivision& division;
-    const int32_t* sums;
-    int16_t* dst;
+// ---- Sums ----------------------------------------------------------------------------------------------------------
 
-    template <int Bytes, int Rows> ZENR_INLINE void run(ptrdiff_t at, ptrdiff_t slot) const {
+// A block of a tile: one vector of columns, and some rows.
+struct Block {
+    int row;
+    int x;
+    ptrdiff_t source; // voxels from a plane's pointer
+    ptrdiff_t slot;   // of its sums
+};
+
+// Asks for what the tile will need at a block.
+static ZENR_INLINE void fetch(const FilterTile& t, const Block& b, int rows) {
+    if (t.ahead)
+        for (int r = 0; r < rows; ++r) __builtin_prefetch(t.ahead + b.source + r * t.step, 0, 2);
+    const int end = b.row + rows < t.targetRows ? b.row + rows : t.targetRows;
+    for (int r = b.row; r < end; ++r) __builtin_prefetch(t.target + r * t.targetStep + b.x, 1, 2);
+}
+
+// Runs Group::run<Bytes, rows>(block) over a tile: groups of Rows rows, then what is left row by row.
+template <int Bytes, int Rows, class Group>
+static ZENR_INLINE void overBlocks(const FilterTile& t, const Group& group) {
+    constexpr int lanes = Bytes / 2;
+    for (int r = 0; r < t.rows;) {
+        const bool whole = t.rows - r >= Rows;
+        for (int column = 0; column < t.stride; column += lanes) {
+            const int x = column < t.width - lanes ? column : t.width - lanes;
+            const Block block = {r, x, t.origin + r * t.step + x, ptrdiff_t(r) * t.stride + column};
+            if (Group::kSums) fetch(t, block, whole ? Rows : 1);
+            if (whole)
+                group.template run<Bytes, Rows>(block);
+            else
+                group.template run<Bytes, 1>(block);
+        }
+        r += whole ? Rows : 1;
+    }
+}
+
+// The same with the registers that the tile's width allows.
+template <int Rows, class Group> static ZENR_INLINE void overTile(const FilterTile& t, const Group& group) {
+    if (t.lanes == 8) overBlocks<16, Rows>(t, group);
+    if constexpr (kSimdBytes >= 32)
+        if (t.lanes == 16) overBlocks<32, Rows>(t, group);
+    if constexpr (kSimdBytes >= 64)
+        if (t.lanes == 32) overBlocks<64, Rows>(t, group);
+}
+
+// The voxels of one row of a block.
+template <int Bytes>
+static ZENR_INLINE void put(const FilterTile& t, const Block& b, int row, typename Simd<Bytes>::I32 even,
+                            typename Simd<Bytes>::I32 odd) {
+    Simd<Bytes>::store16(t.target + (b.row + row) * t.targetStep + b.x, Simd<Bytes>::interleave16(even, odd));
+}
+
+// sum + a[2i] * b[2i] + a[2i+1] * b[2i+1] modulo 2^32, in two instructions or in one.
+struct TwoSteps {
+    template <int Bytes>
+    static ZENR_INLINE void add(typename Simd<Bytes>::I32& sum, typename Simd<Bytes>::I16 a,
+                                typename Simd<Bytes>::I16 b) {
+        sum += Simd<Bytes>::madd(a, b);
+    }
+};
+#if defined(__AVX512BW__)
+// Written in assembler: the intrinsic would put the instruction's feature on every function around it.
+struct OneStep {
+    template <int Bytes>
+    static ZENR_INLINE void add(typename Simd<Bytes>::I32& sum, typename Simd<Bytes>::I16 a,
+                                typename Simd<Bytes>::I16 b) {
+        asm("vpdpwssd %2, %1, %0" : "+v"(sum) : "v"(a), "v"(b));
+    }
+};
+#endif
+
+template <class Dot> struct NarrowPairs {
+    static constexpr bool kSums = true;
+    const FilterProgram& program;
+    const FilterTile& tile;
+    int32_t* sums;
+    bool add;
+    const FilterDivision* division;
+
+    template <int Bytes, int Rows> ZENR_INLINE void run(const Block& block) const {
         typedef Simd<Bytes> S;
-        S::store16(dst + at,
-                   S::interleave16(narrowQuotient<Bytes, Mode>(S::load32(sums + slot), division),
-                                   narrowQuotient<Bytes, Mode>(S::load32(sums + slot + Bytes / 4), division)));
+        typedef typename S::I16 I16;
+        typename S::I32 even[Rows] = {}, odd[Rows] = {};
+        for (int g = 0; g < program.segmentCount; ++g) {
+            const FilterSegment& segment = program.segment[g];
+            const int16_t* plane = tile.planes[segment.plane] + block.source;
+            for (int e = segment.begin; e < segment.end; ++e) {
+                const FilterEntry& entry = program.entry[e];
+                const I16 we = I16(S::all32(entry.even)), wo = I16(S::all32(entry.odd));
+                const int16_t* s = plane + entry.offset;
+#pragma GCC unroll 8
+                for (int r = 0; r < Rows; ++r) {
+                    const I16 v = S::loadOnce16(s + r * tile.step);
+                    Dot::template add<Bytes>(even[r], v, we);
+                    Dot::template add<Bytes>(odd[r], v, wo);
+                }
+            }
+        }
+#pragma GCC unroll 8
+        for (int r = 0; r < Rows; ++r) {
+            int32_t* to = sums + block.slot + r * tile.stride;
+            if (add) even[r] += S::load32(to), odd[r] += S::load32(to + Bytes / 4);
+            if (division) {
+                put<Bytes>(tile, block, r, narrowQuotient<Bytes>(even[r], *division),
+                           narrowQuotient<Bytes>(odd[r], *division));
+                continue;
+            }
+            S::store32(to, even[r]);
+            S::store32(to + Bytes / 4, odd[r]);
+        }
+    }
+};
+
+template <class Dot> struct WidePairs {
+    static constexpr bool kSums = true;
+    const FilterProgram& program;
+    const FilterTile& tile;
+    int32_t* low;
+    int32_t* high;
+    bool add;
+
+    template <int Bytes, int Rows> ZENR_INLINE void run(const Block& block) const {
+        typedef Simd<Bytes> S;
+        typedef typename S::I16 I16;
+        typedef typename S::I32 I32;
+        I32 lowEven[Rows] = {}, lowOdd[Rows] = {}, highEven[Rows] = {}, highOdd[Rows] = {};
+        for (int g = 0; g < program.segmentCount; ++g) {
+            const FilterSegment& segment = program.segment[g];
+            const int16_t* plane = tile.planes[segment.plane] + block.source;
+            I32 even[Rows] = {}, odd[Rows] = {};
+            for (int e = segment.begin; e < segment.end; ++e) {
+                const FilterEntry& entry = program.entry[e];
+                const I16 we = I16(S::all32(entry.even)), wo = I16(S::all32(entry.odd));
+                const int16_t* s = plane + entry.offset;
+#pragma GCC unroll 8
+                for (int r = 0; r < Rows; ++r) {
+                    const I16 v = S::loadOnce16(s + r * tile.step);
+                    Dot::template add<Bytes>(even[r], v, we);
+                    Dot::template add<Bytes>(odd[r], v, wo);
+                }
+            }
+            // Before the 32 bits could overflow: the upper halves apart, and everything modulo 2^32.
+#pragma GCC unroll 8
+            for (int r = 0; r < Rows; ++r) {
+                lowEven[r] += even[r], highEven[r] += even[r] >> 16;
+                lowOdd[r] += odd[r], highOdd[r] += odd[r] >> 16;
+            }
+        }
+#pragma GCC unroll 8
+        for (int r = 0; r < Rows; ++r) {
+            const ptrdiff_t e = block.slot + r * tile.stride, o = e + Bytes / 4;
+            if (add) {
+                lowEven[r] += S::load32(low + e), lowOdd[r] += S::load32(low + o);
+                highEven[r] += S::load32(high + e), highOdd[r] += S::load32(high + o);
+            }
+            S::store32(low + e, lowEven[r]), S::store32(low + o, lowOdd[r]);
+            S::store32(high + e, highEven[r]), S::store32(high + o, highOdd[r]);
+        }
+    }
+};
+
+// Products that wrap at 32 bits, formed as their upper and lower 16 bits in all lanes at once. Each half is summed
+// modulo 2^16, and its upper byte apart: what those cannot hold of 255 taps' exact sum is the other's to give.
+struct WideSingles {
+    static constexpr bool kSums = true;
+    const FilterProgram& program;
+    const FilterTile& tile;
+    int32_t* low;
+    int32_t* high;
+    bool add;
+
+    template <int Bytes> static ZENR_INLINE typename Simd<Bytes>::I32 evenOf(typename Simd<Bytes>::I16 v) {
+        return (typename Simd<Bytes>::I32(v) << 16) >> 16;
+    }
+    template <int Bytes> static ZENR_INLINE typename Simd<Bytes>::I32 oddOf(typename Simd<Bytes>::I16 v) {
+        return typename Simd<Bytes>::I32(v) >> 16;
+    }
+
+    template <int Bytes, int Rows> ZENR_INLINE void run(const Block& block) const {
+        typedef Simd<Bytes> S;
+        typedef typename S::I16 I16;
+        typedef typename S::U16 U16;
+        typedef typename S::I32 I32;
+        I16 upper[Rows] = {}, upperByte[Rows] = {}, lower[Rows] = {}, lowerByte[Rows] = {};
+        for (int g = 0; g < program.segmentCount; ++g) {
+            const FilterSegment& segment = program.segment[g];
+            const int16_t* plane = tile.planes[segment.plane] + block.source;
+            for (int e = segment.begin; e < segment.end; ++e) {
+                const FilterEntry& entry = program.entry[e];
+                const I16 wl = I16(S::all32(entry.even)), wh = I16(S::all32(entry.odd));
+                const int16_t* s = plane + entry.offset;
+#pragma GCC unroll 8
+                for (int r = 0; r < Rows; ++r) {
+                    const I16 v = S::loadOnce16(s + r * tile.step);
+                    const I16 l = v * wl;
+                    const I16 u = S::mulHigh(v, wl) + v * wh;
+                    lower[r] += l;
+                    lowerByte[r] += I16(U16(l) >> 8);
+                    upper[r] += u;
+                    upperByte[r] += u >> 8;
+                }
+            }
+        }
+        const I32 word = S::all32(0xFFFF);
+#pragma GCC unroll 8
+        for (int r = 0; r < Rows; ++r) {
+            const ptrdiff_t e = block.slot + r * tile.stride, o = e + Bytes / 4;
+            const I16 upperRest = upper[r] - (upperByte[r] << 8), lowerRest = lower[r] - (lowerByte[r] << 8);
+            I32 highEven = (evenOf<Bytes>(upperByte[r]) << 8) + (I32(upperRest) & word);
+            I32 highOdd = (oddOf<Bytes>(upperByte[r]) << 8) + (oddOf<Bytes>(upperRest) & word);
+            I32 lowEven = (highEven << 16) + ((I32(lowerByte[r]) & word) << 8) + (I32(lowerRest) & word);
+            I32 lowOdd =
+                (highOdd << 16) + ((oddOf<Bytes>(lowerByte[r]) & word) << 8) + (oddOf<Bytes>(lowerRest) & word);
+            if (add) {
+                lowEven += S::load32(low + e), lowOdd += S::load32(low + o);
+                highEven += S::load32(high + e), highOdd += S::load32(high + o);
+            }
+            S::store32(low + e, lowEven), S::store32(low + o, lowOdd);
+            S::store32(high + e, highEven), S::store32(high + o, highOdd);
+        }
+    }
+};
+
+template <class Dot>
+static void narrowPairs(const FilterProgram& program, const FilterTile& tile, int32_t* sums, bool add,
+                        const FilterDivision* division) {
+    overTile<kNarrowRows>(tile, NarrowPairs<Dot>{program, tile, sums, add, division});
+}
+template <class Dot>
+static void widePairs(const FilterProgram& program, const FilterTile& tile, int32_t* low, int32_t* high, bool add) {
+    overTile<kWideRows>(tile, WidePairs<Dot>{program, tile, low, high, add});
+}
+static void wideSingles(const FilterProgram& program, const FilterTile& tile, int32_t* low, int32_t* high, bool add) {
+    overTile<kSingleRows>(tile, WideSingles{program, tile, low, high, add});
+}
+
+template <int Bytes, int Registers>
+static ZENR_INLINE int combineBlocks(const int32_t* const* in, const int32_t* weight, int taps, int32_t* out, int i,
+                                     int count) {
+    typedef Simd<Bytes> S;
+    constexpr int kWords = Bytes / 4;
+    for (; i + Registers * kWords <= count; i += Registers * kWords) {
+        typename S::I32 sum[Registers] = {};
+        for (int t = 0; t < taps; ++t) {
+            const typename S::I32 w = S::all32(weight[t]);
+            const int32_t* p = in[t] + i;
+#pragma GCC unroll 8
+            for (int r = 0; r < Registers; ++r) sum[r] += w * S::load32(p + r * kWords);
+        }
+#pragma GCC unroll 8
+        for (int r = 0; r < Registers; ++r) S::store32(out + i + r * kWords, sum[r]);
+    }
+    return i;
+}
+
+static void combine(const int32_t* const* in, const int32_t* weight, int taps, int32_t* out, int count) {
+    const int i = combineBlocks<kSimdBytes, 4>(in, weight, taps, out, 0, count);
+    combineBlocks<16, 2>(in, weight, taps, out, i, count);
+}
+
+struct FinishNarrow {
+    static constexpr bool kSums = false;
+    const FilterDivision& division;
+    const FilterTile& tile;
+    const int32_t* sums;
+
+    template <int Bytes, int Rows> ZENR_INLINE void run(const Block& block) const {
+        typedef Simd<Bytes> S;
+        put<Bytes>(tile, block, 0, narrowQuotient<Bytes>(S::load32(sums + block.slot), division),
+                   narrowQuotient<Bytes>(S::load32(sums + block.slot + Bytes / 4), division));
     }
 };
 
 struct FinishWide {
+    static constexpr bool kSums = false;
     const FilterDivision& division;
+    const FilterTile& tile;
     const int32_t* low;
     const int32_t* high;
-    int16_t* dst;
 
-    template <int Bytes, int Rows> ZENR_INLINE void run(ptrdiff_t at, ptrdiff_t slot) const {
+    template <int Bytes, int Rows> ZENR_INLINE void run(const Block& block) const {
         typedef Simd<Bytes> S;
-        const ptrdiff_t odd = slot + Bytes / 4;
+        const ptrdiff_t even = block.slot, odd = even + Bytes / 4;
         const bool ties = division.mode == FilterDivision::reciprocalWithTies;
-        S::store16(dst + at,
-                   S::interleave16(wideQuotient<Bytes>(S::load32(low + slot), S::load32(high + slot), division, ties),
-                                   wideQuotient<Bytes>(S::load32(low + odd), S::load32(high + odd), division, ties)));
+        put<Bytes>(tile, block, 0, wideQuotient<Bytes>(S::load32(low + even), S::load32(high + even), division, ties),
+                   wideQuotient<Bytes>(S::load32(low + odd), S::load32(high + odd), division, ties));
     }
 };
 
-static FilterTile asTarget(const FilterTile& tile, ptrdiff_t dstStep) {
-    FilterTile target = tile;
-    target.origin = 0;
-    target.step = dstStep;
-    target.ahead = nullptr;
-    target.targetRows = 0;
-    return target;
+static void finishNarrow(const FilterDivision& division, const FilterTile& tile, const int32_t* sums) {
+    overTile<1>(tile, FinishNarrow{division, tile, sums});
 }
-
-static void finishNarrow(const FilterDivision& division, const FilterTile& tile, const int32_t* sums, int16_t* dst,
-                         ptrdiff_t dstStep) {
-    const FilterTile target = asTarget(tile, dstStep);
-    switch (division.mode) {
-    case FilterDivision::none:
-        overTile<1>(target, FinishNarrow<FilterDivision::none>{division, sums, dst});
-        break;
-    case FilterDivision::shift:
-        overTile<1>(target, FinishNarrow<FilterDivision::shift>{division, sums, dst});
-        break;
-    case FilterDivision::reciprocal:
-        overTile<1>(target, FinishNarrow<FilterDivision::reciprocal>{division, sums, dst});
-        break;
-    case FilterDivision::reciprocalWithTies:
-        overTile<1>(target, FinishNarrow<FilterDivision::reciprocalWithTies>{division, sums, dst});
-        break;
-    }
-}
-
-static void finishWide(const FilterDivision& division, const FilterTile& tile, const int32_t* low, const int32_t* high,
-                       int16_t* dst, ptrdiff_t dstStep) {
-    overTile<1>(asTarget(tile, dstStep), FinishWide{division, low, high, dst});
+static void finishWide(const FilterDivision& division, const FilterTile& tile, const int32_t* low,
+                       const int32_t* high) {
+    overTile<1>(tile, FinishWide{division, tile, low, high});
 }
 
 // ---- Plain ---------------------------------------------------------------------------------------------------------
