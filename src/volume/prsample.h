@@ -15,18 +15,43 @@ template <class T> struct SampleSource {
     ptrdiff_t step; // from row to row, in elements
     int low[3];
     int high[3];
+    bool narrow;   // offsets within a plane fit an int
+    bool regular;  // so do those from the box's first plane, as planes lie at equal distances
+    int planeStep; // of a regular source
 };
+
+// Finds out how the source's planes lie.
+template <class T> void surveyPlanes(SampleSource<T>* src) {
+    constexpr long long kMost = 0x7FFFFFFF;
+    const long long step = src->step < 0 ? -(long long)src->step : src->step;
+    src->narrow = step < kMost && (src->high[1] + 1LL) * step + src->high[0] < kMost;
+    src->regular = false;
+    src->planeStep = 0;
+    const int depth = src->high[2] - src->low[2] + 1;
+    const auto at = [&](int z) { return (long long)reinterpret_cast<intptr_t>(src->planes[src->low[2] + z]); };
+    const long long bytes = depth > 1 ? at(1) - at(0) : 0, distance = bytes / (long long)sizeof(T);
+    const long long size = distance < 0 ? -distance : distance;
+    if (!src->narrow || bytes % (long long)sizeof(T) != 0) return;
+    if (size > kMost || size * depth + (src->high[1] + 1LL) * step + src->high[0] >= kMost) return;
+    for (int z = 2; z < depth; ++z)
+        if (at(z) - at(z - 1) != bytes) return;
+    src->regular = true;
+    src->planeStep = int(distance);
+}
 
 // For a box that starts inside the volume; what lies beyond the volume is cut off.
 template <class T> SampleSource<T> sampleSource(const T* const* planes, int stepBytes, ZenrVolume volume, ZenrBox box) {
     const auto last = [](int first, int length, int size) {
         return first + (size - first < length ? size - first : length) - 1;
     };
-    return {planes,
-            elementStep<T>(stepBytes),
-            {box.x, box.y, box.z},
-            {last(box.x, box.width, volume.width), last(box.y, box.height, volume.height),
-             last(box.z, box.depth, volume.depth)}};
+    SampleSource<T> src;
+    src.planes = planes;
+    src.step = elementStep<T>(stepBytes);
+    src.low[0] = box.x, src.high[0] = last(box.x, box.width, volume.width);
+    src.low[1] = box.y, src.high[1] = last(box.y, box.height, volume.height);
+    src.low[2] = box.z, src.high[2] = last(box.z, box.depth, volume.depth);
+    surveyPlanes(&src);
+    return src;
 }
 
 constexpr bool boxOutside(ZenrVolume volume, ZenrBox box) {

@@ -4,6 +4,7 @@
 #include "volume/pirescub.h"
 #include "volume/presround.h"
 #include "volume/prsample.h"
+#include "volume/prsamplevec.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
@@ -147,19 +148,20 @@ template <> inline float settled<float, double>(double sum, double size, int* do
 // With infinite taps a weight decides between infinity and NaN by being 0 or next to it.
 constexpr float kLargest = 3.4028234663852886e38f;
 
+// Voxels by the definition: those of a mask.
+constexpr unsigned kAll = (1u << kChunk) - 1;
 template <class Policy, class T>
-__attribute__((noinline)) void redo(const SampleSource<T>& src, const Positions& at, const int* doubt, T* out) {
-    for (int x = 0; x < kChunk; ++x) {
-        const double s[3] = {at.s[0][x], at.s[1][x], at.s[2][x]};
-        if (doubt[x]) out[x] = Policy::value(src, s);
-    }
-}
-template <class Policy, class T>
-__attribute__((noinline)) void redoAll(const SampleSource<T>& src, const Positions& at, T* out) {
-    for (int x = 0; x < kChunk; ++x) {
+__attribute__((noinline)) void redo(const SampleSource<T>& src, const Positions& at, unsigned mask, T* out) {
+    for (; mask; mask &= mask - 1) {
+        const int x = __builtin_ctz(mask);
         const double s[3] = {at.s[0][x], at.s[1][x], at.s[2][x]};
         out[x] = Policy::value(src, s);
     }
+}
+inline unsigned maskOf(const int* doubt) {
+    unsigned mask = 0;
+    for (int x = 0; x < kChunk; ++x) mask |= unsigned(doubt[x] != 0) << x;
+    return mask;
 }
 
 template <class T> struct Nearest {
@@ -167,6 +169,25 @@ template <class T> struct Nearest {
     static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
         alignas(64) int plane[kChunk], offset[kChunk];
         const int step = int(src.step);
+#if defined(ZENR_LEVEL_avx512)
+        const __m512i z = truncated16(at.s[2], kHalfUp), y = truncated16(at.s[1], kHalfUp);
+        const __m512i flat =
+            _mm512_add_epi32(_mm512_mullo_epi32(y, _mm512_set1_epi32(step)), truncated16(at.s[0], kHalfUp));
+        if (src.regular) {
+            const __m512i slice = _mm512_sub_epi32(z, _mm512_set1_epi32(src.low[2]));
+            _mm512_store_si512(offset,
+                               _mm512_add_epi32(flat, _mm512_mullo_epi32(slice, _mm512_set1_epi32(src.planeStep))));
+            stageDone();
+            const T* const origin = src.planes[src.low[2]];
+            for (int x = 0; x < kChunk; ++x) out[x] = origin[offset[x]];
+            return;
+        }
+        _mm512_store_si512(plane, z);
+        _mm512_store_si512(offset, flat);
+        stageDone();
+        for (int x = 0; x < kChunk; ++x) out[x] = src.planes[plane[x]][offset[x]];
+        return;
+#endif
         for (int x = 0; x < kChunk; ++x) {
             plane[x] = int(at.s[2][x] + kHalfUp);
             offset[x] = int(at.s[1][x] + kHalfUp) * step + int(at.s[0][x] + kHalfUp);
@@ -217,7 +238,10 @@ template <class T> struct Linear {
     static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
         // Along an axis of one voxel base and base + 1 would be two.
         for (int k = 0; k < 3; ++k)
-            if (src.low[k] == src.high[k]) return redoAll<Linear>(src, at, out);
+            if (src.low[k] == src.high[k]) return redo<Linear>(src, at, kAll, out);
+#if defined(ZENR_LEVEL_avx512)
+        return chunk16(src, at, out);
+#endif
         using Pairs = Pair<T>;
         alignas(64) int base[3][kChunk], offset[kChunk];
         alignas(64) Real f[3][kChunk];
@@ -256,8 +280,57 @@ template <class T> struct Linear {
             out[x] = settled<T>(v, sizeof(T) == 4 ? Real(most) * 4 : kError, &doubt[x]);
             any |= doubt[x];
         }
-        if (__builtin_expect(any != 0, 0)) redo<Linear>(src, at, doubt, out);
+        if (__builtin_expect(any != 0, 0)) redo<Linear>(src, at, maskOf(doubt), out);
     }
+
+#if defined(ZENR_LEVEL_avx512)
+    static void chunk16(const SampleSource<T>& src, const Positions& at, T* out) {
+        using Real16 = typename Real16Of<Real>::Type;
+        const auto x = place16<Real16>(at.s[0], src.high[0], kSnap), y = place16<Real16>(at.s[1], src.high[1], kSnap),
+                   z = place16<Real16>(at.s[2], src.high[2], kSnap);
+        const __m512i flat = _mm512_add_epi32(_mm512_mullo_epi32(y.base, _mm512_set1_epi32(int(src.step))), x.base);
+        alignas(64) int offset[kChunk];
+        unsigned doubt;
+        const auto blendAll = [&](const auto& tap) {
+            typename Pairs16<T>::Type pair[4];
+            for (int r = 0; r < 4; ++r) pair[r] = pairs16(out, [&](int k) { return tap(r, k); });
+            Real16 row[4];
+            for (int r = 0; r < 4; ++r)
+                row[r] = blend(Real16::of(pair[r].first), Real16::of(pair[r].second), x.fraction);
+            const Real16 sum = blend(blend(row[0], row[1], y.fraction), blend(row[2], row[3], y.fraction), z.fraction);
+            if constexpr (sizeof(T) == 4) {
+                __m512 most = _mm512_setzero_ps();
+                for (int r = 0; r < 4; ++r)
+                    most =
+                        _mm512_max_ps(_mm512_abs_ps(pair[r].first), _mm512_max_ps(_mm512_abs_ps(pair[r].second), most));
+                const __m512d unit = _mm512_set1_pd(3.552713678800501e-15); // 2^-48
+                const Real16 size = Real16::of(most);
+                doubt = settle16(out, sum, {_mm512_mul_pd(size.low, unit), _mm512_mul_pd(size.high, unit)}, 0) |
+                        _mm512_cmp_ps_mask(most, _mm512_set1_ps(kLargest), _CMP_GT_OQ);
+            } else {
+                doubt = settle16(out, sum, all16(kError), Real(kHalfUp));
+            }
+        };
+        if (src.regular) {
+            const __m512i slice = _mm512_sub_epi32(z.base, _mm512_set1_epi32(src.low[2]));
+            _mm512_store_si512(offset,
+                               _mm512_add_epi32(flat, _mm512_mullo_epi32(slice, _mm512_set1_epi32(src.planeStep))));
+            stageDone();
+            const T* const origin = src.planes[src.low[2]];
+            const T* const row[4] = {origin, origin + src.step, origin + src.planeStep,
+                                     origin + src.planeStep + src.step};
+            blendAll([&](int r, int k) { return row[r] + offset[k]; });
+        } else {
+            alignas(64) int plane[kChunk];
+            _mm512_store_si512(plane, z.base);
+            _mm512_store_si512(offset, flat);
+            stageDone();
+            blendAll(
+                [&](int r, int k) { return src.planes[plane[k] + (r >> 1)] + offset[k] + (r & 1 ? src.step : 0); });
+        }
+        if (__builtin_expect(doubt != 0, 0)) redo<Linear>(src, at, doubt, out);
+    }
+#endif
 };
 
 // Four neighbours along x, as numbers to sum in.
@@ -425,7 +498,7 @@ template <class T, int mode> struct Cubic {
             out[x] = settled<T>(sums[x], bound(error[x], most[x]), &doubt[x]);
             any |= doubt[x];
         }
-        if (__builtin_expect(any != 0, 0)) redo<Cubic>(src, at, doubt, out);
+        if (__builtin_expect(any != 0, 0)) redo<Cubic>(src, at, maskOf(doubt), out);
     }
 
     // What settled() needs to know. The sizes of four weights sum to 1.25 at most, so the terms of the sum to twice the
@@ -494,15 +567,9 @@ inline Interval insideOf(const double* s, int count, double advance, double low,
     return advance < 0 ? Interval{above, count - below} : Interval{below, count - above};
 }
 
-// Offsets within a plane fit an int?
-template <class T> inline bool narrow(const SampleSource<T>& src) {
-    const long long step = src.step < 0 ? -(long long)src.step : src.step;
-    return step < 0x7FFFFFFF && (src.high[1] + 1LL) * step + src.high[0] < 0x7FFFFFFF;
-}
-
 template <class T, class Policy>
 void warpRow(const SampleSource<T>& src, T* dst, int count, double position[3], const double advance[3]) {
-    if (!narrow(src)) {
+    if (!src.narrow) {
         for (int x = 0; x < count; ++x) {
             if (inside(src, position)) dst[x] = Policy::value(src, position);
             for (int k = 0; k < 3; ++k) position[k] += advance[k];
@@ -524,18 +591,16 @@ void warpRow(const SampleSource<T>& src, T* dst, int count, double position[3], 
             for (int i = in.end; i % kChunk != in.begin % kChunk; ++i) run.s[k][i] = run.s[k][in.end - 1];
         for (int i = in.begin; i < in.end; i += kChunk) {
             T out[kChunk];
-            Policy::chunk(src, {run.s[0] + i, run.s[1] + i, run.s[2] + i}, out);
-            if (in.end - i >= kChunk)
-                __builtin_memcpy(dst + x + i, out, sizeof out);
-            else
-                for (int j = i; j < in.end; ++j) dst[x + j] = out[j - i];
+            const bool whole = in.end - i >= kChunk;
+            Policy::chunk(src, {run.s[0] + i, run.s[1] + i, run.s[2] + i}, whole ? dst + x + i : out);
+            for (int j = i; !whole && j < in.end; ++j) dst[x + j] = out[j - i];
         }
     }
 }
 
 template <class T, class Policy>
 void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const map[3]) {
-    if (!narrow(src)) {
+    if (!src.narrow) {
         for (int x = 0; x < count; ++x) {
             const double position[3] = {map[0][x], map[1][x], map[2][x]};
             if (inside(src, position)) dst[x] = Policy::value(src, position);
@@ -567,12 +632,9 @@ void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const 
             for (int k = 0; k < 3; ++k)
                 for (int i = 0; i < kChunk; ++i) s[k][i] = out[i] ? src.low[k] : s[k][i];
         T voxels[kChunk];
-        Policy::chunk(src, {s[0], s[1], s[2]}, voxels);
-        if (!outside)
-            __builtin_memcpy(dst + x, voxels, sizeof voxels);
-        else
-            for (int i = 0; i < kChunk; ++i)
-                if (!out[i]) dst[x + i] = voxels[i];
+        Policy::chunk(src, {s[0], s[1], s[2]}, outside ? voxels : dst + x);
+        for (int i = 0; outside && i < kChunk; ++i)
+            if (!out[i]) dst[x + i] = voxels[i];
     }
 }
 
