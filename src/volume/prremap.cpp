@@ -7,7 +7,7 @@
 namespace zenr {
 namespace {
 
-constexpr int kTileColumns = 512;
+constexpr int kTileColumns = 256;
 constexpr int kTileRows = 16;
 constexpr int kTileSlices = 16;
 

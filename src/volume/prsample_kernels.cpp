@@ -523,7 +523,7 @@ inline uint64_t bitsOf(double x) {
     return __builtin_bit_cast(uint64_t, x);
 }
 
-// Whether kChunk - 1 additions of `advance` to `first` are `last`, with multiples of `step` in between: all of them lie
+// Whether additions of `advance` lead from `first` to `last`, with multiples of `step` in between: all of them lie
 // within the same two powers of two, so that ulps are the same and the same advance is added every time, `advance`
 // rounded to whole ulps; but no sum may be a tie, which is rounded now up and now down.
 inline bool evenly(double first, double last, double advance, double step) {
@@ -537,20 +537,22 @@ inline bool evenly(double first, double last, double advance, double step) {
 
 // Positions of the next voxels of a row, exactly as repeated addition gives them.
 inline void nextPositions(double* position, double advance, int count, double* s) {
-    double next = *position;
-    for (int x = 0; x < count; x += kChunk) {
-        const double first = next, step = (first + advance) - first;
-        if (__builtin_expect(evenly(first, first + (kChunk - 1) * step, advance, step), 1)) {
-            for (int i = 0; i < kChunk; ++i) s[x + i] = first + i * step;
-            next = s[x + kChunk - 1] + advance;
-        } else {
-            for (int i = 0; i < kChunk; ++i) {
-                s[x + i] = next;
-                next += advance;
-            }
+    const double first = *position, step = (first + advance) - first, last = first + (count - 1) * step;
+    if (__builtin_expect(evenly(first, last, advance, step), 1)) {
+        for (int x = 0; x < count; x += kChunk)
+            for (int i = 0; i < kChunk; ++i) s[x + i] = first + (x + i) * step;
+        *position = last + advance;
+    } else if (count > kChunk) {
+        for (int x = 0; x < count; x += kChunk)
+            nextPositions(position, advance, count - x < kChunk ? count - x : kChunk, s + x);
+    } else {
+        double next = first;
+        for (int x = 0; x < count; ++x) {
+            s[x] = next;
+            next += advance;
         }
+        *position = next;
     }
-    *position = count % kChunk ? s[count] : next;
 }
 
 // The voxels of a run that are inside: an interval, because positions are monotonous also when rounded.

@@ -53,7 +53,7 @@ ZenStatus ownrGetInverseMatrix(const double c[12], double inverse[12]) {
 namespace {
 
 // Rows of the destination in tiles, so that neighbouring rows find their source voxels in the cache.
-constexpr int kTileColumns = 128;
+constexpr int kTileColumns = 256;
 constexpr int kTileRows = 16;
 constexpr int kTileSlices = 16;
 
