@@ -369,8 +369,9 @@ inline Double4 load4(const float* p) {
 // Weights as polynomials of the fraction. The definition's coefficients are doubles next to these, and its cancellations
 // are others: both together differ by less than 2^-49 for fractions from -1e-7 to 1 (where two weights change branch, but
 // are continuous).
-template <int mode> inline void weightPolynomials(double f, double w[4]) {
-    const double g = 1 - f;
+// Real may be a vector of doubles.
+template <int mode, class Real> inline void weightPolynomials(Real f, Real w[4]) {
+    const Real g = 1 - f;
     if constexpr (mode == 4) {
         w[0] = f * g * (f - 2) * (1.0 / 6);
         w[1] = g * (1 + f) * (1 - 0.5 * f);
@@ -388,15 +389,17 @@ template <int mode> inline void weightPolynomials(double f, double w[4]) {
     }
 }
 
+constexpr double kWeightError = 1.7763568394002505e-15; // 2^-49
+
 // Cubic weights of a chunk along an axis, each rounded to float. `error` grows by what the roundings leave open: the
 // weights defined differ from these by no more, all four together.
 template <int mode> inline void weighAxis(const double* fraction, double (*w)[kChunk], double* error) {
     for (int x = 0; x < kChunk; ++x) {
         const double f = float(fraction[x]);
         double v[4];
-        weightPolynomials<mode>(f, v);
+        weightPolynomials<mode, double>(f, v);
         // A little before the base voxel the definition takes its branches of distances beyond 1, with other slopes.
-        const double e = 1.7763568394002505e-15 + (f < 0 ? -2 * f : 0); // 2^-49
+        const double e = kWeightError + (f < 0 ? -2 * f : 0);
         double open = 0;
         for (int t = 0; t < 4; ++t) {
             const float low = float(v[t] - e), high = float(v[t] + e);
@@ -475,6 +478,9 @@ template <class T, int mode> struct Cubic {
     }
 
     static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
+#if defined(ZENR_LEVEL_avx512)
+        if (chunk16(src, at, out)) return;
+#endif
         alignas(64) int base[3][kChunk];
         alignas(64) double f[3][kChunk], error[kChunk] = {};
         Weights weights;
@@ -500,6 +506,66 @@ template <class T, int mode> struct Cubic {
         }
         if (__builtin_expect(any != 0, 0)) redo<Cubic>(src, at, maskOf(doubt), out);
     }
+
+#if defined(ZENR_LEVEL_avx512)
+    // A chunk whose taps all lie inside the box, of a source with regular planes; false, and nothing done, for others.
+    static bool chunk16(const SampleSource<T>& src, const Positions& at, T* out) {
+        if (!src.regular) return false;
+        alignas(64) Real w[3][4][kChunk];
+        alignas(64) int offset[kChunk];
+        unsigned open = 0;
+        __m512i flat = _mm512_setzero_si512();
+        __mmask16 edge = 0;
+        const int steps[3] = {1, int(src.step), src.planeStep}, origin[3] = {0, 0, src.low[2]};
+        for (int k = 0; k < 3; ++k) {
+            const auto placed = place16<Floats16>(at.s[k], src.high[k], kSnap);
+            edge |= _mm512_cmple_epi32_mask(placed.base, _mm512_set1_epi32(src.low[k])) |
+                    _mm512_cmpge_epi32_mask(placed.base, _mm512_set1_epi32(src.high[k] - 1));
+            const __m512i from = _mm512_sub_epi32(placed.base, _mm512_set1_epi32(origin[k] + 1));
+            flat = _mm512_add_epi32(flat, _mm512_mullo_epi32(from, _mm512_set1_epi32(steps[k])));
+            const auto f = Doubles16::of(placed.fraction.v);
+            Double8 low[4], high[4];
+            weightPolynomials<mode>(Double8(f.low), low);
+            weightPolynomials<mode>(Double8(f.high), high);
+            if constexpr (sizeof(T) == 1) {
+                for (int t = 0; t < 4; ++t) _mm512_store_ps(w[k][t], Floats16::of(__m512d(low[t]), __m512d(high[t])).v);
+            } else {
+                for (int t = 0; t < 4; ++t)
+                    open |= unsigned(roundWeights8(__m512d(low[t]), weightError(f.low), w[k][t])) |
+                            unsigned(roundWeights8(__m512d(high[t]), weightError(f.high), w[k][t] + 8)) << 8;
+            }
+        }
+        // Fractions next to 0 leave many weights open; the other way puts up with that.
+        if (edge || __builtin_popcount(open) > 2) return false;
+        _mm512_store_si512(offset, flat);
+        stageDone();
+        alignas(64) Real sums[kChunk];
+        alignas(64) float most[kChunk] = {};
+        const T* const first = src.planes[src.low[2]];
+        for (int x = 0; x < kChunk; ++x) sums[x] = cubicSum(first + offset[x], src.step, src.planeStep, w, x, &most[x]);
+        stageDone();
+        unsigned doubt = open;
+        if constexpr (sizeof(T) == 4) {
+            const __m512 size = _mm512_load_ps(most);
+            const __m512d unit = _mm512_set1_pd(1.4210854715202004e-14); // 2^-46
+            doubt |= settle16(out, {_mm512_load_pd(sums), _mm512_load_pd(sums + 8)},
+                              {_mm512_mul_pd(firstHalf(size), unit), _mm512_mul_pd(secondHalf(size), unit)}, 0);
+            doubt |= _mm512_cmp_ps_mask(size, _mm512_set1_ps(kLargest), _CMP_GT_OQ);
+        } else if constexpr (sizeof(T) == 2) {
+            doubt |= settle16(out, {_mm512_load_pd(sums), _mm512_load_pd(sums + 8)}, all16(2e-9), kHalfUp);
+        } else {
+            doubt |= settle16(out, {_mm512_load_ps(sums)}, all16(1.5e-3f), float(kHalfUp));
+        }
+        if (__builtin_expect(doubt != 0, 0)) redo<Cubic>(src, at, doubt, out);
+        return true;
+    }
+
+    // As weighAxis has it.
+    static __m512d weightError(__m512d f) {
+        const __m512d least = _mm512_set1_pd(kWeightError);
+        return _mm512_max_pd(least, _mm512_sub_pd(least, _mm512_add_pd(f, f)));
+    }
+#endif
 
     // What settled() needs to know. The sizes of four weights sum to 1.25 at most, so the terms of the sum to twice the
     // largest tap: 21 roundings, and what is open about the weights.
