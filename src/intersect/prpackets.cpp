@@ -89,21 +89,23 @@ ZENR_INLINE float* floatsOf(Floats* x) {
 
 // ---- Setting rays up ----------------------------------------------------------------------------------------------
 
-void setDirections(Block64& tile, const RayBlock& block, const Place& place) {
-    Floats reach = {};
-    Set64 nan = 0;
+// The largest size of any component; infinite where one is NaN.
+ZENR_INLINE float largestOf(const Floats (&x)[4][Block64::kVectors]) {
+    Floats largest = {};
+    Bits ordered = kAllLanes;
     for (int k = 0; k < 3; ++k) {
-        gather(floatsOf(tile.direction[k]), block.direction[k], place);
         for (int v = 0; v < Block64::kVectors; ++v) {
-            const Floats d = tile.direction[k][v];
-            reach = larger(absolute(d), reach);
-            nan |= whole<Set64>(~lessEqual(d, d) & kAllLanes, v);
+            largest = larger(absolute(x[k][v]), largest);
+            ordered &= lessEqual(x[k][v], x[k][v]);
         }
     }
-    tile.reach = nan ? __builtin_inff() : greatest(reach);
-    for (int v = 0; v < Block64::kVectors; ++v) {
-        tile.direction[3][v] = tile.inverse[3][v] = Floats{};
-    }
+    return ordered == kAllLanes ? greatest(largest) : __builtin_inff();
+}
+
+void setDirections(Block64& tile, const RayBlock& block, const Place& place) {
+    for (int k = 0; k < 3; ++k) gather(floatsOf(tile.direction[k]), block.direction[k], place);
+    tile.reach = largestOf(tile.direction);
+    for (int v = 0; v < Block64::kVectors; ++v) tile.direction[3][v] = tile.inverse[3][v] = Floats{};
     tile.negative[3] = 0;
 }
 
@@ -123,6 +125,7 @@ void ownOrigins(Block64& tile, const RayBlock& block, const Place& place) {
             tile.from[k][v][1] = toDoubles<1>(tile.origin[k][v]);
         }
     }
+    tile.away = largestOf(tile.origin);
 }
 
 // Reciprocals and near children of one axis; returns the rays of v that are parallel to it.
@@ -293,6 +296,8 @@ void addToStream(Stream& stream, int slot, const Block64& tile) {
     __builtin_memcpy(stream.tmax + at, tile.tmax, bytes);
     __builtin_memcpy(stream.best + at, tile.best, bytes);
     __builtin_memcpy(stream.triangle + at, tile.triangle, bytes);
+    stream.reach = tile.reach > stream.reach ? tile.reach : stream.reach;
+    stream.away = tile.away > stream.away ? tile.away : stream.away;
 }
 
 // Walks with all rays of a batch, octant after octant. False as for walk().
@@ -332,6 +337,7 @@ void nearest(const RayBlock& block) {
     Batch batch;
     for (size_t first = 0; first < tiling.count; first += most) {
         batch.tiles = 0;
+        stream.reach = stream.away = 0;
         size_t places[most];
         for (size_t i = first; i < tiling.count && i < first + most; ++i) {
             Place place;
@@ -441,6 +447,7 @@ void multiple(const RayBlock& block) {
             const size_t at = size_t(layer) * stride;
             tile.recentCount = layer % kRing;
             clearHits(tile);
+            tile.away = largestOf(tile.origin);
             done = walkOctants<SuccessiveTile>(block, tile, rays);
             if (!done) break;
             const Set64 hit = hits(tile) & rays;

@@ -30,6 +30,7 @@ struct Stream {
     float* listMin;
     float* listMax;
     int listRoom;
+    float reach, away; // largest component of any direction and origin
 };
 
 constexpr uint32_t kStopsIfFound = 0x80000000u;
@@ -154,6 +155,7 @@ ZENR_INLINE int filter(const Stream& stream, const List& list) {
 template <class Search>
 ZENR_INLINE bool finishAsPacket(const Stream& stream, const ZenrTriangleAccel* accel, const ZenrKDTreeNode* node,
                                 int begin, int count, const int (&nearChild)[4], int room, Packet& packet) {
+    prefetchBelow(node, accel);
     const Packet::Set rays = (Packet::Set(1) << count) - 1;
     for (int v = 0; v < Packet::kVectors; ++v) {
         const int at = begin + v * kLanes;
@@ -198,6 +200,8 @@ bool walkStream(const Stream& stream, const ZenrTriangleAccel* accel, const Zenr
         packet.direction[3][v] = packet.inverse[3][v] = packet.origin[3][v] = Floats{};
         packet.from[3][v][0] = packet.from[3][v][1] = Doubles{};
     }
+    packet.reach = stream.reach;
+    packet.away = stream.away;
     int top = count + kLanes; // a register may be written behind the end of a list
     for (;;) {
         while (list.count > kPacketRays && !(list.node->w0 & kLeafBit) && int(list.node->w0 & kAxisMask) < 3 &&
@@ -209,6 +213,8 @@ bool walkStream(const Stream& stream, const ZenrTriangleAccel* accel, const Zenr
                 reinterpret_cast<const char*>(list.node) + (list.node->w0 & kChildOffsetMask));
             const ZenrKDTreeNode* nearer = children + nearChild[axis];
             const ZenrKDTreeNode* farther = children + (1 - nearChild[axis]);
+            prefetchBelow(nearer, accel);
+            prefetchBelow(farther, accel);
             int nearCount, farCount;
             split(stream, list, axis, plane, top, nearCount, farCount);
             if (farCount) {

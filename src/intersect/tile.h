@@ -42,7 +42,8 @@ template <int Rays> struct Tile {
     Floats weight[2][kVectors];
     Ints triangle[kVectors];
     Set negative[4]; // rays whose upper child comes first
-    float reach;     // largest direction component of any ray
+    float reach;     // largest direction component of any ray; infinite where one is NaN
+    float away;      // the same of origins of their own
     // The origin that all rays share, or each ray's own: for plane decisions, and for the triangle test.
     float sharedOrigin[4];
     double sharedFrom[4];
@@ -202,6 +203,51 @@ template <class T> ZENR_INLINE Bits mayBeInside(const Outline& o, const T& tile,
     return ~(less(low, all(-o.error)) & less(all(o.error), high)) & kAllLanes;
 }
 
+// The same for rays with their own origins: the test itself in single precision, and a bound on its error.
+struct OwnOutline {
+    const ZenrTriangleAccel* record;
+    float error;
+};
+
+ZENR_INLINE void outline(OwnOutline& o, const ZenrTriangleAccel& r, float reach, float away) {
+    o.record = &r;
+    const __m128 size = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+    const float edges = sumOf(_mm_and_ps(_mm_loadu_ps(&r.e2A), size));
+    const float normal = __builtin_fabsf(r.nA) + __builtin_fabsf(r.nB) + 1.f;
+    // Bounds the sum of the sizes of the three components from an origin to the triangle's reference point.
+    const float apart = __builtin_fabsf(r.pA) + __builtin_fabsf(r.pB) + __builtin_fabsf(r.pK) + 3.f * away;
+    // With e = 2^-24, and origins that are rounded themselves: those components are within 2e of their size, the
+    // numerator of the distance within 5e, x and y within 7e of reach * normal * 2 * apart, beta and gamma within 9e,
+    // alpha within 11e. 2^-20 is 16e. The last term is for underflows.
+    const float scale = reach * normal;
+    const float error =
+        (2.f * edges * scale * apart + scale) * 0x1p-20f + (edges + 1.f) * (reach + apart + 1.f) * 1e-43f;
+    // Anything that could overflow is left to the test in double, and so is NaN.
+    const bool fine = error < 1e23f && normal * (apart + 1.f) * (reach + 1.f) < 1e30f;
+    o.error = fine ? error : __builtin_inff();
+}
+
+template <class T> ZENR_INLINE Bits mayBeInside(const OwnOutline& o, const T& tile, int v) {
+    const ZenrTriangleAccel& r = *o.record;
+    const int k = int(r.axes >> 4) & 3, a = int(r.axes >> 2) & 3, b = int(r.axes) & 3;
+    const Floats dA = tile.direction[a][v], dB = tile.direction[b][v];
+    const Floats u = all(r.pA) - tile.origin[a][v], w = tile.origin[b][v] - all(r.pB);
+    const Floats nA = all(r.nA), nB = all(r.nB);
+    const Floats det = nA * dA + nB * dB + tile.direction[k][v];
+    const Floats num = nA * u - nB * w + (all(r.pK) - tile.origin[k][v]);
+    const Floats x = dA * num - u * det;
+    const Floats y = dB * num + w * det;
+    const Floats beta = all(r.e2B) * x - all(r.e2A) * y;
+    const Floats gamma = all(r.e1A) * y - all(r.e1B) * x;
+    const Floats alpha = det - beta - gamma;
+    const Floats low = smaller(smaller(alpha, beta), gamma);
+    const Floats high = larger(larger(alpha, beta), gamma);
+    return ~(less(low, all(-o.error)) & less(all(o.error), high)) & kAllLanes;
+}
+
+template <bool Own> struct OutlineOf { typedef Outline Type; };
+template <> struct OutlineOf<true> { typedef OwnOutline Type; };
+
 // Tests a triangle for the rays of a vector that `bits` names, and takes its hits; returns them.
 template <class Search, class T> ZENR_INLINE Bits takeHits(const Triangle& r, T& tile, int v, Bits bits) {
     Solution low = {}, high = {};
@@ -241,6 +287,18 @@ template <class Search, class T> ZENR_INLINE Bits takeHits(const Triangle& r, T&
     return hit;
 }
 
+// Asks for what a visit to a node reads next: its children, its list, or a record.
+ZENR_INLINE void prefetchBelow(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel) {
+    const uint32_t w0 = node->w0, w1 = node->w1;
+    const char* const here = reinterpret_cast<const char*>(node);
+    const char* at = here + (w0 & kChildOffsetMask);
+    if (w0 & kLeafBit) {
+        const uint32_t number = (w1 & kInlineCountMask) == 1 ? w0 & 0x7FFFFFFFu : (w1 & 0x7FFFFFFCu) >> 2;
+        at = w1 & kInlineBit ? reinterpret_cast<const char*>(accel + number) : here + (0u - (w0 & kListOffsetMask));
+    }
+    __builtin_prefetch(at);
+}
+
 // The triangles of a leaf in list order; returns the rays whose search ends here.
 constexpr int kBatch = 8;
 
@@ -265,30 +323,34 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
     const typename T::Set before = active;
     for (uint32_t done = 0; done < count; done += kBatch) {
         const int batch = count - done < uint32_t(kBatch) ? int(count - done) : kBatch;
-        // Without a branch that depends on a ray, so that the processor works on several triangles at a time.
+        // First the quick test, without a branch that depends on a ray, so that the processor works on several triangles
+        // at a time.
         typename T::Set inQuestion[kBatch];
-        if (Search::kOwnOrigins) {
-            for (int i = 0; i < batch; ++i) inQuestion[i] = accel[list[i]].axes == 0 ? 0 : active;
-        } else {
-            Outline outlines[kBatch];
-            for (int i = 0; i < batch; ++i) {
+        typename OutlineOf<Search::kOwnOrigins>::Type outlines[kBatch];
+        for (int i = 0; i < batch; ++i) __builtin_prefetch(&accel[list[i]].e1B);
+        for (int i = 0; i < batch; ++i) {
+            const ZenrTriangleAccel& record = accel[list[i]];
+            if constexpr (Search::kOwnOrigins) {
+                outline(outlines[i], record, tile.reach, tile.away);
+            } else {
                 Triangle r;
-                load<Search>(r, accel[list[i]], list[i], tile);
-                outline(outlines[i], r, accel[list[i]], tile.reach);
-                inQuestion[i] = 0;
+                load<Search>(r, record, list[i], tile);
+                outline(outlines[i], r, record, tile.reach);
             }
-            for (int v = 0; v < T::kVectors; ++v) {
-                const Bits bits = part(active, v);
-                if (!bits) continue;
-                for (int i = 0; i < batch; ++i)
-                    inQuestion[i] |= whole<typename T::Set>(bits & mayBeInside(outlines[i], tile, v), v);
-            }
+            inQuestion[i] = 0;
+        }
+        for (int v = 0; v < T::kVectors; ++v) {
+            const Bits bits = part(active, v);
+            if (!bits) continue;
+            for (int i = 0; i < batch; ++i)
+                inQuestion[i] |= whole<typename T::Set>(bits & mayBeInside(outlines[i], tile, v), v);
         }
         for (int i = 0; i < batch; ++i) {
-            typename T::Set rays = inQuestion[i] & active;
-            if (!rays || accel[list[i]].axes == 0) continue;
+            const typename T::Set rays = inQuestion[i] & active;
+            const int j = list[i];
+            if (!rays || accel[j].axes == 0) continue;
             Triangle r;
-            load<Search>(r, accel[list[i]], list[i], tile);
+            load<Search>(r, accel[j], j, tile);
             for (int v = 0; v < T::kVectors; ++v) {
                 const Bits bits = part(rays, v);
                 if (!bits) continue;
@@ -417,6 +479,8 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
 
             Floats t[T::kVectors];
             typename T::Set farOnly = 0, nearOnly = 0;
+            prefetchBelow(nearer, accel);
+            prefetchBelow(farther, accel);
             const Floats tolerance = all(Search::kTolerance);
             for (int v = 0; v < T::kVectors; ++v) {
                 if (!part(active, v)) continue;
