@@ -293,8 +293,10 @@ ZENR_INLINE void prefetchBelow(const ZenrKDTreeNode* node, const ZenrTriangleAcc
     const char* const here = reinterpret_cast<const char*>(node);
     const char* at = here + (w0 & kChildOffsetMask);
     if (w0 & kLeafBit) {
-        const uint32_t number = (w1 & kInlineCountMask) == 1 ? w0 & 0x7FFFFFFFu : (w1 & 0x7FFFFFFCu) >> 2;
-        at = w1 & kInlineBit ? reinterpret_cast<const char*>(accel + number) : here + (0u - (w0 & kListOffsetMask));
+        const bool inlined = w1 & kInlineBit;
+        const uint32_t number = (w1 & 0x7FFFFFFCu) >> 2;
+        if (inlined && (w1 & kInlineCountMask) != 3) __builtin_prefetch(accel + (w0 & 0x7FFFFFFFu));
+        at = inlined ? reinterpret_cast<const char*>(accel + number) : here + (0u - (w0 & kListOffsetMask));
     }
     __builtin_prefetch(at);
 }
@@ -327,7 +329,10 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
         // at a time.
         typename T::Set inQuestion[kBatch];
         typename OutlineOf<Search::kOwnOrigins>::Type outlines[kBatch];
-        for (int i = 0; i < batch; ++i) __builtin_prefetch(&accel[list[i]].e1B);
+        for (int i = 0; i < batch; ++i) {
+            __builtin_prefetch(&accel[list[i]].axes);
+            __builtin_prefetch(&accel[list[i]].e1B);
+        }
         for (int i = 0; i < batch; ++i) {
             const ZenrTriangleAccel& record = accel[list[i]];
             if constexpr (Search::kOwnOrigins) {
