@@ -333,7 +333,8 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
             __builtin_prefetch(&accel[list[i]].axes);
             __builtin_prefetch(&accel[list[i]].e1B);
         }
-        for (int i = 0; i < batch; ++i) {
+        constexpr bool kQuick = !Search::kOwnOrigins || T::kRays > 16;
+        for (int i = 0; kQuick && i < batch; ++i) {
             const ZenrTriangleAccel& record = accel[list[i]];
             if constexpr (Search::kOwnOrigins) {
                 outline(outlines[i], record, tile.reach, tile.away);
@@ -344,14 +345,14 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
             }
             inQuestion[i] = 0;
         }
-        for (int v = 0; v < T::kVectors; ++v) {
+        for (int v = 0; kQuick && v < T::kVectors; ++v) {
             const Bits bits = part(active, v);
             if (!bits) continue;
             for (int i = 0; i < batch; ++i)
                 inQuestion[i] |= whole<typename T::Set>(bits & mayBeInside(outlines[i], tile, v), v);
         }
         for (int i = 0; i < batch; ++i) {
-            const typename T::Set rays = inQuestion[i] & active;
+            const typename T::Set rays = kQuick ? inQuestion[i] & active : active;
             const int j = list[i];
             if (!rays || accel[j].axes == 0) continue;
             Triangle r;
