@@ -1,6 +1,9 @@
 // Spherical harmonics against plain loops (-O3 -march=native) and against the bound that filling the output sets.
 //
-// usage: bench_sh [--level sse2|avx2|avx512] [--brief] [--json FILE]
+// usage: bench_sh [--level sse2|avx2|avx512] [--brief] [--only TEXT] [--count N] [--json FILE]
+//   --brief  short turns, up to 10,000 directions
+//   --only   rows whose name contains the text, as "basis type 1" or "forward C3"
+//   --count  rows of so many directions
 //
 // One thread. Times are the least of several turns, in which the candidates take turns; read the ratios.
 #include <math.h>
@@ -31,6 +34,8 @@ double now() {
 }
 
 double turnSeconds = 0.02;
+std::string only;
+int onlyCount = 0;
 FILE* json = nullptr;
 bool firstRow = true;
 
@@ -54,7 +59,12 @@ std::vector<double> measure(int n, const std::vector<std::function<void()>>& can
     return best;
 }
 
-void report(const char* what, int n, int L, const std::vector<const char*>& names, const std::vector<double>& ns) {
+// Measures the candidates of a row, if it is asked for; the first is the library.
+void row(const std::string& name, int n, int L, const std::vector<const char*>& names,
+         const std::vector<std::function<void()>>& candidates) {
+    if (name.find(only) == std::string::npos || (onlyCount && n != onlyCount)) return;
+    const std::vector<double> ns = measure(n, candidates);
+    const char* what = name.c_str();
     printf("%-22s n %8d  L %2d  %8.2f ns", what, n, L, ns[0]);
     for (size_t i = 1; i < ns.size(); ++i) printf("   %s %6.2f x (%.2f ns)", names[i], ns[i] / ns[0], ns[i]);
     printf("\n");
@@ -110,10 +120,15 @@ int main(int argc, char** argv) {
             const std::string name = argv[++i];
             chosen = true;
             level = name == "sse2" ? Level::sse2 : name == "avx2" ? Level::avx2 : Level::avx512;
+        } else if (!strcmp(argv[i], "--only") && i + 1 < argc) {
+            only = argv[++i];
+        } else if (!strcmp(argv[i], "--count") && i + 1 < argc) {
+            onlyCount = atoi(argv[++i]);
         } else if (!strcmp(argv[i], "--json") && i + 1 < argc) {
             json = fopen(argv[++i], "w");
         } else {
-            fprintf(stderr, "usage: bench_sh [--level sse2|avx2|avx512] [--brief] [--json FILE]\n");
+            fprintf(stderr,
+                    "usage: bench_sh [--level sse2|avx2|avx512] [--brief] [--only TEXT] [--count N] [--json FILE]\n");
             return 1;
         }
     }
@@ -158,11 +173,11 @@ int main(int argc, char** argv) {
                         ownrSHrecurr_32f(level, a, b, x, y, z, n, out, L);
                 };
                 const auto base = [&] { (type ? shbase::recurrence : shbase::closedForm)(t, x, y, z, n, out, L); };
-                const auto ns = measure(n, {lib, base, [&] {
-                                                memset(out, 1, total * 4);
-                                                asm volatile("" ::: "memory");
-                                            }});
-                report(type ? "basis type 1" : "basis type 0", n, L, {"zenr", "plain", "fill"}, ns);
+                const auto fill = [&] {
+                    memset(out, 1, total * 4);
+                    asm volatile("" ::: "memory");
+                };
+                row(type ? "basis type 1" : "basis type 0", n, L, {"zenr", "plain", "fill"}, {lib, base, fill});
                 const size_t some = std::min<size_t>(total, 1000 * values);
                 lib();
                 const std::vector<float> got(out, out + some);
@@ -175,8 +190,7 @@ int main(int argc, char** argv) {
                 else
                     shKernels(level).band[L]({x, y, z, n}, out);
             };
-            report("band", n, L, {"zenr", "plain set"},
-                   measure(n, {band, [&] { shbase::closedForm(t, x, y, z, n, out, L); }}));
+            row("band", n, L, {"zenr", "plain set"}, {band, [&] { shbase::closedForm(t, x, y, z, n, out, L); }});
         }
     }
     const int n = 2000;
@@ -211,7 +225,7 @@ int main(int argc, char** argv) {
                         zenrSHTFwd_32f_P3I(x, y, z, ps, n, pc, unsigned(L), state);
                 };
                 const auto fwdBase = [&] { shbase::forward(t, x, y, z, ps, channels, n, pm, L); };
-                report(("forward" + kind).c_str(), n, L, {"zenr", "plain"}, measure(n, {fwd, fwdBase}));
+                row("forward" + kind, n, L, {"zenr", "plain"}, {fwd, fwdBase});
                 clear(coeffs);
                 clear(more);
                 fwd();
@@ -227,9 +241,8 @@ int main(int argc, char** argv) {
                         zenrSHTInv_32f_P3(pcc, unsigned(L), x, y, z, pr, n, state);
                 };
                 const auto invBase = [&] { shbase::inverse<long double>(t, x, y, z, pcc, channels, n, pr, L); };
-                report(
-                    ("inverse" + kind).c_str(), n, L, {"zenr", "plain", "plain in double"},
-                    measure(n, {inv, invBase, [&] { shbase::inverse<double>(t, x, y, z, pcc, channels, n, pr, L); }}));
+                const auto invDouble = [&] { shbase::inverse<double>(t, x, y, z, pcc, channels, n, pr, L); };
+                row("inverse" + kind, n, L, {"zenr", "plain", "plain in double"}, {inv, invBase, invDouble});
                 inv();
                 const std::vector<float> got = res[0];
                 invBase();
