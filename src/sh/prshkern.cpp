@@ -26,6 +26,20 @@ struct RowsOut {
     ZENR_SH_INLINE void operator()(int k, Floats v) const { storeFloats(rows + k * kLanes, v); }
 };
 
+// Takes the rows of a block and, a line with every few of them, streams the lines of the block before: a burst of
+// streamed lines would hold up whatever is stored after it.
+constexpr int kValuesPerLine = kLineFloats / kLanes;
+struct StreamingRowsOut {
+    float* rows;
+    float* lines;
+    const float* stage;
+    int values;
+    ZENR_SH_INLINE void operator()(int k, Floats v) const {
+        storeFloats(rows + k * kLanes, v);
+        if (k % kValuesPerLine == 0 && k + kValuesPerLine <= values) streamLine(lines + k * kLanes, stage + k * kLanes);
+    }
+};
+
 struct SingleOut {
     float* dst;
     ZENR_SH_INLINE void operator()(int k, float v) const { dst[k] = v; }
@@ -33,8 +47,8 @@ struct SingleOut {
 
 // ---- Evaluation of a block and of one direction --------------------------------------------------------------------
 
-void polynomialRows(int L, const float* x, const float* y, const float* z, float* rows) {
-    shBands<Doubles>(L, toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)), RowsOut{rows});
+template <class Out> void polynomialRows(int L, const float* x, const float* y, const float* z, Out out) {
+    shBands<Doubles>(L, toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)), out);
 }
 
 void polynomialSingle(int L, float x, float y, float z, float* dst) {
@@ -47,22 +61,14 @@ ZENR_SH_INLINE Floats loadRow(const float* p, Floats) {
 ZENR_SH_INLINE float loadRow(const float* p, float) {
     return *p;
 }
-ZENR_SH_INLINE void storeRow(float* p, Floats v) {
-    storeFloats(p, v);
-}
-ZENR_SH_INLINE void storeRow(float* p, float v) {
-    *p = v;
-}
 
 // The recurrence; V is Floats with rows of kLanes or float with rows of 1. Values are carried from band to band as the
 // floats that are stored; every operation is rounded to float.
-template <class V, int kRow>
-ZENR_SH_INLINE void recurrence(const float* a, const float* b, int L, V x, V y, V z, V zonal0, float* rows) {
+template <class V, int kRow, class Out>
+ZENR_SH_INLINE void recurrence(const float* a, const float* b, int L, V x, V y, V z, V zonal0, const float* rows,
+                               Out set) {
     const auto at = [&](int k) __attribute__((always_inline)) {
         return loadRow(rows + ptrdiff_t(k) * kRow, V{});
-    };
-    const auto set = [&](int k, V v) __attribute__((always_inline)) {
-        storeRow(rows + ptrdiff_t(k) * kRow, v);
     };
     set(0, zonal0);
     if (L == 0) return;
@@ -91,23 +97,25 @@ ZENR_SH_INLINE void recurrence(const float* a, const float* b, int L, V x, V y, 
     }
 }
 
-void recurrenceRows(const ShBasis& basis, const float* x, const float* y, const float* z, float* rows) {
+template <class Out>
+void recurrenceRows(const ShBasis& basis, const float* x, const float* y, const float* z, Out out) {
     recurrence<Floats, kLanes>(basis.a, basis.b, basis.order, loadFloats(x), loadFloats(y), loadFloats(z),
-                               splatFloat(basis.a[0]), rows);
+                               splatFloat(basis.a[0]), out.rows, out);
 }
 
 void recurrenceSingle(const ShBasis& basis, float x, float y, float z, float* dst) {
-    recurrence<float, 1>(basis.a, basis.b, basis.order, x, y, z, basis.a[0], dst);
+    recurrence<float, 1>(basis.a, basis.b, basis.order, x, y, z, basis.a[0], dst, SingleOut{dst});
 }
 
 struct SetOfBands {
     const ShBasis& basis;
+    static constexpr int kMostValues = kShMaxValues;
     int values() const { return (basis.order + 1) * (basis.order + 1); }
-    void rows(const float* x, const float* y, const float* z, float* rows) const {
+    template <class Out> void rows(const float* x, const float* y, const float* z, Out out) const {
         if (basis.a)
-            recurrenceRows(basis, x, y, z, rows);
+            recurrenceRows(basis, x, y, z, out);
         else
-            polynomialRows(basis.order, x, y, z, rows);
+            polynomialRows(basis.order, x, y, z, out);
     }
     void single(float x, float y, float z, float* dst) const {
         if (basis.a)
@@ -120,18 +128,18 @@ struct SetOfBands {
 // The same for a small order that is known here, so that nothing is left of the loops and the branches.
 template <int L, bool kTables> struct SmallSet {
     const ShBasis& basis;
-    static constexpr int values() { return (L + 1) * (L + 1); }
-    ZENR_SH_INLINE void rows(const float* x, const float* y, const float* z, float* rows) const {
+    static constexpr int kMostValues = (L + 1) * (L + 1);
+    static constexpr int values() { return kMostValues; }
+    template <class Out> ZENR_SH_INLINE void rows(const float* x, const float* y, const float* z, Out out) const {
         if (kTables)
             recurrence<Floats, kLanes>(basis.a, basis.b, L, loadFloats(x), loadFloats(y), loadFloats(z),
-                                       splatFloat(basis.a[0]), rows);
+                                       splatFloat(basis.a[0]), out.rows, out);
         else
-            shBands<Doubles>(L, toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)),
-                             RowsOut{rows});
+            shBands<Doubles>(L, toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)), out);
     }
     ZENR_SH_INLINE void single(float x, float y, float z, float* dst) const {
         if (kTables)
-            recurrence<float, 1>(basis.a, basis.b, L, x, y, z, basis.a[0], dst);
+            recurrence<float, 1>(basis.a, basis.b, L, x, y, z, basis.a[0], dst, SingleOut{dst});
         else
             shBands<double>(L, x, y, z, SingleOut{dst});
     }
@@ -166,9 +174,10 @@ template <class Use> ZENR_SH_INLINE void withSet(const ShBasis& basis, const Use
 }
 
 template <int L> struct OneBand {
-    static constexpr int values() { return 2 * L + 1; }
-    void rows(const float* x, const float* y, const float* z, float* rows) const {
-        ShBand<L>::values(toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)), RowsOut{rows});
+    static constexpr int kMostValues = 2 * L + 1;
+    static constexpr int values() { return kMostValues; }
+    template <class Out> void rows(const float* x, const float* y, const float* z, Out out) const {
+        ShBand<L>::values(toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)), out);
     }
     void single(float x, float y, float z, float* dst) const {
         ShBand<L>::values(double(x), double(y), double(z), SingleOut{dst});
@@ -195,62 +204,63 @@ struct PaddedBlock {
 ZENR_SH_INLINE void turnRows(const float* rows, int n, float* dst, ptrdiff_t stride) {
     int k = 0;
 #if !defined(ZENR_LEVEL_sse2)
-    for (; k + 8 <= n; k += 8) turnEight(rows + k * kLanes, dst + k, stride);
-    if (n - k > 4 && n >= 8) {
-        turnEight(rows + (n - 8) * kLanes, dst + (n - 8), stride);
-        return;
-    }
+    for (; k + 2 * kLanes <= n; k += 2 * kLanes) turnTiles<2>(rows + k * kLanes, dst + k, stride);
 #endif
-    for (; k + 4 <= n; k += 4) turnFour(rows + k * kLanes, dst + k, stride);
-    if (n - k > 1 && n >= 4) {
-        turnFour(rows + (n - 4) * kLanes, dst + (n - 4), stride);
-        return;
+    for (; k + kLanes <= n; k += kLanes) turnTiles<1>(rows + k * kLanes, dst + k, stride);
+    const int left = n - k;
+    if (left > kLanes / 2 && n >= kLanes) {
+        turnTiles<1>(rows + (n - kLanes) * kLanes, dst + (n - kLanes), stride);
+    } else if (left > 1 && n >= 4) {
+        if (left >= 4) turnFour(rows + k * kLanes, dst + k, stride);
+        if (left != 4) turnFour(rows + (n - 4) * kLanes, dst + (n - 4), stride);
+    } else {
+        for (; k < n; ++k)
+            for (int i = 0; i < kLanes; ++i) dst[i * stride + k] = rows[k * kLanes + i];
     }
-    for (; k < n; ++k)
-        for (int i = 0; i < kLanes; ++i) dst[i * stride + k] = rows[k * kLanes + i];
 }
 
 // Writes past the caches: output that does not fit them would otherwise be read before it is written. Only whole lines
-// can be streamed, so what is left of a block's last line waits for the next block.
+// can be streamed, so what is left of a block's last line waits for the next block. A block's lines wait, too, until
+// the next block is evaluated, and go out in between (StreamingRowsOut): to read them right after they were stored in
+// pieces would be to wait for these stores.
 class LineStream {
 public:
     LineStream(float* dst, float* stage)
-        : held_(int((uintptr_t(dst) & 63) / sizeof(float))), foreign_(held_), line_(dst - held_), stage_(stage) {}
+        : held_(int((uintptr_t(dst) & 63) / sizeof(float))), foreign_(held_), lines_(dst - held_), stage_(stage) {}
 
-    // Where the next values are to be put, and that so many are there.
+    bool waiting() const { return waiting_ > 0; }
+    StreamingRowsOut out(float* rows, int values) const { return {rows, lines_, stage_, values}; }
+    // The first so many lines have been streamed; the others follow.
+    void release(int done) {
+        for (int line = done; line < waiting_; ++line)
+            streamLine(lines_ + line * kLineFloats, stage_ + line * kLineFloats);
+        lines_ += waiting_ * kLineFloats;
+        memcpy(stage_, stage_ + waiting_ * kLineFloats, kLineFloats * sizeof(float));
+        waiting_ = 0;
+    }
+
+    // Where the next values are to be put when no line waits, and that so many are there.
     float* next() { return stage_ + held_; }
     void put(int count) {
-        const int end = held_ + count;
-        int k = 0;
+        waiting_ = (held_ + count) / kLineFloats;
+        held_ = (held_ + count) % kLineFloats;
         if (foreign_) { // the first line begins with floats of somebody else's
-            for (k = foreign_; k < 16; ++k) line_[k] = stage_[k];
+            for (int k = foreign_; k < kLineFloats; ++k) lines_[k] = stage_[k];
             foreign_ = 0;
+            release(1);
         }
-        for (; k + 16 <= end; k += 16) {
-#if defined(ZENR_LEVEL_avx512)
-            _mm512_stream_ps(line_ + k, _mm512_loadu_ps(stage_ + k));
-#else
-            for (int i = 0; i < 16; i += int(sizeof(Floats) / sizeof(float)))
-#if defined(ZENR_LEVEL_sse2)
-                _mm_stream_ps(line_ + k + i, _mm_loadu_ps(stage_ + k + i));
-#else
-                _mm256_stream_ps(line_ + k + i, _mm256_loadu_ps(stage_ + k + i));
-#endif
-#endif
-        }
-        line_ += k;
-        held_ = end - k;
-        memcpy(stage_, stage_ + k, 16 * sizeof(float));
     }
     void finish() {
-        for (int i = 0; i < held_; ++i) line_[i] = stage_[i];
+        release(0);
+        for (int i = 0; i < held_; ++i) lines_[i] = stage_[i];
         _mm_sfence();
     }
 
 private:
-    int held_;    // floats that wait in the stage
-    int foreign_; // of which so many are not ours
-    float* line_;
+    int held_;        // floats that wait in the stage, after the lines that wait
+    int foreign_;     // of which so many are not ours
+    int waiting_ = 0; // lines
+    float* lines_;
     float* stage_;
 };
 
@@ -264,17 +274,23 @@ template <class Set> void evaluate(const Set& set, const ShDirections& d, float*
     const int n = set.values();
     int i = 0;
     // (Byte counts of the largest batches do not fit 32 bits.)
-    if (n >= kStreamValues && uint64_t(d.count) * unsigned(n) * sizeof(float) >= kStreamBytes) {
+    if (Set::kMostValues >= kStreamValues && n >= kStreamValues &&
+        uint64_t(d.count) * unsigned(n) * sizeof(float) >= kStreamBytes) {
         LineStream stream(dst, s.turned);
         for (; d.count - i >= kLanes; i += kLanes, dst += kLanes * n) {
-            set.rows(d.x + i, d.y + i, d.z + i, s.rows);
+            if (stream.waiting()) {
+                set.rows(d.x + i, d.y + i, d.z + i, stream.out(s.rows, n));
+                stream.release(n / kValuesPerLine);
+            } else {
+                set.rows(d.x + i, d.y + i, d.z + i, RowsOut{s.rows});
+            }
             turnRows(s.rows, n, stream.next(), n);
             stream.put(kLanes * n);
         }
         stream.finish();
     }
     for (; d.count - i >= kLanes; i += kLanes, dst += kLanes * n) {
-        set.rows(d.x + i, d.y + i, d.z + i, s.rows);
+        set.rows(d.x + i, d.y + i, d.z + i, RowsOut{s.rows});
         turnRows(s.rows, n, dst, n);
     }
     // A block costs about as much as a quarter of its directions one by one.
@@ -282,7 +298,7 @@ template <class Set> void evaluate(const Set& set, const ShDirections& d, float*
     if (rest > kLanes / 4) {
         PaddedBlock p;
         p.fill(d, i);
-        set.rows(p.x, p.y, p.z, s.rows);
+        set.rows(p.x, p.y, p.z, RowsOut{s.rows});
         turnRows(s.rows, n, s.turned, n);
         memcpy(dst, s.turned, size_t(rest) * size_t(n) * sizeof(float));
     } else {
@@ -300,22 +316,27 @@ template <int L> void band(const ShDirections& dirs, float* dst) {
 
 // ---- Forward transform ---------------------------------------------------------------------------------------------
 
-// Adds `count` samples' contributions to the coefficients. Each coefficient's additions happen in the order of the
-// samples; a sample of zero contributes +0 even where a basis value is not finite.
+// Adds `count` samples' contributions to the coefficients, a tile of the rows at a time: it is turned in registers into
+// the coefficients of one direction after the other. Each coefficient's additions happen in the order of the samples; a
+// sample of zero contributes +0 even where a basis value is not finite.
 template <int C, bool kZeros>
-ZENR_SH_INLINE void accumulate(const float* turned, ptrdiff_t stride, int padded, const float (&v)[3][kLanes],
-                               int count, float (*coeffs)[kRowStride]) {
-    constexpr int kStep = int(sizeof(Floats) / sizeof(float));
-    for (int k = 0; k < padded; k += kStep) {
+ZENR_SH_INLINE void accumulate(const float* rows, int padded, const float (&v)[3][kLanes], int count,
+                               float (*coeffs)[kRowStride]) {
+    for (int k = 0; k < padded; k += kLanes) {
         Floats sum[C];
         for (int c = 0; c < C; ++c) sum[c] = loadFloats(coeffs[c] + k);
-        for (int i = 0; i < count; ++i) {
-            const Floats y = loadFloats(turned + i * stride + k);
-            for (int c = 0; c < C; ++c) {
-                if (kZeros && v[c][i] == 0.f)
-                    sum[c] = sum[c] + splatFloat(0.f);
-                else
-                    sum[c] = sum[c] + y * splatFloat(v[c][i]);
+        for (int quarter = 0; quarter < kQuarters; ++quarter) {
+            Floats y[4];
+            transposeQuarter(rows + k * kLanes, quarter, y);
+            for (int j = 0; j < 4; ++j) {
+                const int i = 4 * quarter + j;
+                if (i >= count) break;
+                for (int c = 0; c < C; ++c) {
+                    if (kZeros && v[c][i] == 0.f)
+                        sum[c] = sum[c] + splatFloat(0.f);
+                    else
+                        sum[c] = sum[c] + y[j] * splatFloat(v[c][i]);
+                }
             }
         }
         for (int c = 0; c < C; ++c) storeFloats(coeffs[c] + k, sum[c]);
@@ -336,23 +357,20 @@ void forwardChannels(const Set& set, const ShDirections& d, const ShSamples& sam
     const int n = set.values();
     // Whole vectors: the values beyond n are zeros that nothing reads.
     const int padded = (n + kLanes - 1) / kLanes * kLanes;
-    const ptrdiff_t stride = padded + kLanes;
     for (int c = 0; c < C; ++c) {
         memcpy(sums[c], coeffs[c], size_t(n) * sizeof(float));
         for (int k = n; k < padded; ++k) sums[c][k] = 0.f;
     }
-    for (int i = 0; i < kLanes; ++i)
-        for (int k = n; k < padded; ++k) s.turned[i * stride + k] = 0.f;
+    for (int k = n * kLanes; k < padded * kLanes; ++k) s.rows[k] = 0.f;
     for (int i = 0; i < d.count;) {
         const int count = d.count - i < kLanes ? d.count - i : kLanes;
         if (count == kLanes) {
-            set.rows(d.x + i, d.y + i, d.z + i, s.rows);
+            set.rows(d.x + i, d.y + i, d.z + i, RowsOut{s.rows});
         } else {
             PaddedBlock p;
             p.fill(d, i);
-            set.rows(p.x, p.y, p.z, s.rows);
+            set.rows(p.x, p.y, p.z, RowsOut{s.rows});
         }
-        turnRows(s.rows, n, s.turned, stride);
         float v[3][kLanes] = {};
         bool zeros = false;
         for (int c = 0; c < C; ++c) {
@@ -364,11 +382,11 @@ void forwardChannels(const Set& set, const ShDirections& d, const ShSamples& sam
             zeros |= anyZero(v[c], count);
         }
         if (zeros)
-            accumulate<C, true>(s.turned, stride, padded, v, count, sums);
+            accumulate<C, true>(s.rows, padded, v, count, sums);
         else if (count == kLanes)
-            accumulate<C, false>(s.turned, stride, padded, v, kLanes, sums);
+            accumulate<C, false>(s.rows, padded, v, kLanes, sums);
         else
-            accumulate<C, false>(s.turned, stride, padded, v, count, sums);
+            accumulate<C, false>(s.rows, padded, v, count, sums);
         i += count;
     }
     for (int c = 0; c < C; ++c) memcpy(coeffs[c], sums[c], size_t(n) * sizeof(float));
@@ -428,7 +446,7 @@ void inverseChannels(const Set& set, const ShDirections& d, const float* const c
             y = padded.y;
             z = padded.z;
         }
-        set.rows(x, y, z, s.rows);
+        set.rows(x, y, z, RowsOut{s.rows});
         Doubles sum[C][kSums];
         for (int c = 0; c < C; ++c)
             for (int u = 0; u < kSums; ++u) sum[c][u] = splat<Doubles>(0.);

@@ -141,15 +141,48 @@ ZENR_SH_INLINE float narrow(double v) {
     return float(v);
 }
 
-// Four values (rows of kLanes directions) turned into four consecutive values of each direction.
+// A tile of kLanes values (rows of kLanes directions), transposed in quarters of four directions: out[i] takes the values
+// of direction 4 * quarter + i.
+constexpr int kQuarters = kLanes / 4;
+ZENR_SH_INLINE void transposeQuarter(const float* rows, int quarter, Floats out[4]) {
+#if defined(ZENR_LEVEL_sse2)
+    (void)quarter;
+    for (int i = 0; i < 4; ++i) out[i] = loadFloats(rows + 4 * i);
+    _MM_TRANSPOSE4_PS(out[0], out[1], out[2], out[3]);
+#else
+    // The lower half of each register takes values 0..3 and the upper half 4..7, so that a transposition inside the
+    // halves is all that is needed.
+    const float* r = rows + 4 * quarter;
+    Floats q[4];
+    for (int j = 0; j < 4; ++j)
+        q[j] = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(r + 8 * j)), _mm_loadu_ps(r + 8 * (j + 4)), 1);
+    const __m256d ab0 = _mm256_castps_pd(_mm256_unpacklo_ps(q[0], q[1]));
+    const __m256d ab1 = _mm256_castps_pd(_mm256_unpackhi_ps(q[0], q[1]));
+    const __m256d cd0 = _mm256_castps_pd(_mm256_unpacklo_ps(q[2], q[3]));
+    const __m256d cd1 = _mm256_castps_pd(_mm256_unpackhi_ps(q[2], q[3]));
+    out[0] = _mm256_castpd_ps(_mm256_unpacklo_pd(ab0, cd0));
+    out[1] = _mm256_castpd_ps(_mm256_unpackhi_pd(ab0, cd0));
+    out[2] = _mm256_castpd_ps(_mm256_unpacklo_pd(ab1, cd1));
+    out[3] = _mm256_castpd_ps(_mm256_unpackhi_pd(ab1, cd1));
+#endif
+}
+
+// kTiles tiles turned into consecutive values of each direction. The stores of a direction follow each other: those to
+// one cache line are merged on their way.
+template <int kTiles> ZENR_SH_INLINE void turnTiles(const float* rows, float* dst, ptrdiff_t stride) {
+    for (int quarter = 0; quarter < kQuarters; ++quarter) {
+        Floats v[kTiles][4];
+        for (int tile = 0; tile < kTiles; ++tile) transposeQuarter(rows + tile * kLanes * kLanes, quarter, v[tile]);
+        for (int i = 0; i < 4; ++i)
+            for (int tile = 0; tile < kTiles; ++tile)
+                storeFloats(dst + (4 * quarter + i) * stride + tile * kLanes, v[tile][i]);
+    }
+}
+
+// Four values, likewise.
 ZENR_SH_INLINE void turnFour(const float* rows, float* dst, ptrdiff_t stride) {
 #if defined(ZENR_LEVEL_sse2)
-    Floats a = loadFloats(rows), b = loadFloats(rows + 4), c = loadFloats(rows + 8), d = loadFloats(rows + 12);
-    _MM_TRANSPOSE4_PS(a, b, c, d);
-    storeFloats(dst, a);
-    storeFloats(dst + stride, b);
-    storeFloats(dst + 2 * stride, c);
-    storeFloats(dst + 3 * stride, d);
+    turnTiles<1>(rows, dst, stride);
 #else
     const Floats a = loadFloats(rows), b = loadFloats(rows + 8), c = loadFloats(rows + 16), d = loadFloats(rows + 24);
     const __m256d ab0 = _mm256_castps_pd(_mm256_unpacklo_ps(a, b)), ab1 = _mm256_castps_pd(_mm256_unpackhi_ps(a, b));
@@ -164,27 +197,19 @@ ZENR_SH_INLINE void turnFour(const float* rows, float* dst, ptrdiff_t stride) {
 #endif
 }
 
-#if !defined(ZENR_LEVEL_sse2)
-// Eight values, likewise. The lower half of each register takes values 0..3 and the upper half 4..7 of four directions,
-// so that a transposition inside the halves is all that is needed.
-ZENR_SH_INLINE void turnEight(const float* rows, float* dst, ptrdiff_t stride) {
-    for (int h = 0; h < 2; ++h) {
-        const float* r = rows + 4 * h;
-        Floats q[4];
-        for (int j = 0; j < 4; ++j)
-            q[j] =
-                _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(r + 8 * j)), _mm_loadu_ps(r + 8 * (j + 4)), 1);
-        const __m256d ab0 = _mm256_castps_pd(_mm256_unpacklo_ps(q[0], q[1]));
-        const __m256d ab1 = _mm256_castps_pd(_mm256_unpackhi_ps(q[0], q[1]));
-        const __m256d cd0 = _mm256_castps_pd(_mm256_unpacklo_ps(q[2], q[3]));
-        const __m256d cd1 = _mm256_castps_pd(_mm256_unpackhi_ps(q[2], q[3]));
-        float* d = dst + 4 * h * stride;
-        storeFloats(d, _mm256_castpd_ps(_mm256_unpacklo_pd(ab0, cd0)));
-        storeFloats(d + stride, _mm256_castpd_ps(_mm256_unpackhi_pd(ab0, cd0)));
-        storeFloats(d + 2 * stride, _mm256_castpd_ps(_mm256_unpacklo_pd(ab1, cd1)));
-        storeFloats(d + 3 * stride, _mm256_castpd_ps(_mm256_unpackhi_pd(ab1, cd1)));
-    }
-}
+// A cache line past the caches; both addresses on lines' boundaries.
+constexpr int kLineFloats = 16;
+ZENR_SH_INLINE void streamLine(float* dst, const float* src) {
+#if defined(ZENR_LEVEL_avx512)
+    _mm512_stream_ps(dst, _mm512_load_ps(src));
+#else
+    for (int i = 0; i < kLineFloats; i += kLanes)
+#if defined(ZENR_LEVEL_sse2)
+        _mm_stream_ps(dst + i, _mm_load_ps(src + i));
+#else
+        _mm256_stream_ps(dst + i, _mm256_load_ps(src + i));
 #endif
+#endif
+}
 
 } // namespace zenr::ZENR_LEVEL
