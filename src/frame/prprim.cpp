@@ -20,10 +20,15 @@ constexpr ptrdiff_t kPlatformBytes = 3200;
 // Below this length a dot product in extended precision is over before a proof pays.
 constexpr int kProvenFrom = 16;
 
-// Elements as they lie in memory: of any type behind the pointer, at any address (row steps are arbitrary bytes).
+// Elements as they lie in memory: of any type behind the pointer, at any address (row steps are arbitrary bytes). They
+// are records because a template would take a plain type without these attributes.
 typedef uint8_t Element8;
-typedef uint16_t Element16 __attribute__((may_alias, aligned(1)));
-typedef uint32_t Element32 __attribute__((may_alias, aligned(1)));
+struct __attribute__((packed, may_alias)) Element16 {
+    uint16_t bits;
+};
+struct __attribute__((packed, may_alias)) Element32 {
+    uint32_t bits;
+};
 typedef uint32_t Word32Aligned __attribute__((may_alias));
 
 // Bytes between the starts of two areas, whichever comes first. Addresses are subtracted as unsigned numbers, because
