@@ -285,17 +285,19 @@ struct Batch {
     Set64 negative[3][kStreamRays / 64];
 };
 
-void addToStream(Stream& stream, int slot, const Block64& tile) {
-    const size_t at = size_t(slot) * 64, bytes = 64 * sizeof(float);
-    for (int k = 0; k < 3; ++k) {
-        __builtin_memcpy(stream.origin[k] + at, tile.origin[k], bytes);
-        __builtin_memcpy(stream.direction[k] + at, tile.direction[k], bytes);
-        __builtin_memcpy(stream.inverse[k] + at, tile.inverse[k], bytes);
+void addToStream(Stream& stream, int slot, Block64& tile) {
+    for (int lane = 0; lane < 64; ++lane) {
+        StreamRay& ray = stream.ray[slot * 64 + lane];
+        for (int k = 0; k < 3; ++k) {
+            ray.origin[k] = floatsOf(tile.origin[k])[lane];
+            ray.direction[k] = floatsOf(tile.direction[k])[lane];
+            ray.inverse[k] = floatsOf(tile.inverse[k])[lane];
+        }
+        ray.best = floatsOf(tile.best)[lane];
+        ray.tmin = floatsOf(tile.tmin)[lane];
+        ray.tmax = floatsOf(tile.tmax)[lane];
+        ray.triangle = -1;
     }
-    __builtin_memcpy(stream.tmin + at, tile.tmin, bytes);
-    __builtin_memcpy(stream.tmax + at, tile.tmax, bytes);
-    __builtin_memcpy(stream.best + at, tile.best, bytes);
-    __builtin_memcpy(stream.triangle + at, tile.triangle, bytes);
     stream.reach = tile.reach > stream.reach ? tile.reach : stream.reach;
     stream.away = tile.away > stream.away ? tile.away : stream.away;
 }
@@ -311,8 +313,8 @@ bool walkBatch(const RayBlock& block, const Stream& stream, const Batch& batch) 
             for (; rays; rays &= rays - 1) {
                 const uint32_t ray = uint32_t(slot * 64 + __builtin_ctzll(rays));
                 stream.listRay[count] = ray;
-                stream.listMin[count] = stream.tmin[ray];
-                stream.listMax[count++] = stream.tmax[ray];
+                stream.listMin[count] = stream.ray[ray].tmin;
+                stream.listMax[count++] = stream.ray[ray].tmax;
             }
         }
         if (count && !walkStream<NearestTile>(stream, block.accel, block.root, count, nearChild)) return false;
@@ -328,8 +330,7 @@ void nearest(const RayBlock& block) {
     float* memory = nullptr;
     Stream stream;
     if (tiling.count > 1) {
-        memory =
-            static_cast<float*>(zensMalloc_32s(kStreamArrays * 64 * streamTiles + 3 * listRoomFor(64 * streamTiles)));
+        memory = static_cast<float*>(zensMalloc_32s(streamWords(64 * streamTiles)));
         if (memory) layOut(stream, memory, 64 * streamTiles);
     }
 
@@ -367,10 +368,12 @@ void nearest(const RayBlock& block) {
                 nearestOneByOne(block, place);
                 continue;
             }
-            const size_t at = size_t(slot) * 64, bytes = 64 * sizeof(float);
-            __builtin_memcpy(tile.best, stream.best + at, bytes);
-            __builtin_memcpy(tile.triangle, stream.triangle + at, bytes);
-            for (int w = 0; w < 2; ++w) __builtin_memcpy(tile.weight[w], stream.weight[w] + at, bytes);
+            for (int lane = 0; lane < 64; ++lane) {
+                const StreamRay& ray = stream.ray[slot * 64 + lane];
+                floatsOf(tile.best)[lane] = ray.best;
+                for (int w = 0; w < 2; ++w) floatsOf(tile.weight[w])[lane] = ray.weight[w];
+                reinterpret_cast<int*>(tile.triangle)[lane] = ray.triangle;
+            }
             storeNearest(block, tile, place);
         }
     }

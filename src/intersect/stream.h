@@ -14,16 +14,18 @@ constexpr int kStreamRays = 4096;
 constexpr int kPacketRays = 16;
 typedef Tile<kPacketRays> Packet;
 
-// Rays in tile order, and what they have found.
+// A ray and what it has found: one cache line.
+struct alignas(64) StreamRay {
+    float origin[3], best;
+    float direction[3], tmin; // the interval within the box
+    float inverse[3], tmax;
+    float weight[2];
+    int triangle, unused;
+};
+constexpr int kRayWords = int(sizeof(StreamRay) / sizeof(float));
+
 struct Stream {
-    float* origin[3];
-    float* direction[3];
-    float* inverse[3];
-    float* tmin; // intervals within the box
-    float* tmax;
-    float* best;
-    float* weight[2];
-    int* triangle;
+    StreamRay* ray;
     // Lists: the number of a ray, and its interval. In a list that is pending, kStopsIfFound marks the rays that visit the
     // near child before and stop if what they find there ends before tmin.
     uint32_t* listRay;
@@ -35,31 +37,70 @@ struct Stream {
 
 constexpr uint32_t kStopsIfFound = 0x80000000u;
 
-// Elements of the arrays above for so many rays, and of the lists.
-constexpr int kStreamArrays = 15;
+// Elements of the lists for so many rays.
 constexpr int listRoomFor(int rays) {
     return 6 * rays + 2 * kLanes;
 }
 
-// Lays the arrays out in memory of (kStreamArrays * rays + 3 * listRoomFor(rays)) words; rays is a multiple of 64.
+// Words of memory for so many rays, and its layout.
+constexpr int streamWords(int rays) {
+    return kRayWords * rays + 3 * listRoomFor(rays);
+}
 inline void layOut(Stream& stream, float* memory, int rays) {
-    float** const arrays[] = {&stream.origin[0],    &stream.origin[1],    &stream.origin[2],  &stream.direction[0],
-                              &stream.direction[1], &stream.direction[2], &stream.inverse[0], &stream.inverse[1],
-                              &stream.inverse[2],   &stream.tmin,         &stream.tmax,       &stream.best,
-                              &stream.weight[0],    &stream.weight[1]};
-    for (float** array : arrays) {
-        *array = memory;
-        memory += rays;
-    }
-    stream.triangle = reinterpret_cast<int*>(memory);
-    memory += rays;
+    stream.ray = reinterpret_cast<StreamRay*>(memory);
+    memory += kRayWords * rays;
     stream.listRoom = listRoomFor(rays);
     stream.listRay = reinterpret_cast<uint32_t*>(memory);
     stream.listMin = memory + stream.listRoom;
     stream.listMax = memory + 2 * stream.listRoom;
 }
 
-ZENR_INLINE Floats gatherLanes(const float* from, Ints at) {
+// Three components and a fourth float of each lane's ray: four by four of them are turned around within each quarter of
+// the registers.
+ZENR_INLINE void loadRays(const float* first, const uint32_t* number, Bits lanes, Floats& x, Floats& y, Floats& z,
+                          Floats& w) {
+    const auto row = [&](int lane) {
+        return _mm_loadu_ps(first + size_t(kRayWords) * (lanes >> lane & 1 ? number[lane] : 0));
+    };
+#if defined(__AVX512BW__)
+    const auto rows = [&](int lane) {
+        __m512 r = _mm512_castps128_ps512(row(lane));
+        r = _mm512_insertf32x4(r, row(lane + 4), 1);
+        r = _mm512_insertf32x4(r, row(lane + 8), 2);
+        return _mm512_insertf32x4(r, row(lane + 12), 3);
+    };
+    const __m512 a = rows(0), b = rows(1), c = rows(2), d = rows(3);
+    const __m512d ab = _mm512_castps_pd(_mm512_unpacklo_ps(a, b)), cd = _mm512_castps_pd(_mm512_unpacklo_ps(c, d));
+    const __m512d AB = _mm512_castps_pd(_mm512_unpackhi_ps(a, b)), CD = _mm512_castps_pd(_mm512_unpackhi_ps(c, d));
+    x = (Floats)_mm512_unpacklo_pd(ab, cd);
+    y = (Floats)_mm512_unpackhi_pd(ab, cd);
+    z = (Floats)_mm512_unpacklo_pd(AB, CD);
+    w = (Floats)_mm512_unpackhi_pd(AB, CD);
+#elif defined(__AVX2__)
+    const auto rows = [&](int lane) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(row(lane)), row(lane + 4), 1);
+    };
+    const __m256 a = rows(0), b = rows(1), c = rows(2), d = rows(3);
+    const __m256d ab = _mm256_castps_pd(_mm256_unpacklo_ps(a, b)), cd = _mm256_castps_pd(_mm256_unpacklo_ps(c, d));
+    const __m256d AB = _mm256_castps_pd(_mm256_unpackhi_ps(a, b)), CD = _mm256_castps_pd(_mm256_unpackhi_ps(c, d));
+    x = (Floats)_mm256_unpacklo_pd(ab, cd);
+    y = (Floats)_mm256_unpackhi_pd(ab, cd);
+    z = (Floats)_mm256_unpacklo_pd(AB, CD);
+    w = (Floats)_mm256_unpackhi_pd(AB, CD);
+#else
+    const __m128 a = row(0), b = row(1), c = row(2), d = row(3);
+    const __m128 ab = _mm_unpacklo_ps(a, b), cd = _mm_unpacklo_ps(c, d);
+    const __m128 AB = _mm_unpackhi_ps(a, b), CD = _mm_unpackhi_ps(c, d);
+    x = (Floats)_mm_movelh_ps(ab, cd);
+    y = (Floats)_mm_movehl_ps(cd, ab);
+    z = (Floats)_mm_movelh_ps(AB, CD);
+    w = (Floats)_mm_movehl_ps(CD, AB);
+#endif
+}
+
+// The same float of each lane's ray.
+ZENR_INLINE Floats gatherLanes(const float* from, Ints ray) {
+    const Ints at = ray * kRayWords;
 #if defined(__AVX512BW__)
     return (Floats)_mm512_i32gather_ps((__m512i)at, from, 4);
 #elif defined(__AVX2__)
@@ -120,7 +161,8 @@ ZENR_INLINE void split(const Stream& stream, const List& list, int axis, float p
         const int at = list.begin + i;
         const Ints ray = select(lanes, loadLanes(stream.listRay + at), Ints{});
         const Floats tmin = loadLanes(stream.listMin + at), tmax = loadLanes(stream.listMax + at);
-        const Floats t = (all(plane) - gatherLanes(stream.origin[axis], ray)) * gatherLanes(stream.inverse[axis], ray);
+        const Floats t =
+            (all(plane) - gatherLanes(&stream.ray->origin[axis], ray)) * gatherLanes(&stream.ray->inverse[axis], ray);
         const Bits farOnly = less(tolerance, tmin - t) & lanes;
         const Bits nearOnly = less(tolerance, t - tmax) & lanes & ~farOnly;
         const Bits both = lanes & ~farOnly & ~nearOnly;
@@ -143,7 +185,7 @@ ZENR_INLINE int filter(const Stream& stream, const List& list) {
         const Ints marked = select(lanes, loadLanes(stream.listRay + at), Ints{});
         const Ints ray = marked & all(int32_t(~kStopsIfFound));
         const Floats tmin = loadLanes(stream.listMin + at), tmax = loadLanes(stream.listMax + at);
-        const Bits stops = equal(marked >> 31, all(int32_t(-1))) & lessEqual(gatherLanes(stream.best, ray), tmin);
+        const Bits stops = equal(marked >> 31, all(int32_t(-1))) & lessEqual(gatherLanes(&stream.ray->best, ray), tmin);
         const Bits alive = lanes & ~stops;
         pack(alive, ray, tmin, tmax, stream, list.begin + count);
         count += countOf(alive);
@@ -159,17 +201,20 @@ ZENR_INLINE bool finishAsPacket(const Stream& stream, const ZenrTriangleAccel* a
     const Packet::Set rays = (Packet::Set(1) << count) - 1;
     for (int v = 0; v < Packet::kVectors; ++v) {
         const int at = begin + v * kLanes;
-        const Ints ray = select(lanesLeft(v * kLanes, count), loadLanes(stream.listRay + at), Ints{});
+        const Bits lanes = lanesLeft(v * kLanes, count);
+        const uint32_t* number = stream.listRay + at;
+        const float* ray = stream.ray->origin;
+        Floats unused;
         packet.tmin[v] = loadLanes(stream.listMin + at);
         packet.tmax[v] = loadLanes(stream.listMax + at);
-        packet.best[v] = gatherLanes(stream.best, ray);
         packet.triangle[v] = all(int32_t(-1));
+        loadRays(ray, number, lanes, packet.origin[0][v], packet.origin[1][v], packet.origin[2][v], packet.best[v]);
+        loadRays(ray + 4, number, lanes, packet.direction[0][v], packet.direction[1][v], packet.direction[2][v],
+                 unused);
+        loadRays(ray + 8, number, lanes, packet.inverse[0][v], packet.inverse[1][v], packet.inverse[2][v], unused);
         for (int k = 0; k < 3; ++k) {
-            packet.direction[k][v] = gatherLanes(stream.direction[k], ray);
-            packet.inverse[k][v] = gatherLanes(stream.inverse[k], ray);
-            const Floats o = packet.origin[k][v] = gatherLanes(stream.origin[k], ray);
-            packet.from[k][v][0] = toDoubles<0>(o);
-            packet.from[k][v][1] = toDoubles<1>(o);
+            packet.from[k][v][0] = toDoubles<0>(packet.origin[k][v]);
+            packet.from[k][v][1] = toDoubles<1>(packet.origin[k][v]);
         }
     }
     for (int k = 0; k < 4; ++k) packet.negative[k] = nearChild[k] ? rays : 0;
@@ -178,11 +223,11 @@ ZENR_INLINE bool finishAsPacket(const Stream& stream, const ZenrTriangleAccel* a
         Bits hit = part(rays, v) & ~equal(packet.triangle[v], all(int32_t(-1)));
         for (; hit; hit &= hit - 1) {
             const int lane = __builtin_ctz(hit);
-            const uint32_t ray = stream.listRay[begin + v * kLanes + lane];
-            stream.best[ray] = packet.best[v][lane];
-            stream.weight[0][ray] = packet.weight[0][v][lane];
-            stream.weight[1][ray] = packet.weight[1][v][lane];
-            stream.triangle[ray] = packet.triangle[v][lane];
+            StreamRay& ray = stream.ray[stream.listRay[begin + v * kLanes + lane]];
+            ray.best = packet.best[v][lane];
+            ray.weight[0] = packet.weight[0][v][lane];
+            ray.weight[1] = packet.weight[1][v][lane];
+            ray.triangle = packet.triangle[v][lane];
         }
     }
     return true;
