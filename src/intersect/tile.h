@@ -301,9 +301,9 @@ ZENR_INLINE void prefetchBelow(const ZenrKDTreeNode* node, const ZenrTriangleAcc
     __builtin_prefetch(at);
 }
 
-// The triangles of a leaf in list order; returns the rays whose search ends here.
-constexpr int kBatch = 8;
+constexpr int kBatch = 8; // triangles that the quick test takes at a time
 
+// The triangles of a leaf in list order; returns the rays whose search ends here.
 template <class Search, class T>
 ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, T& tile,
                                      typename T::Set active) {
@@ -326,7 +326,7 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
     for (uint32_t done = 0; done < count; done += kBatch) {
         const int batch = count - done < uint32_t(kBatch) ? int(count - done) : kBatch;
         // First the quick test, without a branch that depends on a ray, so that the processor works on several triangles
-        // at a time.
+        // at a time. For a packet with its own origins its error bound costs as much as it saves.
         typename T::Set inQuestion[kBatch];
         typename OutlineOf<Search::kOwnOrigins>::Type outlines[kBatch];
         for (int i = 0; i < batch; ++i) {
