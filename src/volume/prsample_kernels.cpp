@@ -164,8 +164,75 @@ inline unsigned maskOf(const int* doubt) {
     return mask;
 }
 
+struct Interval {
+    int begin, end;
+};
+
+// ---- Rows along x of the source: y and z are the same for a whole run, as for scales, shifts and turns about x. ----
+//
+// The rows that a run takes part in are combined into one line first, each of its voxels once; then the line is
+// interpolated along x. Sums are those of a chunk in another order, with as many roundings.
+
+constexpr int kSpan = 192; // voxels of a line; runs that span more go through chunks
+
+// A run: x positions (padded to whole chunks by repetition) and the place of the line.
+struct Aligned {
+    const double* x;
+    int count;
+    double y, z;
+    int first, span; // voxels of the line along x, beyond the box's ends too
+};
+
+template <class Policy, class T>
+__attribute__((noinline)) void redoAligned(const SampleSource<T>& src, const Aligned& run, int x, const int* doubt,
+                                           T* out) {
+    for (int i = 0; i < kChunk; ++i) {
+        const double s[3] = {run.x[x + i], run.y, run.z};
+        if (doubt[i]) out[i] = Policy::value(src, s);
+    }
+}
+
+// Repeats the line's first and last voxels within the box beyond it.
+template <class V, class T> inline void padLine(const SampleSource<T>& src, const Aligned& run, V* line) {
+    const int begin = src.low[0] - run.first, end = src.high[0] + 1 - run.first;
+    for (int i = 0; i < begin; ++i) line[i] = line[begin];
+    for (int i = end; i < run.span; ++i) line[i] = line[end - 1];
+}
+template <class T> inline Interval lineInside(const SampleSource<T>& src, const Aligned& run) {
+    const int begin = src.low[0] - run.first, end = src.high[0] + 1 - run.first;
+    return {begin > 0 ? begin : 0, end < run.span ? end : run.span};
+}
+
+// Chunks of a run: whole ones straight into the row.
+template <class T, class Chunk> inline void eachChunk(const Aligned& run, T* dst, const Chunk& chunk) {
+    for (int x = 0; x < run.count; x += kChunk) {
+        T out[kChunk];
+        const bool whole = run.count - x >= kChunk;
+        chunk(x, whole ? dst + x : out);
+        for (int i = x; !whole && i < run.count; ++i) dst[i] = out[i - x];
+    }
+}
+
+inline float sizeOf(float x) {
+    return __builtin_fabsf(x);
+}
+inline float larger(float a, float b) {
+    return a > b ? a : b;
+}
+
 template <class T> struct Nearest {
     static T value(const SampleSource<T>& src, const double s[3]) { return nearestVoxel(src, s); }
+
+    static void aligned(const SampleSource<T>& src, const Aligned& run, T* dst) {
+        const T* const row = src.planes[int(run.z + kHalfUp)] + int(run.y + kHalfUp) * src.step;
+        eachChunk(run, dst, [&](int x, T* out) {
+            alignas(64) int index[kChunk];
+            for (int i = 0; i < kChunk; ++i) index[i] = int(run.x[x + i] + kHalfUp);
+            stageDone();
+            for (int i = 0; i < kChunk; ++i) out[i] = row[index[i]];
+        });
+    }
+
     static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
         alignas(64) int plane[kChunk], offset[kChunk];
         const int step = int(src.step);
@@ -234,6 +301,52 @@ template <class T> struct Linear {
     // tap, and passes on what it got: 2^-12 for 8u, and 2^-48 of the tap in double, is more than three make.
     static constexpr Real kError = sizeof(T) == 1 ? Real(2.9296875e-4) : Real(1e-9);
     static T value(const SampleSource<T>& src, const double s[3]) { return linearVoxel(src, s); }
+
+    static void aligned(const SampleSource<T>& src, const Aligned& run, T* dst) {
+        const AxisBase y = axisBase(run.y, src.high[1]), z = axisBase(run.z, src.high[2]);
+        const T* row[4];
+        for (int r = 0; r < 4; ++r)
+            row[r] = src.planes[kept(z.base + (r >> 1), src.low[2], src.high[2])] +
+                     kept(y.base + (r & 1), src.low[1], src.high[1]) * src.step + run.first;
+        const Real fy = Real(y.fraction), fz = Real(z.fraction);
+        alignas(64) Real line[kSpan];
+        alignas(64) float size[kSpan];
+        const Interval in = lineInside(src, run);
+        for (int i = in.begin; i < in.end; ++i) {
+            const Real a = row[0][i], b = row[1][i], c = row[2][i], d = row[3][i];
+            const Real low = a + (b - a) * fy, high = c + (d - c) * fy;
+            line[i] = low + (high - low) * fz;
+        }
+        padLine(src, run, line);
+        if constexpr (sizeof(T) == 4) {
+            for (int i = in.begin; i < in.end; ++i)
+                size[i] =
+                    larger(larger(sizeOf(row[0][i]), sizeOf(row[1][i])), larger(sizeOf(row[2][i]), sizeOf(row[3][i])));
+            padLine(src, run, size);
+        }
+        eachChunk(run, dst, [&](int x, T* out) {
+            alignas(64) int base[kChunk], doubt[kChunk];
+            alignas(64) Real f[kChunk], a[kChunk], b[kChunk];
+            alignas(64) float most[kChunk] = {};
+            placeAxis(run.x + x, src.high[0], base, f);
+            stageDone();
+            for (int i = 0; i < kChunk; ++i) {
+                const int at = base[i] - run.first;
+                a[i] = line[at];
+                b[i] = line[at + 1];
+                if constexpr (sizeof(T) == 4) most[i] = larger(size[at], size[at + 1]);
+            }
+            stageDone();
+            int any = 0;
+            for (int i = 0; i < kChunk; ++i) {
+                doubt[i] = most[i] > kLargest;
+                out[i] =
+                    settled<T>(a[i] + (b[i] - a[i]) * f[i], sizeof(T) == 4 ? Real(most[i]) * 4 : kError, &doubt[i]);
+                any |= doubt[i];
+            }
+            if (__builtin_expect(any != 0, 0)) redoAligned<Linear>(src, run, x, doubt, out);
+        });
+    }
 
     static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
         // Along an axis of one voxel base and base + 1 would be two.
@@ -410,6 +523,20 @@ template <int mode> inline void weighAxis(const double* fraction, double (*w)[kC
     }
 }
 
+// The weights of one fraction, as they are defined.
+template <int mode> inline void axisWeights(float f, float w[4]) {
+    double v[4];
+    weightPolynomials<mode, double>(f, v);
+    const double e = kWeightError + (f < 0 ? -2.0 * f : 0);
+    bool open = false;
+    for (int t = 0; t < 4; ++t) {
+        w[t] = float(v[t] - e);
+        open |= w[t] != float(v[t] + e);
+    }
+    if (open)
+        for (int t = 0; t < 4; ++t) w[t] = float(cubicKernel<mode>((t - 1) - (long double)f));
+}
+
 inline Float4 largest(Float4 a, Float4 b) {
     return (Float4)_mm_max_ps((__m128)a, (__m128)b);
 }
@@ -423,6 +550,64 @@ template <class T, int mode> struct Cubic {
     using Real = typename RealOf<T>::Type;
     using Real4 = decltype(load4((const T*)nullptr));
     static T value(const SampleSource<T>& src, const double s[3]) { return cubicVoxel<T, mode>(src, s); }
+
+    static void aligned(const SampleSource<T>& src, const Aligned& run, T* dst) {
+        const AxisBase y = axisBase(run.y, src.high[1]), z = axisBase(run.z, src.high[2]);
+        float wy[4], wz[4];
+        axisWeights<mode>(float(y.fraction), wy);
+        axisWeights<mode>(float(z.fraction), wz);
+        const T* row[16];
+        Real weight[16];
+        for (int r = 0; r < 16; ++r) {
+            row[r] = src.planes[kept(z.base - 1 + (r >> 2), src.low[2], src.high[2])] +
+                     kept(y.base - 1 + (r & 3), src.low[1], src.high[1]) * src.step + run.first;
+            weight[r] = Real(wz[r >> 2]) * Real(wy[r & 3]);
+        }
+        alignas(64) Real line[kSpan];
+        alignas(64) float size[kSpan];
+        const Interval in = lineInside(src, run);
+        for (int i = in.begin; i < in.end; ++i) {
+            Real sum = weight[0] * Real(row[0][i]);
+#pragma GCC unroll 16
+            for (int r = 1; r < 16; ++r) sum += weight[r] * Real(row[r][i]);
+            line[i] = sum;
+        }
+        padLine(src, run, line);
+        if constexpr (sizeof(T) == 4) {
+            for (int i = in.begin; i < in.end; ++i) {
+                float most = 0;
+#pragma GCC unroll 16
+                for (int r = 0; r < 16; ++r) most = larger(sizeOf(row[r][i]), most);
+                size[i] = most;
+            }
+            padLine(src, run, size);
+        }
+        eachChunk(run, dst, [&](int x, T* out) {
+            alignas(64) int base[kChunk], doubt[kChunk];
+            alignas(64) double f[kChunk], w[4][kChunk], error[kChunk] = {};
+            alignas(64) Real tap[4][kChunk];
+            alignas(64) float most[kChunk] = {};
+            placeAxis(run.x + x, src.high[0], base, f);
+            weighAxis<mode>(f, w, error);
+            stageDone();
+            for (int i = 0; i < kChunk; ++i) {
+                const int at = base[i] - 1 - run.first;
+                for (int t = 0; t < 4; ++t) tap[t][i] = line[at + t];
+                if constexpr (sizeof(T) == 4)
+                    most[i] = larger(larger(size[at], size[at + 1]), larger(size[at + 2], size[at + 3]));
+            }
+            stageDone();
+            int any = 0;
+            for (int i = 0; i < kChunk; ++i) {
+                const Real sum = (tap[0][i] * Real(w[0][i]) + tap[1][i] * Real(w[1][i])) +
+                                 (tap[2][i] * Real(w[2][i]) + tap[3][i] * Real(w[3][i]));
+                doubt[i] = most[i] > kLargest;
+                out[i] = settled<T>(sum, bound(error[i], most[i]), &doubt[i]);
+                any |= doubt[i];
+            }
+            if (__builtin_expect(any != 0, 0)) redoAligned<Cubic>(src, run, x, doubt, out);
+        });
+    }
 
     // Weights of a chunk: per axis and tap.
     struct alignas(64) Weights {
@@ -622,9 +807,6 @@ inline void nextPositions(double* position, double advance, int count, double* s
 }
 
 // The voxels of a run that are inside: an interval, because positions are monotonous also when rounded.
-struct Interval {
-    int begin, end;
-};
 inline Interval insideOf(const double* s, int count, double advance, double low, double high) {
     if (s[0] >= low && s[0] <= high && s[count - 1] >= low && s[count - 1] <= high) return {0, count};
     int below = 0, above = 0;
@@ -633,6 +815,11 @@ inline Interval insideOf(const double* s, int count, double advance, double low,
         above += s[x] > high;
     }
     return advance < 0 ? Interval{above, count - below} : Interval{below, count - above};
+}
+
+// Whether a position is the same for a whole row. One of -0 becomes +0.
+inline bool stays(double position, double advance) {
+    return advance == 0 && (position != 0 || bitsOf(position) == 0);
 }
 
 template <class T, class Policy>
@@ -644,6 +831,7 @@ void warpRow(const SampleSource<T>& src, T* dst, int count, double position[3], 
         }
         return;
     }
+    const bool alongX = stays(position[1], advance[1]) && stays(position[2], advance[2]);
     for (int x = 0; x < count; x += kRun) {
         const int n = count - x < kRun ? count - x : kRun;
         Run run;
@@ -655,8 +843,20 @@ void warpRow(const SampleSource<T>& src, T* dst, int count, double position[3], 
             in.end = axis.end < in.end ? axis.end : in.end;
         }
         if (in.begin >= in.end) continue;
+        const int padded = (in.end - in.begin + kChunk - 1) / kChunk * kChunk;
+        if (alongX) {
+            const int a = axisBase(run.s[0][in.begin], src.high[0]).base,
+                      b = axisBase(run.s[0][in.end - 1], src.high[0]).base;
+            const int first = (a < b ? a : b) - 1, span = (a < b ? b : a) + 2 - first + 1;
+            if (span <= kSpan) {
+                for (int i = in.end; i < in.begin + padded; ++i) run.s[0][i] = run.s[0][in.end - 1];
+                Policy::aligned(src, {run.s[0] + in.begin, in.end - in.begin, run.s[1][0], run.s[2][0], first, span},
+                                dst + x + in.begin);
+                continue;
+            }
+        }
         for (int k = 0; k < 3; ++k)
-            for (int i = in.end; i % kChunk != in.begin % kChunk; ++i) run.s[k][i] = run.s[k][in.end - 1];
+            for (int i = in.end; i < in.begin + padded; ++i) run.s[k][i] = run.s[k][in.end - 1];
         for (int i = in.begin; i < in.end; i += kChunk) {
             T out[kChunk];
             const bool whole = in.end - i >= kChunk;
