@@ -127,7 +127,7 @@ inline void stageDone() {
     asm volatile("" ::: "memory");
 }
 
-// What the sums of a voxel type run in: the sum in double of 8-bit voxels would be more exact than their rounding needs.
+// What the sums of a voxel type run in. 8-bit voxels are rounded far more coarsely than floats are.
 template <class T> struct RealOf { using Type = double; };
 template <> struct RealOf<uint8_t> { using Type = float; };
 
@@ -201,6 +201,18 @@ template <class V, class T> inline void padLine(const SampleSource<T>& src, cons
 template <class T> inline Interval lineInside(const SampleSource<T>& src, const Aligned& run) {
     const int begin = src.low[0] - run.first, end = src.high[0] + 1 - run.first;
     return {begin > 0 ? begin : 0, end < run.span ? end : run.span};
+}
+
+// body(i) for each i of a range, in blocks of a fixed length: the compiler's vectors are then no longer than a block and
+// leave no rest. The last block may overlap the one before.
+template <class Body> inline void eachBlock(Interval range, const Body& body) {
+    int i = range.begin;
+    while (range.end - i >= kChunk) {
+        for (int j = 0; j < kChunk; ++j) body(i + j);
+        i += kChunk;
+        if (i < range.end && range.end - i < kChunk) i = range.end - kChunk;
+    }
+    for (; i < range.end; ++i) body(i);
 }
 
 // Chunks of a run: whole ones straight into the row.
@@ -312,16 +324,17 @@ template <class T> struct Linear {
         alignas(64) Real line[kSpan];
         alignas(64) float size[kSpan];
         const Interval in = lineInside(src, run);
-        for (int i = in.begin; i < in.end; ++i) {
+        eachBlock(in, [&](int i) {
             const Real a = row[0][i], b = row[1][i], c = row[2][i], d = row[3][i];
             const Real low = a + (b - a) * fy, high = c + (d - c) * fy;
             line[i] = low + (high - low) * fz;
-        }
+        });
         padLine(src, run, line);
         if constexpr (sizeof(T) == 4) {
-            for (int i = in.begin; i < in.end; ++i)
+            eachBlock(in, [&](int i) {
                 size[i] =
                     larger(larger(sizeOf(row[0][i]), sizeOf(row[1][i])), larger(sizeOf(row[2][i]), sizeOf(row[3][i])));
+            });
             padLine(src, run, size);
         }
         eachChunk(run, dst, [&](int x, T* out) {
@@ -566,20 +579,20 @@ template <class T, int mode> struct Cubic {
         alignas(64) Real line[kSpan];
         alignas(64) float size[kSpan];
         const Interval in = lineInside(src, run);
-        for (int i = in.begin; i < in.end; ++i) {
+        eachBlock(in, [&](int i) {
             Real sum = weight[0] * Real(row[0][i]);
 #pragma GCC unroll 16
             for (int r = 1; r < 16; ++r) sum += weight[r] * Real(row[r][i]);
             line[i] = sum;
-        }
+        });
         padLine(src, run, line);
         if constexpr (sizeof(T) == 4) {
-            for (int i = in.begin; i < in.end; ++i) {
+            eachBlock(in, [&](int i) {
                 float most = 0;
 #pragma GCC unroll 16
                 for (int r = 0; r < 16; ++r) most = larger(sizeOf(row[r][i]), most);
                 size[i] = most;
-            }
+            });
             padLine(src, run, size);
         }
         eachChunk(run, dst, [&](int x, T* out) {

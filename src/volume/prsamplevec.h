@@ -1,7 +1,7 @@
 // Chunks of warp and remap in whole registers, at the level that has them wide enough: sixteen voxels at a time.
 //
-// Taps are loaded one voxel at a time, pairs of neighbours at once, and put together in registers: gathers take longer
-// on the processors measured, and would read beyond a caller's memory.
+// Taps are loaded voxel by voxel, neighbours along x at once, and put together in registers: gathers of bytes would read
+// beyond a caller's memory.
 #pragma once
 #include "volume/prsample.h"
 
