@@ -30,12 +30,14 @@ template <class T> struct RowSums {
 };
 
 #if defined(__AVX2__)
-// The same out of a window of voxels that were turned to doubles: window[i] is voxel first + i.
+// The same out of a window of voxels that were turned to doubles. `origin` is where voxel s[0] would stand, which is
+// outside the window mostly.
 template <class T> struct WindowSums : RowSums<T> {
     const int* guarded;
-    const double* window;
-    int first;
-    const double* taps(int x) const { return window + (this->index[x] - first); }
+    uintptr_t origin;
+    const double* taps(int x) const {
+        return reinterpret_cast<const double*>(origin + uintptr_t(ptrdiff_t(this->index[x])) * sizeof(double));
+    }
     // The sums of the four lanes of what f gives for each of four columns.
     template <class F> static ZENR_INLINE __m256d pair(int x, const F& f) {
         const __m256d a = f(x), b = f(x + 1);
@@ -101,7 +103,9 @@ void rowCubicOne(const RowSums<T>& sums, const int* guarded, const RowBound& bou
                     const int from = count - i < 4 ? count - 4 : i;
                     widen4(sums.s + first + from, window + from);
                 }
-                const WindowSums<T> fast = {sums, guarded, window, first};
+                const uintptr_t origin =
+                    reinterpret_cast<uintptr_t>(window) - uintptr_t(ptrdiff_t(first)) * sizeof(double);
+                const WindowSums<T> fast = {sums, guarded, origin};
                 roundTaps(fast, bound, dst, x, x + columns);
             }
             x += columns;

@@ -1,4 +1,6 @@
 // Volume resize against its definition: all types, modes, layouts, levels; boxes, steps, threads, work memory, checks.
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <functional>
 
@@ -533,6 +535,72 @@ TEST(ResizeBufSize, HugeBoxLittleWritten) {
         ASSERT_EQ(resizeV(src, dst, a, buffer.data()), zenStsNoErr);
         EXPECT_EQ(memcmp(src.memory().data(), dst.memory().data(), 125), 0);
     }
+}
+
+ZenStatus callV(const uint8_t* s, ZenrVolume v, const int* steps, uint8_t* d, ZenrVolume w, int mode, uint8_t* buffer) {
+    return zenrResize_8u_C1V(s, v, steps[0], steps[1], {0, 0, 0, v.width, v.height, v.depth}, d, steps[2], steps[3],
+                             {0, 0, 0, w.width, w.height, w.depth}, 1.5, 1.5, 1.5, 0, 0, 0, mode, buffer);
+}
+ZenStatus callV(const uint16_t* s, ZenrVolume v, const int* steps, uint16_t* d, ZenrVolume w, int mode,
+                uint8_t* buffer) {
+    return zenrResize_16u_C1V(s, v, steps[0], steps[1], {0, 0, 0, v.width, v.height, v.depth}, d, steps[2], steps[3],
+                              {0, 0, 0, w.width, w.height, w.depth}, 1.5, 1.5, 1.5, 0, 0, 0, mode, buffer);
+}
+ZenStatus callV(const float* s, ZenrVolume v, const int* steps, float* d, ZenrVolume w, int mode, uint8_t* buffer) {
+    return zenrResize_32f_C1V(s, v, steps[0], steps[1], {0, 0, 0, v.width, v.height, v.depth}, d, steps[2], steps[3],
+                              {0, 0, 0, w.width, w.height, w.depth}, 1.5, 1.5, 1.5, 0, 0, 0, mode, buffer);
+}
+
+// Volumes whose rows and slices lie far more than 2^31 bytes apart, in either direction, come out as compact ones do.
+TYPED_TEST(Resize, StridesBeyondTwoGigabytes) {
+    using T = TypeParam;
+    if (sizeof(void*) == 4) GTEST_SKIP() << "no such addresses";
+    const ZenrVolume v = {24, 4, 4}, w = {36, 6, 6};
+    const int rowStep = 2000000000, planeStep = 300000000;
+    // 5 * (rowStep + planeStep) bytes and a row, from the middle in both directions; only pages in use exist.
+    const size_t half = size_t(13) << 30;
+    void* const memory[2] = {
+        mmap(nullptr, 2 * half, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0),
+        mmap(nullptr, 2 * half, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0)};
+    if (memory[0] != MAP_FAILED && memory[1] != MAP_FAILED) {
+        T* const src = reinterpret_cast<T*>(static_cast<char*>(memory[0]) + half);
+        T* const dst = reinterpret_cast<T*>(static_cast<char*>(memory[1]) + half);
+        const int size = sizeof(T);
+        std::vector<T> compact(size_t(v.width) * v.height * v.depth), expected(size_t(w.width) * w.height * w.depth);
+        zenrtest::Floats r(12);
+        for (T& x : compact) x = randomVoxel<T>(r, 2);
+        const int compactSteps[4] = {v.width * size, v.width * v.height * size, w.width * size,
+                                     w.width * w.height * size};
+        for (int direction : {1, -1}) {
+            const int steps[4] = {direction * rowStep, direction * planeStep, direction * rowStep,
+                                  direction * planeStep};
+            const auto row = [&](T* base, int y, int z) {
+                return base + direction * (ptrdiff_t(y) * rowStep + ptrdiff_t(z) * planeStep) / size;
+            };
+            for (int z = 0; z < v.depth; ++z)
+                for (int y = 0; y < v.height; ++y)
+                    memcpy(row(src, y, z), &compact[(size_t(z) * v.height + y) * v.width], sizeof(T) * v.width);
+            for (int mode : {1, 2, 6}) {
+                int bytes = 0;
+                ASSERT_EQ(
+                    zenrResizeGetBufSize({0, 0, 0, 4, 4, 4}, {0, 0, 0, w.width, w.height, w.depth}, 1, mode, &bytes),
+                    zenStsNoErr);
+                std::vector<uint8_t> buffer(bytes);
+                ASSERT_EQ(callV(compact.data(), v, compactSteps, expected.data(), w, mode, buffer.data()), zenStsNoErr);
+                ASSERT_EQ(callV(src, v, steps, dst, w, mode, buffer.data()), zenStsNoErr);
+                for (int z = 0; z < w.depth; ++z)
+                    for (int y = 0; y < w.height; ++y)
+                        ASSERT_EQ(memcmp(row(dst, y, z), &expected[(size_t(z) * w.height + y) * w.width],
+                                         sizeof(T) * w.width),
+                                  0)
+                            << "mode " << mode << " direction " << direction << " row " << y << " slice " << z;
+            }
+        }
+    }
+    const bool skipped = memory[0] == MAP_FAILED || memory[1] == MAP_FAILED;
+    for (void* m : memory)
+        if (m != MAP_FAILED) munmap(m, 2 * half);
+    if (skipped) GTEST_SKIP() << "not so much address space here";
 }
 
 } // namespace
