@@ -186,6 +186,11 @@ Workspace wholeWorkspace(Builder& builder, int triangleCount);
 // Takes a further block into use; false when the budget does not pay for it or there is no memory.
 bool nextBlock(Builder& builder, Workspace& space, BlockKind kind);
 
+// Half the surface of a box times a number of triangles.
+double nodeCost(const float* box, int count);
+// F for an optimisation ratio.
+long double costFactor(float optimizationRatio);
+
 // Subdivides the root, whose references end at pool A's cursor, until every leaf is decided. With more than one thread
 // it may run out of memory that one thread would find enough.
 ZenStatus ownOptimizationPSAH(Builder& builder, WorkNode& root, Level level, float optimizationRatio, int maxDepth,

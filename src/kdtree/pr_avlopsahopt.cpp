@@ -7,11 +7,21 @@
 #include "frame/prmem.h"
 #include "kdtree/kdtree.h"
 #include "kdtree/pr_avlopsahbld.h"
-#include "kdtree/pr_avlopsahkern.h"
 #include "kdtree/pr_avlopsahphase.h"
 #include "kdtree/pr_avlopsahsrch.h"
 
 namespace zenr {
+
+double nodeCost(const float* box, int count) {
+    const long double ex = (long double)(box[3]) - box[0];
+    const long double ey = (long double)(box[4]) - box[1];
+    const long double ez = (long double)(box[5]) - box[2];
+    return double(count * (ex * (ey + ez) + ey * ez));
+}
+
+long double costFactor(float optimizationRatio) {
+    return (10.0L - 9.0L * optimizationRatio) * (long double)(0.5057569742202759);
+}
 
 Workspace wholeWorkspace(Builder& builder, int triangleCount) {
     MemContext& context = *builder.context;
@@ -207,8 +217,7 @@ private:
     void search(const Item& item, int n, const Extents& extents, SplitRecord& split) {
         const InPhase phase(Phase::search);
         const uint32_t at = extents.at;
-        const SearchInput input{&kernels_,
-                                {lo(0, at), lo(1, at), lo(2, at)},
+        const SearchInput input{{lo(0, at), lo(1, at), lo(2, at)},
                                 {hi(0, at), hi(1, at), hi(2, at)},
                                 n,
                                 item.box,
@@ -217,9 +226,9 @@ private:
                                 factor_};
         split.cost = nodeCost(item.box, n);
         if (n <= kSingleThreadCount)
-            localFindBestSplitSortSearch_ST(input, split);
+            kernels_.searchAlone(input, split);
         else
-            localFindBestSplitSortSearch_MT(input, split);
+            kernels_.searchTogether(input, split);
     }
 
     // Turns the item's node into an interior one, and the item into the child to go on with.

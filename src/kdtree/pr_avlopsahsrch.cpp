@@ -1,14 +1,15 @@
-// The split search of the surface-area-heuristic builder: which plane, if any, divides a node.
+// The split search of the surface-area-heuristic builder: which plane, if any, divides a node. Compiled once per level.
 #include "kdtree/pr_avlopsahsrch.h"
 
 #include <float.h>
 #include <omp.h>
 
 #include "frame/prprim.h"
-#include "kdtree/pr_avlopsahkern.h"
+#include "kdtree/pr_avlopsahsweep.h"
 #include "zencore.h"
 
 namespace zenr {
+namespace ZENR_LEVEL {
 
 namespace {
 
@@ -53,7 +54,7 @@ void searchSlabs(const SearchInput& input, int axis, AxisSearch& search) {
     const double rest = search.pricing.rest;
     const int n = input.count;
 
-    input.kernels->scan(input.lo[axis], input.hi[axis], n, &search.scan);
+    scanAxis(input.lo[axis], input.hi[axis], n, search.scan);
     const float first = search.scan.first;
     const float last = search.scan.last;
 
@@ -97,7 +98,7 @@ void searchPlanes(const SearchInput& input, int axis, double limit, AxisSearch& 
                             {reinterpret_cast<float*>(scratch[0]), reinterpret_cast<float*>(scratch[1])},
                             input.capacity};
     Candidate swept;
-    input.kernels->sweep(&events, &search.pricing, limit / search.sum, &swept);
+    sweepAxis(events, search.pricing, limit / search.sum, swept);
     if (swept.price < search.best.price) search.best = swept;
 }
 
@@ -150,8 +151,6 @@ void searchAxis(const SearchInput& input, int axis, double limit, SplitRecord& r
     storeRecord(search, axis, record);
 }
 
-} // namespace
-
 void localFindBestSplitSortSearch_ST(const SearchInput& input, SplitRecord& split) {
     const double q = split.cost;
     SplitRecord axes[3];
@@ -190,9 +189,8 @@ void localFindBestSplitSortSearch_MT(const SearchInput& input, SplitRecord& spli
     }
     const long double threshold = thresholdOf(input, q);
     const double limit = greatestUsefulCost(q, threshold, input.count);
-    const int team = n < allowed ? n : allowed;
     if (n == 3) {
-#pragma omp parallel sections num_threads(team)
+#pragma omp parallel sections num_threads(allowed < 3 ? allowed : 3)
         {
 #pragma omp section
             searchAxis(input, 0, limit, axes[0]);
@@ -204,7 +202,7 @@ void localFindBestSplitSortSearch_MT(const SearchInput& input, SplitRecord& spli
     } else if (n == 2) {
         const int axis0 = usable[0];
         const int axis1 = usable[1];
-#pragma omp parallel sections num_threads(team)
+#pragma omp parallel sections num_threads(2)
         {
 #pragma omp section
             searchAxis(input, axis0, limit, axes[axis0]);
@@ -215,15 +213,9 @@ void localFindBestSplitSortSearch_MT(const SearchInput& input, SplitRecord& spli
     chooseAxis(axes, threshold, input.count, q, split);
 }
 
-double nodeCost(const float* box, int count) {
-    const long double ex = (long double)(box[3]) - box[0];
-    const long double ey = (long double)(box[4]) - box[1];
-    const long double ez = (long double)(box[5]) - box[2];
-    return double(count * (ex * (ey + ez) + ey * ez));
-}
+} // namespace
 
-long double costFactor(float optimizationRatio) {
-    return (10.0L - 9.0L * optimizationRatio) * (long double)(0.5057569742202759);
-}
+extern const SahKernels kSah = {localFindBestSplitSortSearch_ST, localFindBestSplitSortSearch_MT, scanAxis, sweepAxis};
 
+} // namespace ZENR_LEVEL
 } // namespace zenr

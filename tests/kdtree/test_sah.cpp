@@ -5,7 +5,6 @@
 #include "frame/prmem.h"
 #include "kdtree/kdtree.h"
 #include "kdtree/pr_avlopsahbld.h"
-#include "kdtree/pr_avlopsahkern.h"
 #include "kdtree/pr_avlopsahsrch.h"
 #include "reference/meshes.h"
 #include "reference/sah_reference.h"
@@ -704,7 +703,7 @@ TEST(Sweep, FindsWhatTheDefinitionFindsAtEveryLevel) {
                     std::copy(lo.begin(), lo.end(), gl.data());
                     std::copy(hi.begin(), hi.end(), gh.data());
                     zenr::AxisScan scan;
-                    kernels.scan(gl.data(), gh.data(), n, &scan);
+                    kernels.scan(gl.data(), gh.data(), n, scan);
                     ASSERT_EQ(scan.first, *std::min_element(lo.begin(), lo.end()));
                     ASSERT_EQ(scan.last, *std::max_element(hi.begin(), hi.end()));
                     ASSERT_EQ(scan.lastStart, *std::max_element(lo.begin(), lo.end()));
@@ -716,7 +715,7 @@ TEST(Sweep, FindsWhatTheDefinitionFindsAtEveryLevel) {
                     const zenr::Pricing pricing{0, 1, rest};
                     for (double limit : {1e300, expected.price * 1.0001, expected.price, expected.price * 0.9}) {
                         zenr::Candidate found;
-                        kernels.sweep(&events, &pricing, limit, &found);
+                        kernels.sweep(events, pricing, limit, found);
                         if (limit < expected.price && found.price > limit) continue; // free to give up
                         ASSERT_EQ(found.price, expected.price);
                         ASSERT_EQ(found.position, expected.x);
@@ -746,7 +745,7 @@ TEST(Sweep, HugeBoxes) {
         const zenr::AxisEvents events{lo.data(), hi.data(), 200, 0, {s0.data(), s1.data()}, 200};
         const zenr::Pricing pricing{min, max, 0};
         zenr::Candidate found;
-        zenr::sahKernels(level).sweep(&events, &pricing, 1e300, &found);
+        zenr::sahKernels(level).sweep(events, pricing, 1e300, found);
         EXPECT_EQ(found.price, expected.price);
         EXPECT_EQ(found.position, expected.x);
     }
@@ -768,8 +767,7 @@ struct SplitCase {
         uint32_t* pointers[6];
         for (int i = 0; i < 6; ++i) pointers[i] = scratch[size_t(i)].data();
         std::vector<float> lo[3], hi[3];
-        zenr::SearchInput input{&zenr::sahKernels(level), {}, {}, int(n), box.data(), pointers, int(n),
-                                zenr::costFactor(ratio)};
+        zenr::SearchInput input{{}, {}, int(n), box.data(), pointers, int(n), zenr::costFactor(ratio)};
         for (size_t a = 0; a < 3; ++a) {
             for (size_t t = 0; t < n; ++t) {
                 const float* p = &mesh.vertices[9 * t];
@@ -781,9 +779,9 @@ struct SplitCase {
         }
         zenr::SplitRecord split{zenr::nodeCost(box.data(), input.count), 0, 7, 0, 0, 9};
         if (many)
-            zenr::localFindBestSplitSortSearch_MT(input, split);
+            zenr::sahKernels(level).searchTogether(input, split);
         else
-            zenr::localFindBestSplitSortSearch_ST(input, split);
+            zenr::sahKernels(level).searchAlone(input, split);
         return split;
     }
 };

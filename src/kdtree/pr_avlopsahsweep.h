@@ -1,13 +1,13 @@
-// Kernels of the split search, compiled once per level. An axis asks for the cheapest plane among the events of its
+// The sweep of one axis, compiled once per level with the search. An axis asks for the cheapest plane among the events of its
 // references; hardly any of them need sorting for that. Few events are priced each against all others; many are
 // counted in bins, whose counts bound the prices in them, and only bins that can hold the cheapest plane are looked at.
-#include "kdtree/pr_avlopsahkern.h"
-
+#pragma once
 #include <float.h>
 
 #include "frame/prprim.h"
 #include "frame/simd.h"
 #include "kdtree/pr_avlopsahphase.h"
+#include "kdtree/pr_avlopsahsrch.h"
 #include "kdtree/pr_avlorsort.h"
 
 namespace zenr {
@@ -34,43 +34,44 @@ ZENR_INLINE Floats all(float x) {
     return Floats{} + x;
 }
 
-// At least Lanes references: the last vector overlaps the one before it, which changes no least or greatest value.
-template <int Lanes> ZENR_INLINE void scanVectors(const float* lo, const float* hi, int n, AxisScan* result) {
-    typedef typename Vector<Lanes>::Floats Values;
-    typedef typename Vector<Lanes>::FloatsAnywhere Anywhere;
-    Values first = *reinterpret_cast<const Anywhere*>(lo);
-    Values last = *reinterpret_cast<const Anywhere*>(hi);
-    Values firstEnd = last;
-    Values lastStart = first;
-    typename Vector<Lanes>::Ints planar = first == last;
-    for (int i = Lanes; i < n; i += Lanes) {
-        const int at = i <= n - Lanes ? i : n - Lanes;
-        const Values l = *reinterpret_cast<const Anywhere*>(lo + at);
-        const Values h = *reinterpret_cast<const Anywhere*>(hi + at);
+// At least kLanes references: the last vector overlaps the one before it, which changes no least or greatest value.
+void scanVectors(const float* lo, const float* hi, int n, AxisScan& scan) {
+    Floats first = load(lo);
+    Floats last = load(hi);
+    Floats firstEnd = last;
+    Floats lastStart = first;
+    Ints planar = first == last;
+    for (int i = kLanes; i < n; i += kLanes) {
+        const int at = i <= n - kLanes ? i : n - kLanes;
+        const Floats l = load(lo + at);
+        const Floats h = load(hi + at);
         first = l < first ? l : first;
         lastStart = l > lastStart ? l : lastStart;
         last = h > last ? h : last;
         firstEnd = h < firstEnd ? h : firstEnd;
         planar |= l == h;
     }
-    AxisScan scan{first[0], last[0], lastStart[0], firstEnd[0], planar[0]};
-    for (int k = 1; k < Lanes; ++k) {
-        scan.first = first[k] < scan.first ? first[k] : scan.first;
-        scan.last = last[k] > scan.last ? last[k] : scan.last;
-        scan.lastStart = lastStart[k] > scan.lastStart ? lastStart[k] : scan.lastStart;
-        scan.firstEnd = firstEnd[k] < scan.firstEnd ? firstEnd[k] : scan.firstEnd;
-        scan.inPlane |= planar[k];
+    for (int half = kLanes / 2; half > 0; half /= 2) {
+        Ints from = {};
+        for (int k = 0; k < kLanes; ++k) from[k] = k ^ half;
+        Floats other = __builtin_shuffle(first, from);
+        first = other < first ? other : first;
+        other = __builtin_shuffle(lastStart, from);
+        lastStart = other > lastStart ? other : lastStart;
+        other = __builtin_shuffle(last, from);
+        last = other > last ? other : last;
+        other = __builtin_shuffle(firstEnd, from);
+        firstEnd = other < firstEnd ? other : firstEnd;
+        planar |= __builtin_shuffle(planar, from);
     }
-    *result = scan;
+    scan = AxisScan{first[0], last[0], lastStart[0], firstEnd[0], planar[0]};
 }
 
-void scan(const float* lo, const float* hi, int n, AxisScan* result) {
-    if (n >= 2 * kLanes) {
-        scanVectors<kLanes>(lo, hi, n, result);
-    } else if (n >= 4) {
-        scanVectors<4>(lo, hi, n, result);
+ZENR_INLINE void scanAxis(const float* lo, const float* hi, int n, AxisScan& scan) {
+    if (n >= kLanes) {
+        scanVectors(lo, hi, n, scan);
     } else {
-        AxisScan scan{lo[0], hi[0], lo[0], hi[0], lo[0] == hi[0]};
+        scan = AxisScan{lo[0], hi[0], lo[0], hi[0], lo[0] == hi[0]};
         for (int i = 1; i < n; ++i) {
             scan.first = lo[i] < scan.first ? lo[i] : scan.first;
             scan.last = hi[i] > scan.last ? hi[i] : scan.last;
@@ -78,11 +79,10 @@ void scan(const float* lo, const float* hi, int n, AxisScan* result) {
             scan.firstEnd = hi[i] < scan.firstEnd ? hi[i] : scan.firstEnd;
             scan.inPlane |= lo[i] == hi[i];
         }
-        *result = scan;
     }
-    if (result->inPlane) {
-        result->inPlane = 0;
-        for (int i = 0; i < n; ++i) result->inPlane += lo[i] == hi[i];
+    if (scan.inPlane) {
+        scan.inPlane = 0;
+        for (int i = 0; i < n; ++i) scan.inPlane += lo[i] == hi[i];
     }
 }
 
@@ -504,27 +504,23 @@ template <bool Planar> void sweepBins(const AxisEvents& events, const Pricing& p
 constexpr int kFewReferences = 32;
 constexpr double kGreatestBinned = 1e30; // wider boxes leave the range of float in the arithmetic of bins
 
-void sweep(const AxisEvents* events, const Pricing* pricing, double limit, Candidate* best) {
+void sweepAxis(const AxisEvents& events, const Pricing& pricing, double limit, Candidate& best) {
     const InPhase phase(Phase::sweep);
-    *best = Candidate{DBL_MAX, 0, 0, 0, 1};
-    const int n = events->count;
-    if (n <= kFewReferences && events->inPlane == 0) {
+    best = Candidate{DBL_MAX, 0, 0, 0, 1};
+    const int n = events.count;
+    if (n <= kFewReferences && events.inPlane == 0) {
         // Read, never written: so few are not sorted.
-        priceEach<false>(
-            Stretch{const_cast<float*>(events->lo), n, const_cast<float*>(events->hi), n, nullptr, 0, 0, n}, *pricing,
-            limit * (1 + kSlack), *best);
-    } else if (n <= kFewReferences || !(pricing->max - pricing->min < kGreatestBinned)) {
-        sweepWhole(*events, *pricing, *best);
-    } else if (events->inPlane > 0) {
-        sweepBins<true>(*events, *pricing, limit, *best);
+        priceEach<false>(Stretch{const_cast<float*>(events.lo), n, const_cast<float*>(events.hi), n, nullptr, 0, 0, n},
+                         pricing, limit * (1 + kSlack), best);
+    } else if (n <= kFewReferences || !(pricing.max - pricing.min < kGreatestBinned)) {
+        sweepWhole(events, pricing, best);
+    } else if (events.inPlane > 0) {
+        sweepBins<true>(events, pricing, limit, best);
     } else {
-        sweepBins<false>(*events, *pricing, limit, *best);
+        sweepBins<false>(events, pricing, limit, best);
     }
 }
 
 } // namespace
-
-extern const SahKernels kSah = {scan, sweep};
-
 } // namespace ZENR_LEVEL
 } // namespace zenr
