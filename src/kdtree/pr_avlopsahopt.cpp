@@ -131,6 +131,22 @@ inline float within(float x, float min, float max) {
     return (x < min ? min : x > max ? max : x) + 0.0f;
 }
 
+// A few words that were written one by one a moment ago are best moved one by one: a wide load would wait until all of
+// them have reached the cache.
+constexpr uint32_t kFewToMove = 12;
+
+inline void moveDown(TriRef* to, const TriRef* from, uint32_t n) {
+    if (n > kFewToMove) {
+        memmove(to, from, n * sizeof(TriRef));
+    } else {
+        for (uint32_t i = 0; i < n; ++i) {
+            to[i].id = from[i].id;
+            to[i].selectors = from[i].selectors;
+            to[i].points = from[i].points;
+        }
+    }
+}
+
 class Subdivision {
 public:
     // `tasks`: where to leave subtrees, or null.
@@ -344,13 +360,25 @@ private:
         }
         counts[0] = l;
         counts[1] = u;
-        memmove(refs + l, upperRefs, u * sizeof(TriRef));
+        moveDown(refs + l, upperRefs, u);
         pool.cursor = reinterpret_cast<char*>(refs + l + u);
         waiting_[pending_] = Extents{extents.at, extents.at + l + u <= uint32_t(space_.capacity)};
         if (waiting_[pending_].held) extents.at += l;
-        for (int a = 0; a < 3; ++a) {
-            memcpy(lo(a, extents.at), upperLows[a], u * sizeof(float));
-            memcpy(hi(a, extents.at), upperHighs[a], u * sizeof(float));
+        if (u > kFewToMove) {
+            for (int a = 0; a < 3; ++a) {
+                memcpy(lo(a, extents.at), upperLows[a], u * sizeof(float));
+                memcpy(hi(a, extents.at), upperHighs[a], u * sizeof(float));
+            }
+        } else {
+            for (int a = 0; a < 3; ++a) {
+                lows[a] = lo(a, extents.at);
+                highs[a] = hi(a, extents.at);
+            }
+            for (uint32_t i = 0; i < u; ++i)
+                for (int a = 0; a < 3; ++a) {
+                    lows[a][i] = upperLows[a][i];
+                    highs[a][i] = upperHighs[a][i];
+                }
         }
         return zenStsNoErr;
     }

@@ -24,14 +24,19 @@ constexpr int kForkCount = 16384;
 
 constexpr int kNextAxis[5] = {1, 2, 0, 1, 2};
 
-// One axis of a node under search.
+// One axis of a node under search. What is written field by field is not copied as a whole on the way to the result:
+// the wide loads of a copy would wait for all the stores before it.
 struct AxisSearch {
     bool usable = false;
-    bool swept = false; // the sweep has to run, or has run
-    float sum;          // S
+    bool open = false; // the sweep has to run
+    float sum;         // S
     Pricing pricing;
     AxisScan scan;
-    Candidate best{DBL_MAX, 0, 0, 0, 1};
+    Candidate slab;  // the cheapest cut of empty space
+    Candidate swept; // the cheapest plane of the sweep
+    double price = DBL_MAX;
+
+    double cost() const { return price * sum; }
 };
 
 // Everything but the sweep: the axis' prices and its empty slabs. All arithmetic is in double on coordinates that are
@@ -60,18 +65,19 @@ void searchSlabs(const SearchInput& input, int axis, AxisSearch& search) {
 
     // Planar events in the candidate plane stay with the other triangles, which the flags say too.
     const double gap = double(kEmptyShare) * extent;
-    bool empty = false;
-    if (first - min > gap) {
-        search.best = Candidate{(max - first + rest) * n * kEmptyBonus, first, 0, n, 1};
-        empty = true;
-    }
-    if (max - last > gap) {
-        const double price = (last - min + rest) * n * kEmptyBonus;
-        if (!empty || price < search.best.price) search.best = Candidate{price, last, n, 0, 0};
-        empty = true;
-    }
+    const bool below = first - min > gap;
+    const bool above = max - last > gap;
+    const double lower = below ? (max - first + rest) * n * kEmptyBonus : DBL_MAX;
+    const double upper = above ? (last - min + rest) * n * kEmptyBonus : DBL_MAX;
+    const bool isUpper = upper < lower;
+    search.slab.price = search.price = isUpper ? upper : lower;
+    search.slab.position = isUpper ? last : first;
+    search.slab.left = isUpper ? n : 0;
+    search.slab.right = isUpper ? 0 : n;
+    search.slab.flag = !isUpper;
+    search.swept.price = DBL_MAX;
     // Without planar events an empty slab is final; with them the sweep competes against the reduced price.
-    search.swept = !empty || search.scan.inPlane > 0;
+    search.open = !(below || above) || search.scan.inPlane > 0;
 }
 
 // A bound below all prices of the axis, when all triangles start before the first one ends: a plane then leaves all of
@@ -88,7 +94,7 @@ double leastPrice(const AxisSearch& search, int count) {
 
 // `limit`: a cost that need not be found exactly when it lies above.
 void searchPlanes(const SearchInput& input, int axis, double limit, AxisSearch& search) {
-    if (!search.swept) return;
+    if (!search.open) return;
     if (leastPrice(search, input.count) * search.sum > limit) return;
     uint32_t* const* const scratch = input.scratch + 2 * axis;
     const AxisEvents events{input.lo[axis],
@@ -97,20 +103,20 @@ void searchPlanes(const SearchInput& input, int axis, double limit, AxisSearch& 
                             search.scan.inPlane,
                             {reinterpret_cast<float*>(scratch[0]), reinterpret_cast<float*>(scratch[1])},
                             input.capacity};
-    Candidate swept;
-    sweepAxis(events, search.pricing, limit / search.sum, swept);
-    if (swept.price < search.best.price) search.best = swept;
-}
-
-double costOf(const AxisSearch& search) {
-    return search.best.price * search.sum;
+    sweepAxis(events, search.pricing, limit / search.sum, search.swept);
+    if (search.swept.price < search.price) search.price = search.swept.price;
 }
 
 // The axis' record, whose cost is Q on entry and stays so when the axis is passed over.
 void storeRecord(const AxisSearch& search, int axis, SplitRecord& record) {
     if (!search.usable) return;
-    const Candidate& best = search.best;
-    record = SplitRecord{costOf(search), best.position, axis, best.left, best.right, best.flag};
+    const Candidate& best = search.swept.price < search.slab.price ? search.swept : search.slab;
+    record.cost = search.cost();
+    record.position = best.position;
+    record.axis = axis;
+    record.left = best.left;
+    record.right = best.right;
+    record.flag = best.flag;
 }
 
 // T for a node: F * Q, but never less than a smallest value. A NaN stays, and refuses every split.
@@ -125,23 +131,11 @@ double greatestUsefulCost(double nodeCostQ, long double threshold, int count) {
     return bound + 1e-9 * nodeCostQ;
 }
 
-// Ties go to the higher axis, deliberately. With a NaN among the costs no split results.
-void chooseAxis(const SplitRecord (&axes)[3], long double threshold, int count, double nodeCostQ, SplitRecord& split) {
-    const double c0 = axes[0].cost;
-    const double c1 = axes[1].cost;
-    const double c2 = axes[2].cost;
-    const int axis = c1 <= c0 ? (c2 > c1 ? 1 : 2) : (c2 <= c0 ? 2 : 0);
-    const long double gain = count * ((long double)(nodeCostQ) - (long double)(axes[axis].cost));
-    if (!(threshold < gain)) {
-        split.axis = -1;
-        return;
-    }
-    zensCopy_32s(reinterpret_cast<const int*>(&axes[axis]), reinterpret_cast<int*>(&split), 7);
-    split.axis = axis;
-}
-
-void startRecords(SplitRecord (&axes)[3], double nodeCostQ) {
-    for (SplitRecord& record : axes) record = SplitRecord{nodeCostQ, 0, -1, 0, 0, 1};
+// Ties go to the higher axis, deliberately. With a NaN among the costs no split results; -1 says that.
+int chooseAxis(const double (&cost)[3], long double threshold, int count, double nodeCostQ) {
+    const int axis = cost[1] <= cost[0] ? (cost[2] > cost[1] ? 1 : 2) : (cost[2] <= cost[0] ? 2 : 0);
+    const long double gain = count * ((long double)(nodeCostQ) - (long double)(cost[axis]));
+    return threshold < gain ? axis : -1;
 }
 
 void searchAxis(const SearchInput& input, int axis, double limit, SplitRecord& record) {
@@ -153,28 +147,32 @@ void searchAxis(const SearchInput& input, int axis, double limit, SplitRecord& r
 
 void localFindBestSplitSortSearch_ST(const SearchInput& input, SplitRecord& split) {
     const double q = split.cost;
-    SplitRecord axes[3];
-    startRecords(axes, q);
     const long double threshold = thresholdOf(input, q);
     // What one axis reaches the others have to beat, so the slabs, which cost little, come first.
     double limit = greatestUsefulCost(q, threshold, input.count);
+    double cost[3] = {q, q, q};
     AxisSearch search[3];
     for (int axis = 0; axis < 3; ++axis) {
         searchSlabs(input, axis, search[axis]);
-        if (search[axis].usable && costOf(search[axis]) < limit) limit = costOf(search[axis]);
+        if (search[axis].usable && search[axis].cost() < limit) limit = search[axis].cost();
     }
     for (int axis = 0; axis < 3; ++axis) {
+        if (!search[axis].usable) continue;
         searchPlanes(input, axis, limit, search[axis]);
-        if (search[axis].usable && costOf(search[axis]) < limit) limit = costOf(search[axis]);
-        storeRecord(search[axis], axis, axes[axis]);
+        cost[axis] = search[axis].cost();
+        if (cost[axis] < limit) limit = cost[axis];
     }
-    chooseAxis(axes, threshold, input.count, q, split);
+    const int axis = chooseAxis(cost, threshold, input.count, q);
+    if (axis < 0)
+        split.axis = -1;
+    else
+        storeRecord(search[axis], axis, split);
 }
 
 void localFindBestSplitSortSearch_MT(const SearchInput& input, SplitRecord& split) {
     const double q = split.cost;
     SplitRecord axes[3];
-    startRecords(axes, q);
+    for (SplitRecord& record : axes) record = SplitRecord{q, 0, -1, 0, 0, 1};
     const float* const box = input.box;
     int usable[3];
     int n = 0;
@@ -210,7 +208,11 @@ void localFindBestSplitSortSearch_MT(const SearchInput& input, SplitRecord& spli
             searchAxis(input, axis1, limit, axes[axis1]);
         }
     }
-    chooseAxis(axes, threshold, input.count, q, split);
+    const int axis = chooseAxis({axes[0].cost, axes[1].cost, axes[2].cost}, threshold, input.count, q);
+    if (axis < 0)
+        split.axis = -1;
+    else
+        zensCopy_32s(reinterpret_cast<const int*>(&axes[axis]), reinterpret_cast<int*>(&split), 7);
 }
 
 } // namespace
