@@ -207,56 +207,6 @@ template <bool Planar> void priceEach(const Stretch& s, const Pricing& pricing, 
     }
 }
 
-// The smallest nodes, which are most of all, in registers from end to end.
-template <int Count>
-void priceFew(const float* lo, const float* hi, const Pricing& pricing, double limit, Candidate& best) {
-    constexpr int kBlocks = (2 * Count + kLanes - 1) / kLanes;
-    constexpr int kHalf = kLanes / 2;
-    Floats x[kBlocks];
-    Ints left[kBlocks];
-    Ints right[kBlocks];
-    for (int k = 0; k < kBlocks * kLanes; ++k) {
-        const int event = k < 2 * Count ? k : 0;
-        x[k / kLanes][k % kLanes] = event < Count ? lo[event] : hi[event - Count];
-    }
-    for (int b = 0; b < kBlocks; ++b) left[b] = right[b] = Ints{};
-    for (int i = 0; i < Count; ++i) {
-        const Floats start = all(lo[i]);
-        const Floats end = all(hi[i]);
-        for (int b = 0; b < kBlocks; ++b) {
-            left[b] -= start < x[b];
-            right[b] -= end > x[b];
-        }
-    }
-    Doubles price[2 * kBlocks];
-    Doubles place[2 * kBlocks];
-    Doubles least = Doubles{} + DBL_MAX;
-    for (int b = 0; b < 2 * kBlocks; ++b) {
-        Doubles l, r;
-        for (int k = 0; k < kHalf; ++k) {
-            place[b][k] = x[b / 2][b % 2 * kHalf + k];
-            l[k] = left[b / 2][b % 2 * kHalf + k];
-            r[k] = right[b / 2][b % 2 * kHalf + k];
-        }
-        price[b] = l * (place[b] - pricing.min + pricing.rest) + r * (pricing.max - place[b] + pricing.rest);
-        least = price[b] < least ? price[b] : least; // no NaN passes
-    }
-    double cheapest = least[0];
-    for (int k = 1; k < kHalf; ++k) cheapest = least[k] < cheapest ? least[k] : cheapest;
-    if (!(cheapest <= limit) || cheapest == DBL_MAX) return;
-    double lowest = DBL_MAX;
-    for (int b = 0; b < 2 * kBlocks; ++b)
-        for (int k = 0; k < kHalf; ++k)
-            if (price[b][k] == cheapest && place[b][k] < lowest) lowest = place[b][k];
-    best.price = cheapest;
-    best.position = float(lowest);
-    best.left = best.right = 0;
-    for (int i = 0; i < Count; ++i) {
-        best.left += lo[i] < best.position;
-        best.right += hi[i] > best.position;
-    }
-}
-
 // Number of sorted values below x, or up to x.
 int countBelow(const float* sorted, int n, float x, bool orEqual) {
     int lo = 0;
@@ -559,21 +509,6 @@ void sweepAxis(const AxisEvents& events, const Pricing& pricing, double limit, C
     best = Candidate{DBL_MAX, 0, 0, 0, 1};
     const int n = events.count;
     if (n <= kFewReferences && events.inPlane == 0) {
-        const double ceiling = limit * (1 + kSlack);
-        switch (n) {
-        case 2:
-            return priceFew<2>(events.lo, events.hi, pricing, ceiling, best);
-        case 3:
-            return priceFew<3>(events.lo, events.hi, pricing, ceiling, best);
-        case 4:
-            return priceFew<4>(events.lo, events.hi, pricing, ceiling, best);
-        case 5:
-            return priceFew<5>(events.lo, events.hi, pricing, ceiling, best);
-        case 6:
-            return priceFew<6>(events.lo, events.hi, pricing, ceiling, best);
-        default:
-            break;
-        }
         // Read, never written: so few are not sorted.
         priceEach<false>(Stretch{const_cast<float*>(events.lo), n, const_cast<float*>(events.hi), n, nullptr, 0, 0, n},
                          pricing, limit * (1 + kSlack), best);
