@@ -27,7 +27,7 @@ prefix=$work/second
 find "$work/second place" -name '*gtest*' -o -name '*gmock*' | grep . && { echo "test libraries were installed"; exit 1; }
 
 echo "== find_package"
-CFLAGS="$*" CXXFLAGS="$*" "$cmake" -S "$consumer" -B "$work/build" -DCMAKE_C_COMPILER="$cc" \
+CFLAGS="$*" CXXFLAGS="$*" "$cmake" -G Ninja -S "$consumer" -B "$work/build" -DCMAKE_C_COMPILER="$cc" \
     -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_PREFIX_PATH="$prefix" >"$work/log" || { cat "$work/log"; exit 1; }
 "$cmake" --build "$work/build"
 expect "$work/build/consumer_c"
