@@ -160,8 +160,8 @@ private:
     ptrdiff_t step_;
     int parts_;
     int part_, z_, y_, x_;
-    int plane_; // of the current segment
-    int64_t evenSum_, oddSum_;
+    int plane_ = -1; // of the current segment
+    int64_t evenSum_ = 0, oddSum_ = 0;
 };
 
 // The same for the taps whose products wrap.

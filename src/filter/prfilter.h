@@ -127,7 +127,8 @@ inline bool hasDotProducts(Level level) {
 }
 
 inline const FilterKernels& filterKernels(Level level) {
-    return hasDotProducts(level) ? avx512::kFilterDot : pick(level, sse2::kFilter, avx2::kFilter, avx512::kFilter);
+    if (hasDotProducts(level)) return avx512::kFilterDot;
+    return pick(level, sse2::kFilter, avx2::kFilter, avx512::kFilter);
 }
 
 // The worker of zenrFilter_16s_C1PV: plans the call and runs it.

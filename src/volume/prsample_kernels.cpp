@@ -850,6 +850,7 @@ void warpRow(const SampleSource<T>& src, T* dst, int count, double position[3], 
         Run run;
         Interval in = {0, n};
         for (int k = 0; k < 3; ++k) {
+            // cppcheck-suppress uninitvar  // written there
             nextPositions(&position[k], advance[k], n, run.s[k]);
             const Interval axis = insideOf(run.s[k], n, advance[k], src.low[k], src.high[k]);
             in.begin = axis.begin > in.begin ? axis.begin : in.begin;

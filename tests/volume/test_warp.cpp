@@ -807,7 +807,7 @@ TEST(SampleRounding, KnownValues) {
     EXPECT_EQ(at(3, 2), 17);
     EXPECT_EQ(at(1.125f, 6), 22);
     EXPECT_EQ(at(2.125f, 6), 247); // the edge voxel stands in for the one behind it
-    EXPECT_EQ(at(0.75f, 6), 0); // below 0 before it is clamped
+    EXPECT_EQ(at(0.75f, 6), 0);    // below 0 before it is clamped
 }
 
 } // namespace
