@@ -170,6 +170,27 @@ struct OneStep {
 };
 #endif
 
+// Adds a segment's pairs to the sums of a block's even and odd voxels.
+template <class Dot, int Bytes, int Rows>
+static ZENR_INLINE void addPairs(const FilterProgram& program, const FilterSegment& segment, const FilterTile& tile,
+                                 const Block& block, typename Simd<Bytes>::I32 (&even)[Rows],
+                                 typename Simd<Bytes>::I32 (&odd)[Rows]) {
+    typedef Simd<Bytes> S;
+    typedef typename S::I16 I16;
+    const int16_t* plane = tile.planes[segment.plane] + block.source;
+    for (int e = segment.begin; e < segment.end; ++e) {
+        const FilterEntry& entry = program.entry[e];
+        const I16 we = I16(S::all32(entry.even)), wo = I16(S::all32(entry.odd));
+        const int16_t* s = plane + entry.offset;
+#pragma GCC unroll 8
+        for (int r = 0; r < Rows; ++r) {
+            const I16 v = S::loadOnce16(s + r * tile.step);
+            Dot::template add<Bytes>(even[r], v, we);
+            Dot::template add<Bytes>(odd[r], v, wo);
+        }
+    }
+}
+
 template <class Dot> struct NarrowPairs {
     static constexpr bool kSums = true;
     const FilterProgram& program;
@@ -180,23 +201,9 @@ template <class Dot> struct NarrowPairs {
 
     template <int Bytes, int Rows> ZENR_INLINE void run(const Block& block) const {
         typedef Simd<Bytes> S;
-        typedef typename S::I16 I16;
         typename S::I32 even[Rows] = {}, odd[Rows] = {};
-        for (int g = 0; g < program.segmentCount; ++g) {
-            const FilterSegment& segment = program.segment[g];
-            const int16_t* plane = tile.planes[segment.plane] + block.source;
-            for (int e = segment.begin; e < segment.end; ++e) {
-                const FilterEntry& entry = program.entry[e];
-                const I16 we = I16(S::all32(entry.even)), wo = I16(S::all32(entry.odd));
-                const int16_t* s = plane + entry.offset;
-#pragma GCC unroll 8
-                for (int r = 0; r < Rows; ++r) {
-                    const I16 v = S::loadOnce16(s + r * tile.step);
-                    Dot::template add<Bytes>(even[r], v, we);
-                    Dot::template add<Bytes>(odd[r], v, wo);
-                }
-            }
-        }
+        for (int g = 0; g < program.segmentCount; ++g)
+            addPairs<Dot, Bytes, Rows>(program, program.segment[g], tile, block, even, odd);
 #pragma GCC unroll 8
         for (int r = 0; r < Rows; ++r) {
             int32_t* to = sums + block.slot + r * tile.stride;
@@ -222,24 +229,11 @@ template <class Dot> struct WidePairs {
 
     template <int Bytes, int Rows> ZENR_INLINE void run(const Block& block) const {
         typedef Simd<Bytes> S;
-        typedef typename S::I16 I16;
         typedef typename S::I32 I32;
         I32 lowEven[Rows] = {}, lowOdd[Rows] = {}, highEven[Rows] = {}, highOdd[Rows] = {};
         for (int g = 0; g < program.segmentCount; ++g) {
-            const FilterSegment& segment = program.segment[g];
-            const int16_t* plane = tile.planes[segment.plane] + block.source;
             I32 even[Rows] = {}, odd[Rows] = {};
-            for (int e = segment.begin; e < segment.end; ++e) {
-                const FilterEntry& entry = program.entry[e];
-                const I16 we = I16(S::all32(entry.even)), wo = I16(S::all32(entry.odd));
-                const int16_t* s = plane + entry.offset;
-#pragma GCC unroll 8
-                for (int r = 0; r < Rows; ++r) {
-                    const I16 v = S::loadOnce16(s + r * tile.step);
-                    Dot::template add<Bytes>(even[r], v, we);
-                    Dot::template add<Bytes>(odd[r], v, wo);
-                }
-            }
+            addPairs<Dot, Bytes, Rows>(program, program.segment[g], tile, block, even, odd);
             // Before the 32 bits could overflow: the upper halves apart, and everything modulo 2^32.
 #pragma GCC unroll 8
             for (int r = 0; r < Rows; ++r) {
