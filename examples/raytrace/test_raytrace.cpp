@@ -17,15 +17,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "pixels_test.h"
 #include "program_test.h"
-
-#define STB_IMAGE_IMPLEMENTATION
-#define STB_IMAGE_STATIC
-#define STBI_ONLY_PNG
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wunused-function"
-#include <stb/stb_image.h>
-#pragma GCC diagnostic pop
 
 namespace {
 
@@ -207,26 +200,6 @@ TEST_F(Raytrace, FilesAreMergedTriangulatedAndJoined) {
     EXPECT_NE(outcome.out.find("4 triangles, 6 vertices"), std::string::npos) << outcome.out;
 }
 #endif
-
-struct Pixels {
-    int width = 0, height = 0;
-    std::vector<std::array<int, 3>> rgb;
-
-    const std::array<int, 3>& at(int x, int y) const { return rgb[static_cast<size_t>(y) * width + x]; }
-};
-
-Pixels decode(const std::string& png) {
-    Pixels pixels;
-    int channels = 0;
-    unsigned char* data =
-        stbi_load_from_memory(reinterpret_cast<const unsigned char*>(png.data()), static_cast<int>(png.size()),
-                              &pixels.width, &pixels.height, &channels, 3);
-    if (!data) return pixels;
-    for (int i = 0; i < pixels.width * pixels.height; ++i)
-        pixels.rgb.push_back({data[3 * i], data[3 * i + 1], data[3 * i + 2]});
-    stbi_image_free(data);
-    return pixels;
-}
 
 TEST_F(Raytrace, PictureShowsMeshShadowAndReflection) {
     write("m.mesh", Dump().bytes());

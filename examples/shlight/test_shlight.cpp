@@ -6,43 +6,20 @@
 #include <cstring>
 #include <sstream>
 
+#include "pixels_test.h"
 #include "program_test.h"
 
-#define STB_IMAGE_IMPLEMENTATION
-#define STB_IMAGE_STATIC
-#define STBI_ONLY_PNG
-#define STBI_ONLY_HDR
 #define STB_IMAGE_WRITE_IMPLEMENTATION
 #define STB_IMAGE_WRITE_STATIC
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wunused-function"
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-#include <stb/stb_image.h>
 #include <stb/stb_image_write.h>
 #pragma GCC diagnostic pop
 
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
-
-struct Pixels {
-    int width = 0, height = 0;
-    std::vector<std::array<int, 3>> rgb;
-    const std::array<int, 3>& at(int x, int y) const { return rgb[static_cast<size_t>(y) * width + x]; }
-};
-
-Pixels decode(const std::string& png) {
-    Pixels pixels;
-    int channels = 0;
-    unsigned char* data =
-        stbi_load_from_memory(reinterpret_cast<const unsigned char*>(png.data()), static_cast<int>(png.size()),
-                              &pixels.width, &pixels.height, &channels, 3);
-    if (!data) return pixels;
-    for (int i = 0; i < pixels.width * pixels.height; ++i)
-        pixels.rgb.push_back({data[3 * i], data[3 * i + 1], data[3 * i + 2]});
-    stbi_image_free(data);
-    return pixels;
-}
 
 // The report, read back.
 struct Report {
