@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <cfloat>
 #include <cstdio>
-#include <exception>
-#include <new>
 #include <optional>
 
 #include <zencore.h>
@@ -83,13 +81,7 @@ void run(const Options& options) {
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
+    return exitCodeOf("raytrace", [&] {
         if (const std::optional<Options> options = readOptions(argc, argv)) run(*options);
-        return 0;
-    } catch (const std::bad_alloc&) {
-        std::fprintf(stderr, "raytrace: not enough memory\n");
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "raytrace: %s\n", error.what());
-    }
-    return 1;
+    });
 }

@@ -6,8 +6,6 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
-#include <exception>
-#include <new>
 
 #include <omp.h>
 
@@ -135,13 +133,7 @@ void run(const Options& options) {
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
+    return exitCodeOf("shlight", [&] {
         if (const std::optional<Options> options = readOptions(argc, argv)) run(*options);
-        return 0;
-    } catch (const std::bad_alloc&) {
-        std::fprintf(stderr, "shlight: not enough memory\n");
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "shlight: %s\n", error.what());
-    }
-    return 1;
+    });
 }
