@@ -1,0 +1,329 @@
+// Cubic warp and remap: four kernels.
+#pragma once
+#include <immintrin.h>
+
+#include "volume/prsamplechunk.h"
+#include "volume/prsamplevec.h"
+
+namespace zenr {
+namespace ZENR_LEVEL {
+namespace {
+
+// Four neighbours along x, as numbers to sum in.
+typedef float Float4 __attribute__((vector_size(16)));
+typedef double Double4 __attribute__((vector_size(32)));
+inline Float4 load4(const uint8_t* p) {
+    int32_t bytes;
+    __builtin_memcpy(&bytes, p, 4);
+#if defined(__SSE4_1__)
+    return (Float4)_mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(bytes)));
+#else
+    const __m128i zero = _mm_setzero_si128();
+    return (Float4)_mm_cvtepi32_ps(_mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(bytes), zero), zero));
+#endif
+}
+inline Double4 load4(const uint16_t* p) {
+    const __m128i words = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+#if defined(__AVX2__)
+    return (Double4)_mm256_cvtepi32_pd(_mm_cvtepu16_epi32(words));
+#else
+    const __m128i v = _mm_unpacklo_epi16(words, _mm_setzero_si128());
+    const __m128d low = _mm_cvtepi32_pd(v), high = _mm_cvtepi32_pd(_mm_shuffle_epi32(v, 0xEE));
+    return Double4{low[0], low[1], high[0], high[1]};
+#endif
+}
+inline Double4 load4(const float* p) {
+    const __m128 v = _mm_loadu_ps(p);
+#if defined(__AVX2__)
+    return (Double4)_mm256_cvtps_pd(v);
+#else
+    const __m128d low = _mm_cvtps_pd(v), high = _mm_cvtps_pd(_mm_movehl_ps(v, v));
+    return Double4{low[0], low[1], high[0], high[1]};
+#endif
+}
+
+// Weights as polynomials of the fraction. The definition's coefficients are doubles next to these, and its cancellations
+// are others: both together differ by less than 2^-49 for fractions from -1e-7 to 1 (where two weights change branch, but
+// are continuous).
+// Real may be a vector of doubles.
+template <int mode, class Real> inline void weightPolynomials(Real f, Real w[4]) {
+    const Real g = 1 - f;
+    if constexpr (mode == 4) {
+        w[0] = f * g * (f - 2) * (1.0 / 6);
+        w[1] = g * (1 + f) * (1 - 0.5 * f);
+        w[2] = f * (1 + g) * (1 - 0.5 * g);
+        w[3] = f * g * (g - 2) * (1.0 / 6);
+    } else {
+        constexpr double B = mode == 5 ? 1 : mode == 6 ? 0 : 0.5, C = mode == 5 ? 0 : mode == 6 ? 0.5 : 0.3;
+        constexpr double k3 = (12 - 9 * B - 6 * C) / 6, k2 = (-18 + 12 * B + 6 * C) / 6, k0 = (6 - 2 * B) / 6;
+        // The outer branch about t = 2: u = 2 - t.
+        constexpr double o3 = (B + 6 * C) / 6, o2 = -C;
+        w[0] = g * g * (o2 + o3 * g);
+        w[1] = k0 + f * f * (k2 + k3 * f);
+        w[2] = k0 + g * g * (k2 + k3 * g);
+        w[3] = f * f * (o2 + o3 * f);
+    }
+}
+
+constexpr double kWeightError = 1.7763568394002505e-15; // 2^-49
+
+// Cubic weights of a chunk along an axis, each rounded to float. `error` grows by what the roundings leave open: the
+// weights defined differ from these by no more, all four together.
+template <int mode> inline void weighAxis(const double* fraction, double (*w)[kChunk], double* error) {
+    for (int x = 0; x < kChunk; ++x) {
+        const double f = float(fraction[x]);
+        double v[4];
+        weightPolynomials<mode, double>(f, v);
+        // A little before the base voxel the definition takes its branches of distances beyond 1, with other slopes.
+        const double e = kWeightError + (f < 0 ? -2 * f : 0);
+        double open = 0;
+        for (int t = 0; t < 4; ++t) {
+            const float low = float(v[t] - e), high = float(v[t] + e);
+            w[t][x] = low;
+            open += double(high) - double(low);
+        }
+        error[x] += open;
+    }
+}
+
+// The weights of one fraction, as they are defined.
+template <int mode> inline void axisWeights(float f, float w[4]) {
+    double v[4];
+    weightPolynomials<mode, double>(f, v);
+    const double e = kWeightError + (f < 0 ? -2.0 * f : 0);
+    bool open = false;
+    for (int t = 0; t < 4; ++t) {
+        w[t] = float(v[t] - e);
+        open |= w[t] != float(v[t] + e);
+    }
+    if (open)
+        for (int t = 0; t < 4; ++t) w[t] = float(cubicKernel<mode>((t - 1) - (long double)f));
+}
+
+inline Float4 largest(Float4 a, Float4 b) {
+    return (Float4)_mm_max_ps((__m128)a, (__m128)b);
+}
+inline float sizes(const float* p, Float4* most) {
+    const __m128 v = _mm_and_ps(_mm_loadu_ps(p), _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF)));
+    *most = largest((Float4)v, *most);
+    return 0;
+}
+
+template <class T, int mode> struct Cubic {
+    using Real = typename RealOf<T>::Type;
+    using Real4 = decltype(load4((const T*)nullptr));
+    static T value(const SampleSource<T>& src, const double s[3]) { return cubicVoxel<T, mode>(src, s); }
+
+    static void aligned(const SampleSource<T>& src, const Aligned& run, T* dst) {
+        const AxisBase y = axisBase(run.y, src.high[1]), z = axisBase(run.z, src.high[2]);
+        float wy[4], wz[4];
+        axisWeights<mode>(float(y.fraction), wy);
+        axisWeights<mode>(float(z.fraction), wz);
+        const T* row[16];
+        Real weight[16];
+        for (int r = 0; r < 16; ++r) {
+            row[r] = src.planes[kept(z.base - 1 + (r >> 2), src.low[2], src.high[2])] +
+                     kept(y.base - 1 + (r & 3), src.low[1], src.high[1]) * src.step + run.first;
+            weight[r] = Real(wz[r >> 2]) * Real(wy[r & 3]);
+        }
+        alignas(64) Real line[kSpan];
+        alignas(64) float size[kSpan];
+        const Interval in = lineInside(src, run);
+        eachBlock(in, [&](int i) {
+            Real sum = weight[0] * Real(row[0][i]);
+#pragma GCC unroll 16
+            for (int r = 1; r < 16; ++r) sum += weight[r] * Real(row[r][i]);
+            line[i] = sum;
+        });
+        padLine(src, run, line);
+        if constexpr (sizeof(T) == 4) {
+            eachBlock(in, [&](int i) {
+                float most = 0;
+#pragma GCC unroll 16
+                for (int r = 0; r < 16; ++r) most = larger(sizeOf(row[r][i]), most);
+                size[i] = most;
+            });
+            padLine(src, run, size);
+        }
+        eachChunk(run, dst, [&](int x, T* out) {
+            alignas(64) int base[kChunk], doubt[kChunk];
+            alignas(64) double f[kChunk], w[4][kChunk], error[kChunk] = {};
+            alignas(64) Real tap[4][kChunk];
+            alignas(64) float most[kChunk] = {};
+            placeAxis(run.x + x, src.high[0], base, f);
+            weighAxis<mode>(f, w, error);
+            stageDone();
+            for (int i = 0; i < kChunk; ++i) {
+                const int at = base[i] - 1 - run.first;
+                for (int t = 0; t < 4; ++t) tap[t][i] = line[at + t];
+                if constexpr (sizeof(T) == 4)
+                    most[i] = larger(larger(size[at], size[at + 1]), larger(size[at + 2], size[at + 3]));
+            }
+            stageDone();
+            int any = 0;
+            for (int i = 0; i < kChunk; ++i) {
+                const Real sum = (tap[0][i] * Real(w[0][i]) + tap[1][i] * Real(w[1][i])) +
+                                 (tap[2][i] * Real(w[2][i]) + tap[3][i] * Real(w[3][i]));
+                doubt[i] = most[i] > kLargest;
+                out[i] = settled<T>(sum, bound(error[i], most[i]), &doubt[i]);
+                any |= doubt[i];
+            }
+            if (__builtin_expect(any != 0, 0)) redoAligned<Cubic>(src, run, x, doubt, out);
+        });
+    }
+
+    // Weights of a chunk: per axis and tap.
+    struct alignas(64) Weights {
+        double w[3][4][kChunk];
+    };
+
+    // The sum of a voxel whose base is base; the largest of its taps in size for 32f.
+    static Real sum(const SampleSource<T>& src, const int base[3], const Weights& weights, int x, float* most) {
+        ptrdiff_t row[4];
+        const T* const* plane[4];
+        bool edge = false;
+        for (int k = 0; k < 3; ++k) edge |= base[k] - 1 < src.low[k] || base[k] + 2 > src.high[k];
+        for (int t = 0; t < 4; ++t) {
+            const int j = base[1] - 1 + t, k = base[2] - 1 + t;
+            row[t] = (edge ? kept(j, src.low[1], src.high[1]) : j) * src.step;
+            plane[t] = src.planes + (edge ? kept(k, src.low[2], src.high[2]) : k);
+        }
+        const auto splat = [](double v) { return Real4{} + Real(v); };
+        const Real4 wy[4] = {splat(weights.w[1][0][x]), splat(weights.w[1][1][x]), splat(weights.w[1][2][x]),
+                             splat(weights.w[1][3][x])};
+        const Real4 wx = {Real(weights.w[0][0][x]), Real(weights.w[0][1][x]), Real(weights.w[0][2][x]),
+                          Real(weights.w[0][3][x])};
+        Real4 total = {};
+        Float4 size = {};
+        const auto add = [&](auto load) {
+            for (int k = 0; k < 4; ++k) {
+                const T* const p = *plane[k];
+                const Real4 t = wy[0] * load(p + row[0]) + wy[1] * load(p + row[1]) + wy[2] * load(p + row[2]) +
+                                wy[3] * load(p + row[3]);
+                total += t * splat(weights.w[2][k][x]);
+            }
+        };
+        const auto loaded = [&](const T* p) {
+            if constexpr (sizeof(T) == 4) sizes(p, &size);
+            return load4(p);
+        };
+        if (!edge || (base[0] - 1 >= src.low[0] && base[0] + 2 <= src.high[0])) {
+            add([&](const T* p) { return loaded(p + base[0] - 1); });
+        } else {
+            int tap[4];
+            for (int t = 0; t < 4; ++t) tap[t] = kept(base[0] - 1 + t, src.low[0], src.high[0]);
+            add([&](const T* p) {
+                const T taps[4] = {p[tap[0]], p[tap[1]], p[tap[2]], p[tap[3]]};
+                return loaded(taps);
+            });
+        }
+        if constexpr (sizeof(T) == 4) {
+            const float a = size[0] > size[1] ? size[0] : size[1], b = size[2] > size[3] ? size[2] : size[3];
+            *most = a > b ? a : b;
+        }
+        const Real4 v = total * wx;
+        return (v[0] + v[2]) + (v[1] + v[3]);
+    }
+
+    static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
+#if defined(ZENR_LEVEL_avx512)
+        if (chunk16(src, at, out)) return;
+#endif
+        alignas(64) int base[3][kChunk];
+        alignas(64) double f[3][kChunk], error[kChunk] = {};
+        Weights weights;
+        for (int k = 0; k < 3; ++k) {
+            placeAxis(at.s[k], src.high[k], base[k], f[k]);
+            weighAxis<mode>(f[k], weights.w[k], error);
+        }
+        stageDone();
+        alignas(64) Real sums[kChunk];
+        alignas(64) float most[kChunk];
+        for (int x = 0; x < kChunk; ++x) {
+            most[x] = 0;
+            const int b[3] = {base[0][x], base[1][x], base[2][x]};
+            sums[x] = sum(src, b, weights, x, &most[x]);
+        }
+        stageDone();
+        alignas(64) int doubt[kChunk];
+        int any = 0;
+        for (int x = 0; x < kChunk; ++x) {
+            doubt[x] = most[x] > kLargest;
+            out[x] = settled<T>(sums[x], bound(error[x], most[x]), &doubt[x]);
+            any |= doubt[x];
+        }
+        if (__builtin_expect(any != 0, 0)) redo<Cubic>(src, at, maskOf(doubt), out);
+    }
+
+#if defined(ZENR_LEVEL_avx512)
+    // A chunk whose taps all lie inside the box, of a source with regular planes; false, and nothing done, for others.
+    static bool chunk16(const SampleSource<T>& src, const Positions& at, T* out) {
+        if (!src.regular) return false;
+        alignas(64) Real w[3][4][kChunk];
+        alignas(64) int offset[kChunk];
+        unsigned open = 0;
+        __m512i flat = _mm512_setzero_si512();
+        __mmask16 edge = 0;
+        const int steps[3] = {1, int(src.step), src.planeStep}, origin[3] = {0, 0, src.low[2]};
+        for (int k = 0; k < 3; ++k) {
+            const auto placed = place16<Floats16>(at.s[k], src.high[k], kSnap);
+            edge |= _mm512_cmple_epi32_mask(placed.base, _mm512_set1_epi32(src.low[k])) |
+                    _mm512_cmpge_epi32_mask(placed.base, _mm512_set1_epi32(src.high[k] - 1));
+            const __m512i from = _mm512_sub_epi32(placed.base, _mm512_set1_epi32(origin[k] + 1));
+            flat = _mm512_add_epi32(flat, _mm512_mullo_epi32(from, _mm512_set1_epi32(steps[k])));
+            const auto f = Doubles16::of(placed.fraction.v);
+            Double8 low[4], high[4];
+            weightPolynomials<mode>(Double8(f.low), low);
+            weightPolynomials<mode>(Double8(f.high), high);
+            if constexpr (sizeof(T) == 1) {
+                for (int t = 0; t < 4; ++t) _mm512_store_ps(w[k][t], Floats16::of(__m512d(low[t]), __m512d(high[t])).v);
+            } else {
+                for (int t = 0; t < 4; ++t)
+                    open |= unsigned(roundWeights8(__m512d(low[t]), weightError(f.low), w[k][t])) |
+                            unsigned(roundWeights8(__m512d(high[t]), weightError(f.high), w[k][t] + 8)) << 8;
+            }
+        }
+        // Fractions next to 0 leave many weights open; the other way puts up with that.
+        if (edge || __builtin_popcount(open) > 2) return false;
+        _mm512_store_si512(offset, flat);
+        stageDone();
+        alignas(64) Real sums[kChunk];
+        alignas(64) float most[kChunk] = {};
+        const T* const first = src.planes[src.low[2]];
+        for (int x = 0; x < kChunk; ++x) sums[x] = cubicSum(first + offset[x], src.step, src.planeStep, w, x, &most[x]);
+        stageDone();
+        unsigned doubt = open;
+        if constexpr (sizeof(T) == 4) {
+            const __m512 size = _mm512_load_ps(most);
+            const __m512d unit = _mm512_set1_pd(1.4210854715202004e-14); // 2^-46
+            doubt |= settle16(out, {_mm512_load_pd(sums), _mm512_load_pd(sums + 8)},
+                              {_mm512_mul_pd(firstHalf(size), unit), _mm512_mul_pd(secondHalf(size), unit)}, 0);
+            doubt |= _mm512_cmp_ps_mask(size, _mm512_set1_ps(kLargest), _CMP_GT_OQ);
+        } else if constexpr (sizeof(T) == 2) {
+            doubt |= settle16(out, {_mm512_load_pd(sums), _mm512_load_pd(sums + 8)}, all16(2e-9), kHalfUp);
+        } else {
+            doubt |= settle16(out, {_mm512_load_ps(sums)}, all16(1.5e-3f), float(kHalfUp));
+        }
+        if (__builtin_expect(doubt != 0, 0)) redo<Cubic>(src, at, doubt, out);
+        return true;
+    }
+
+    // As weighAxis has it.
+    static __m512d weightError(__m512d f) {
+        const __m512d least = _mm512_set1_pd(kWeightError);
+        return _mm512_max_pd(least, _mm512_sub_pd(least, _mm512_add_pd(f, f)));
+    }
+#endif
+
+    // What settled() needs to know. The sizes of four weights sum to 1.25 at most, so the terms of the sum to twice the
+    // largest tap: 21 roundings, and what is open about the weights.
+    static Real bound(double open, float most) {
+        if constexpr (sizeof(T) == 4) return most * (16 + open * 2.251799813685248e15); // 2^51
+        if constexpr (sizeof(T) == 2) return 2e-9 + open * 131072;
+        return Real(1e-3 + open * 512);
+    }
+};
+
+} // namespace
+} // namespace ZENR_LEVEL
+} // namespace zenr
