@@ -1,4 +1,4 @@
-// volume: resizes, filters, turns and distorts scans (NIfTI or raw) and draws what became of them.
+// volume: resizes, filters, turns and distorts scans (NIfTI, NRRD or raw) and draws what became of them.
 #include <zencore.h>
 
 #include <CLI/CLI.hpp>
@@ -67,8 +67,8 @@ template <class Work> void run(const Options& options, const char* verb, const W
 }
 
 void commonOptions(CLI::App* verb, Options& options) {
-    verb->add_option("input", options.input, "volume to read: .nii, .nii.gz, or raw voxels")->required();
-    verb->add_option("output", options.output, "volume to write: .nii, .nii.gz, or raw voxels");
+    verb->add_option("input", options.input, "volume to read: .nii, .nii.gz, .nrrd, .nhdr, or raw voxels")->required();
+    verb->add_option("output", options.output, "volume to write: .nii, .nii.gz, .nrrd, or raw voxels");
     verb->add_option("--picture", options.picture, "PNG with slices and a projection, before and after");
     verb->add_option("--size", options.size, "size of a raw input, as 181x217x181");
     verb->add_option("--type", options.type, "voxels of a raw input")->check(CLI::IsMember({"8u", "16u", "32f"}));

@@ -14,6 +14,17 @@ protected:
     void write(const std::string& name, const std::string& bytes) const {
         std::ofstream(path("work/" + name), std::ios::binary) << bytes;
     }
+    // Through two files with headers and back; and half a file is refused.
+    void keepsVoxels(const std::string& first, const std::string& second) {
+        write("in.raw", ramp(20, 18, 17));
+        ASSERT_EQ(run("resize in.raw " + first + " --size 20x18x17 --factor 1").code, 0);
+        ASSERT_EQ(run("resize " + first + " " + second + " --factor 1").code, 0);
+        ASSERT_EQ(run("resize " + second + " c.raw --factor 1").code, 0);
+        EXPECT_EQ(slurp(path("work/c.raw")), ramp(20, 18, 17));
+        const std::string whole = slurp(path("work/" + second));
+        write("broken." + second, whole.substr(0, std::min<size_t>(500, whole.size() / 2)));
+        expectRefused("resize broken." + second + " out.raw --factor 1", "broken." + second);
+    }
 };
 
 } // namespace
@@ -125,15 +136,56 @@ TEST_F(VolumeProgram, RemapsByAFieldAndByATwist) {
 
 #ifdef VOLUME_WITH_NIFTI
 TEST_F(VolumeProgram, NiftiKeepsVoxelsAndPlace) {
-    write("in.raw", ramp(20, 18, 17));
-    ASSERT_EQ(run("resize in.raw a.nii.gz --size 20x18x17 --factor 1").code, 0);
-    ASSERT_EQ(run("resize a.nii.gz b.nii --factor 1").code, 0);
-    ASSERT_EQ(run("resize b.nii c.raw --factor 1").code, 0);
-    EXPECT_EQ(slurp(path("work/c.raw")), ramp(20, 18, 17));
-    write("broken.nii", slurp(path("work/b.nii")).substr(0, 500));
-    expectRefused("resize broken.nii out.raw --factor 1", "broken.nii");
+    keepsVoxels("a.nii.gz", "b.nii");
     write("text.nii", "this is no scan");
     expectRefused("resize text.nii out.raw --factor 1", "text.nii");
+}
+#endif
+
+#ifdef VOLUME_WITH_NRRD
+TEST_F(VolumeProgram, NrrdKeepsVoxelsAndPlace) {
+    keepsVoxels("a.nrrd", "b.nrrd");
+    write("text.nrrd", "this is no scan");
+    expectRefused("resize text.nrrd out.raw --factor 1", "text.nrrd");
+}
+
+TEST_F(VolumeProgram, NrrdHeadersAsOthersWriteThem) {
+    // Two bytes a voxel, the high one first, beside the header.
+    write("in.raw", ramp(20, 18, 17));
+    std::string wide;
+    for (const char c : ramp(20, 18, 17)) wide += std::string("\x01", 1) + c;
+    write("wide.bin", wide);
+    const auto header = [](const std::string& rest) {
+        return "NRRD0004\ndimension: 3\nsizes: 20 18 17\nencoding: raw\n" + rest;
+    };
+    write("wide.nhdr", header("type: unsigned short\nendian: big\nspacings: 1 1 2.5\ndata file: wide.bin\n"));
+    ASSERT_EQ(run("resize wide.nhdr out.raw --factor 1").code, 0);
+    const std::string out = slurp(path("work/out.raw"));
+    ASSERT_EQ(out.size(), wide.size());
+    for (size_t i = 0; i < out.size(); i += 2) {
+        ASSERT_EQ(out[i], wide[i + 1]);
+        ASSERT_EQ(out[i + 1], '\x01');
+    }
+    // The spacings become the directions of axes; those of the other two sides are turned round.
+    ASSERT_EQ(run("resize wide.nhdr out.nrrd --factor 1").code, 0);
+    EXPECT_NE(slurp(path("work/out.nrrd")).find("space directions: (1,0,0) (0,1,0) (0,0,2.5)\n"), std::string::npos);
+    write("turned.nrrd",
+          header("type: unsigned char\nspace: left-posterior-superior\nspace directions: (2,0,0) (0,3,0) "
+                 "(0,0,4)\nspace origin: (5,6,7)\n\n") +
+              ramp(20, 18, 17));
+    ASSERT_EQ(run("resize turned.nrrd out.nrrd --factor 1").code, 0);
+    const std::string turned = slurp(path("work/out.nrrd"));
+    EXPECT_NE(turned.find("space: right-anterior-superior\n"), std::string::npos);
+    EXPECT_NE(turned.find("space directions: (-2,0,0) (0,-3,0) (0,0,4)\n"), std::string::npos);
+    EXPECT_NE(turned.find("space origin: (-5,-6,7)\n"), std::string::npos);
+
+    write("four.nrrd", "NRRD0004\ntype: float\ndimension: 4\nsizes: 1 1 1 1\nencoding: raw\nendian: little\n\n1234");
+    expectRefused("resize four.nrrd out.raw --factor 1", "four.nrrd");
+    write("blocks.nrrd", "NRRD0004\ntype: block\nblock size: 2\ndimension: 3\nsizes: 1 1 1\nencoding: raw\n\n12");
+    expectRefused("resize blocks.nrrd out.raw --factor 1", "blocks.nrrd");
+    write("lost.nhdr", header("type: unsigned char\ndata file: lost.bin\n"));
+    expectRefused("resize lost.nhdr out.raw --factor 1", "lost.nhdr");
+    expectRefused("resize turned.nrrd out.nhdr --factor 1", "out.nhdr");
 }
 #endif
 

@@ -29,8 +29,8 @@ struct Volume {
     float value(size_t i) const;
 };
 
-// Reads .nii and .nii.gz (where the program was built with NIfTI support); anything else is raw voxels in this
-// machine's byte order and needs size and type.
+// Reads files with headers by their names (format.h); anything else is raw voxels in this machine's byte order and needs
+// size and type.
 struct RawFormat {
     int width = 0, height = 0, depth = 0;
     Voxel type = Voxel::u8;
