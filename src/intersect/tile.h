@@ -11,6 +11,7 @@
 #include <stdint.h>
 
 #include "intersect/constants.h"
+#include "intersect/few.h"
 #include "intersect/lanes.h"
 #include "kdtree/kdtree.h"
 #include "zenr.h"
@@ -301,6 +302,12 @@ ZENR_INLINE void prefetchBelow(const ZenrKDTreeNode* node, const ZenrTriangleAcc
     __builtin_prefetch(at);
 }
 
+// Whether a leaf's triangles are better taken side by side than its rays; where both are as good is flat.
+template <class Set> ZENR_INLINE bool fewFor(Set rays, int triangles) {
+    const int n = sizeof rays > 4 ? __builtin_popcountll(rays) : __builtin_popcount(uint32_t(rays));
+    return kFewRaysPay && n <= triangles + 6;
+}
+
 constexpr int kBatch = 8; // triangles that the quick test takes at a time
 
 // The triangles of a leaf in list order; returns the rays whose search ends here.
@@ -332,6 +339,13 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
         for (int i = 0; i < batch; ++i) {
             __builtin_prefetch(&accel[list[i]].axes);
             __builtin_prefetch(&accel[list[i]].e1B);
+        }
+        if (fewFor(active, batch)) {
+            for (int i = 0; i < batch && active; i += kHalf)
+                active &= ~testRow<Search>(list + i, batch - i < kHalf ? batch - i : kHalf, accel, tile, active);
+            if (!active) break;
+            list += batch;
+            continue;
         }
         constexpr bool kQuick = !Search::kOwnOrigins || T::kRays > 16;
         for (int i = 0; kQuick && i < batch; ++i) {
