@@ -99,13 +99,23 @@ inline float guardThreshold(float bound) {
 ZENR_INLINE unsigned lanes16(__m256 low, __m256 high) {
     return unsigned(_mm256_movemask_ps(low)) | unsigned(_mm256_movemask_ps(high)) << 8;
 }
-// True when n voxels, eight or more, are 0.
+// True when n values are 0; none but those are read.
 ZENR_INLINE bool zeroRun(const float* v, int n) {
+    if (n < 8) {
+        bool zero = true;
+        for (int i = 0; i < n; ++i) zero &= v[i] == 0;
+        return zero;
+    }
     __m256 any = _mm256_setzero_ps();
     for (int i = 0; i < n; i += 8) any = _mm256_or_ps(any, _mm256_loadu_ps(v + (n - i < 8 ? n - 8 : i)));
     return _mm256_testz_si256(_mm256_castps_si256(any), _mm256_set1_epi32(0x7FFFFFFF));
 }
 ZENR_INLINE bool zeroRun(const double* v, int n) {
+    if (n < 4) {
+        bool zero = true;
+        for (int i = 0; i < n; ++i) zero &= v[i] == 0;
+        return zero;
+    }
     __m256d any = _mm256_setzero_pd();
     for (int i = 0; i < n; i += 4) any = _mm256_or_pd(any, _mm256_loadu_pd(v + (n - i < 4 ? n - 4 : i)));
     return _mm256_testz_si256(_mm256_castpd_si256(any), _mm256_set1_epi64x(0x7FFFFFFFFFFFFFFF));

@@ -7,7 +7,7 @@ namespace zenr {
 namespace ZENR_LEVEL {
 namespace {
 
-constexpr int kChunk = 16;
+inline constexpr int kChunk = 16;
 
 // Positions of a chunk: kChunk numbers an axis, all inside the box.
 struct Positions {
@@ -39,10 +39,10 @@ template <> inline float settled<float, double>(double sum, double size, int* do
 }
 
 // With infinite taps a weight decides between infinity and NaN by being 0 or next to it.
-constexpr float kLargest = 3.4028234663852886e38f;
+inline constexpr float kLargest = 3.4028234663852886e38f;
 
 // Voxels by the definition: those of a mask.
-constexpr unsigned kAll = (1u << kChunk) - 1;
+inline constexpr unsigned kAll = (1u << kChunk) - 1;
 template <class Policy, class T>
 __attribute__((noinline)) void redo(const SampleSource<T>& src, const Positions& at, unsigned mask, T* out) {
     for (; mask; mask &= mask - 1) {
@@ -66,7 +66,7 @@ struct Interval {
 // The rows that a run takes part in are combined into one line first, each of its voxels once; then the line is
 // interpolated along x. Sums are those of a chunk in another order, with as many roundings.
 
-constexpr int kSpan = 192; // voxels of a line; runs that span more go through chunks
+inline constexpr int kSpan = 192; // voxels of a line; runs that span more go through chunks
 
 // A run: x positions (padded to whole chunks by repetition) and the place of the line.
 struct Aligned {

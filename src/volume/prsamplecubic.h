@@ -65,7 +65,7 @@ template <int mode, class Real> inline void weightPolynomials(Real f, Real w[4])
     }
 }
 
-constexpr double kWeightError = 1.7763568394002505e-15; // 2^-49
+inline constexpr double kWeightError = 1.7763568394002505e-15; // 2^-49
 
 // Cubic weights of a chunk along an axis, each rounded to float. `error` grows by what the roundings leave open: the
 // weights defined differ from these by no more, all four together.

@@ -16,10 +16,10 @@ template <class T> inline bool inside(const SampleSource<T>& src, const double s
 }
 
 // Half-way values and those up to 1e-7 below them round up: the constant is not 0.5 on purpose.
-constexpr double kHalfUp = 0.5000001;
+inline constexpr double kHalfUp = 0.5000001;
 
 // What lies this close below a whole position counts as that position.
-constexpr double kSnap = 1e-7;
+inline constexpr double kSnap = 1e-7;
 
 // The voxel at or before a position of an axis, and how far behind it. At the last voxel the one before it is the base,
 // with all weight on the last.

@@ -323,6 +323,24 @@ TEST(ResizeRounding, FixedPointStages) {
     EXPECT_EQ(weightQ14(0.49999997f / 16384), 0);
 }
 
+// Columns that share their few taps: zeros at a row's first voxel, where nothing may be read before it.
+TYPED_TEST(Resize, RowsShorterThanARegister) {
+    using T = TypeParam;
+    for (int width = 1; width < 12; ++width)
+        for (int factor : {3, 20})
+            for (int mode : kModes) {
+                const ZenrVolume v = {width, 2, 2}, w = {width * factor, 2, 2};
+                TestVolume<T> src(v, 0, false, false, Guarded<T>::atStart);
+                TestVolume<T> dst(w, 0, false, false, Guarded<T>::atStart);
+                for (size_t i = 0; i < src.memory().size(); ++i)
+                    src.memory()[i] = int(i) % width == width - 1 ? T(1.3) : T(0);
+                const double along = factor;
+                const Arguments a = {{0, 0, 0, width, 2, 2}, {0, 0, 0, w.width, 2, 2}, {along, 1, 1}, {}, mode};
+                checkCase(src, dst, a, true, {1}, 0);
+                if (this->HasFatalFailure()) FAIL();
+            }
+}
+
 TEST(ResizeBufSize, FormulaTimesThreads) {
     zenrtest::Floats r(8);
     for (int round = 0; round < 300; ++round) {
