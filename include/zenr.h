@@ -344,9 +344,9 @@ ZenStatus zenrFilterGetBufSize(ZenrVolume dstVolume, ZenrVolume kernelVolume, in
  *   divisor            not 0
  *   pBuffer            not used, may be null
  * There is no border: the source must exist from anchor - (kernel size - 1) to anchor + (region size - 1) on each axis,
- * so pSrc and its planes may have to be indexed below 0. The result is not defined where source and destination
- * overlap: voxels are not computed in a promised order. Neither the steps, the anchor, the plane pointers nor pBuffer
- * are checked. Runs on the calling thread and allocates nothing; the stack it needs stays below 128 KiB.
+ * so pSrc and its planes may have to be indexed below 0. Where source and destination overlap, each voxel is stored before
+ * the next is computed: along x, then y, then z; that takes several times as long. Neither the steps, the anchor, the
+ * plane pointers nor pBuffer are checked. Runs on the calling thread and allocates nothing; the stack it needs stays below 128 KiB.
  * Statuses, in check order:
  *   zenStsNullPtrErr  pSrc, pDst, pKernel null
  *   zenStsSizeErr     a size below 1; divisor 0 or -2147483648 */

@@ -550,6 +550,48 @@ static ZENR_OWN_FRAME void filterNarrowBest(const FilterKernels& kernels, const 
         filterNarrow(kernels, job, k, division);
 }
 
+// ---- Sources that are overwritten ----------------------------------------------------------------------------------
+
+// Addresses from the first to behind the last byte.
+struct Extent {
+    uintptr_t begin, end;
+
+    bool meets(const Extent& other) const { return begin < other.end && other.begin < end; }
+    void include(const Extent& other) {
+        if (other.begin < begin) begin = other.begin;
+        if (other.end > end) end = other.end;
+    }
+};
+
+static Extent extentOf(const int16_t* first, ptrdiff_t step, int64_t width, int64_t rows) {
+    const uintptr_t top = uintptr_t(first), bottom = top + uintptr_t(step * ptrdiff_t(rows - 1)) * sizeof *first;
+    return {step < 0 ? bottom : top, (step < 0 ? top : bottom) + uintptr_t(width) * sizeof *first};
+}
+static Extent sourceExtent(const FilterJob& job, int64_t z) {
+    return extentOf(job.src[z] + job.srcOrigin, job.srcStep, int64_t(job.size.width) + job.kernelSize.width - 1,
+                    int64_t(job.size.height) + job.kernelSize.height - 1);
+}
+static Extent targetExtent(const FilterJob& job, int64_t z) {
+    return extentOf(job.dst[z], job.dstStep, job.size.width, job.size.height);
+}
+
+// Whether the source may hold voxels that the call writes: whether planes of both meet. Planes of narrow regions that
+// lie beside each other in one larger volume count as meeting, which costs their caller time only.
+static bool overlaps(const FilterJob& job) {
+    const int64_t planes = int64_t(job.size.depth) + job.kernelSize.depth - 1;
+    Extent source = sourceExtent(job, 0), target = targetExtent(job, 0);
+    for (int64_t z = 1; z < planes; ++z) source.include(sourceExtent(job, z));
+    for (int64_t z = 1; z < job.size.depth; ++z) target.include(targetExtent(job, z));
+    if (!source.meets(target)) return false;
+    for (int64_t d = 0; d < job.size.depth; ++d) {
+        const Extent written = targetExtent(job, d);
+        if (!written.meets(source)) continue;
+        for (int64_t s = 0; s < planes; ++s)
+            if (written.meets(sourceExtent(job, s))) return true;
+    }
+    return false;
+}
+
 void ownFilter(const FilterKernels& kernels, const FilterJob& job) {
     const Weights weights = mirrored(job);
     // Terms that a wide sum may have, so that neither of its words overflows: a tap has at most three parts, and every
@@ -558,7 +600,9 @@ void ownFilter(const FilterKernels& kernels, const FilterJob& job) {
     constexpr int64_t kWideTaps = 65535 / 6;
     const Counts counts = countWeights(weights);
 
-    if (job.size.width < 8)
+    if (overlaps(job))
+        kernels.inOrder(job);
+    else if (job.size.width < 8)
         kernels.plain(job);
     else if (counts.sum <= kNarrowSum)
         filterNarrowBest(kernels, job, weights, planDivision(job.divisor, counts.sum * 32768));

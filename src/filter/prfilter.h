@@ -8,6 +8,7 @@
 //   factored  narrow, and the kernel is a product of vectors, or of a vector and a plane: passes of lower dimension.
 //             32-bit arithmetic wraps in between, but the sum at the end fits
 //   plain     what is left: volumes narrower than a register, and kernels beyond the counts of the wide sums
+//   in order  destinations that overlap the source: voxel after voxel, because later ones may read earlier ones
 //
 // The volume is walked in tiles whose sums stay in the first-level cache. A tile's sums are kept in blocks of one
 // vector of voxels (`lanes`): the sums of its even voxels, then those of its odd ones, as the multiply-add of pairs
@@ -108,6 +109,8 @@ struct FilterKernels {
     void (*finishWide)(const FilterDivision& division, const FilterTile& tile, const int32_t* low, const int32_t* high);
     // The whole job by plain loops over rows, in 64 bits: for any kernel and any width.
     void (*plain)(const FilterJob& job);
+    // The same, each voxel stored before the next is computed.
+    void (*inOrder)(const FilterJob& job);
 };
 
 namespace sse2 {

@@ -404,8 +404,8 @@ static inline int16_t quotient(int64_t sum, double divisor) {
     return int16_t(t > 32767 ? 32767 : t < -32768 ? -32768 : t);
 }
 
-static void plain(const FilterJob& job) {
-    constexpr int kColumns = 256;
+// Voxels of a row kColumns at a time: a job whose destination overlaps its source takes one.
+template <int kColumns> static void plain(const FilterJob& job) {
     const ZenrVolume& k = job.kernelSize;
     for (int z = 0; z < job.size.depth; ++z)
         for (int y = 0; y < job.size.height; ++y)
@@ -437,7 +437,7 @@ constexpr int kMultiplyCost = 6; // two multiplications to 64 bits, and shuffles
 
 template <class Dot> constexpr FilterKernels tableWith() {
     return {kSimdBytes / 2, kMultiplyCost, narrowPairs<Dot>, widePairs<Dot>, wideSingles,
-            combine,        finishNarrow,  finishWide,       plain};
+            combine,        finishNarrow,  finishWide,       plain<256>,     plain<1>};
 }
 
 const FilterKernels kFilter = tableWith<TwoSteps>();

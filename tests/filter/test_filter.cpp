@@ -296,6 +296,82 @@ TEST(Filter, AnchorsAnywhere) {
     }
 }
 
+// Source and destination in one block, the destination moved against the source in any direction: voxels that were
+// written are read again.
+TEST(Filter, OverlapInTheOrderOfVoxels) {
+    for (int i = 0; i < rounds(200); ++i) {
+        const FilterShape s{uniform(1, 3), uniform(1, 3), uniform(1, 3), uniform(0, 2), uniform(0, 2), uniform(0, 2)};
+        const int w = uniform(1, 70), h = uniform(1, 9), d = uniform(1, 4);
+        const int step = w + 8, rows = h + 8, planes = d + 8;
+        std::vector<int32_t> kernel(size_t(s.kw) * s.kh * s.kd);
+        for (int32_t& k : kernel) k = i % 3 ? uniform(-9, 9) : uniform(-INT_MAX, INT_MAX);
+        std::vector<int16_t> before(size_t(step) * rows * planes);
+        for (int16_t& v : before) v = int16_t(uniform(-32768, 32767));
+        const int move[3] = {i < 20 ? 0 : uniform(-2, 2), i < 20 ? 0 : uniform(-2, 2), i < 20 ? 0 : uniform(-2, 2)};
+        const int32_t divisor = someDivisor();
+        const bool up = uniform(0, 1);
+        // The planes of a block, as the source and as the destination.
+        struct Planes {
+            std::vector<int16_t> block;
+            std::vector<const int16_t*> src;
+            std::vector<int16_t*> dst;
+            Planes(const std::vector<int16_t>& b, int step, int rows, bool up, const int (&move)[3]) : block(b) {
+                const size_t plane = size_t(step) * rows;
+                const int along = up ? -step : step;
+                for (size_t z = 0; z < block.size() / plane; ++z) {
+                    int16_t* const first = block.data() + z * plane + (up ? rows - 5 : 4) * long(step) + 4;
+                    src.push_back(first);
+                    const size_t to = z + size_t(move[2]);
+                    if (to < block.size() / plane)
+                        dst.push_back(block.data() + to * plane + (up ? rows - 5 : 4) * long(step) + 4 +
+                                      move[1] * long(along) + move[0]);
+                    else
+                        dst.push_back(nullptr);
+                }
+            }
+        };
+        const int stepUp = up ? -step : step;
+        Planes expected(before, step, rows, up, move);
+        for (int z = 0; z < d; ++z)
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x)
+                    expected.dst[size_t(z + 4)][long(y) * stepUp + x] = zenrref::divideFiltered(
+                        zenrref::filteredSum(expected.src.data() + 4, stepUp, kernel.data(), s, x, y, z), divisor);
+        const ZenrVolume size = {w, h, d}, kernelSize = {s.kw, s.kh, s.kd};
+        Planes exported(before, step, rows, up, move);
+        ASSERT_EQ(zenrFilter_16s_C1PV(exported.src.data() + 4, stepUp * 2, exported.dst.data() + 4, stepUp * 2, size,
+                                      kernel.data(), kernelSize, {s.ax, s.ay, s.az}, divisor, nullptr),
+                  zenStsNoErr);
+        ASSERT_EQ(exported.block, expected.block) << i;
+        for (const auto& table : zenrtest::filterTables()) {
+            Planes got(before, step, rows, up, move);
+            zenr::WideScope scope(table.level);
+            zenr::ownFilter(table.kernels,
+                            zenr::ownFilterJob(got.src.data() + 4, stepUp * 2, got.dst.data() + 4, stepUp * 2, size,
+                                               kernel.data(), kernelSize, {s.ax, s.ay, s.az}, divisor));
+            ASSERT_EQ(got.block, expected.block) << table.name << " " << i;
+        }
+    }
+}
+
+// Planes of source and destination that take turns in memory without touching keep the fast paths' results.
+TEST(Filter, PlanesThatTakeTurnsInMemory) {
+    std::vector<int16_t> block(size_t(2) * 6 * 10 * 40);
+    for (int16_t& v : block) v = int16_t(uniform(-32768, 32767));
+    const int16_t* src[6];
+    int16_t* dst[4];
+    for (int z = 0; z < 6; ++z) src[z] = block.data() + size_t(2 * z) * 400;
+    for (int z = 0; z < 4; ++z) dst[z] = block.data() + size_t(2 * z + 1) * 400;
+    const int32_t kernel[27] = {1, 2, 3, -4, 5, 6, 7, 8, 9, 1, -1, 1, 2, -2, 2, 3, 3, 3, 4, 4, 4, 5, 5, 5, 6, -6, 6};
+    const FilterShape shape{3, 3, 3, 2, 2, 2};
+    ASSERT_EQ(zenrFilter_16s_C1PV(src, 80, dst, 80, {38, 8, 4}, kernel, {3, 3, 3}, {2, 2, 2}, 9, nullptr), zenStsNoErr);
+    for (int z = 0; z < 4; ++z)
+        for (int y = 0; y < 8; ++y)
+            for (int x = 0; x < 38; ++x)
+                ASSERT_EQ(dst[z][y * 40 + x],
+                          zenrref::divideFiltered(zenrref::filteredSum(src, 40, kernel, shape, x, y, z), 9));
+}
+
 // ---- All paths -----------------------------------------------------------------------------------------------------
 
 // All 3^8 kernels of 2 x 2 x 2 from {-1, 0, 1}, and all of 4 x 1 x 1 and 3 x 2 x 1 from {-2, 0, 1}.
