@@ -8,17 +8,24 @@ Y(l, +m) = N(l,m) * Q(l,m)(z) * Re (x + iy)^m and Y(l, -m) with Im, where Q(l,m)
 polynomial of degree l and N(l,m) = (-1)^m sqrt((2 - [m=0]) (2l+1)/(4 pi) (l-m)!/(l+m)!). Coefficients of Q are exact
 fractions; N*Q's are rounded to double once, from 80 digits.
 """
+import math
+import re
+import struct
 import sys
 from decimal import Decimal, getcontext
 from fractions import Fraction
 from math import factorial
-import struct
 
 getcontext().prec = 80
 MAX_BAND = 15
-# Up to this degree in z a polynomial in z^2 costs no more multiplications than the two-term recurrence, and does not
-# wait for the band below.
-MAX_HORNER = 6
+# Up to this degree in z a polynomial in z^2 costs no more than the two-term recurrence, and does not wait for the band
+# below.
+MAX_HORNER = 4
+# A polynomial is evaluated in float where its value, every rounding at its worst, stays within so many units in the
+# last place of its band's largest value.
+FLOAT_ULPS = 1.95
+# So many columns are evaluated side by side: one alone would wait for its own results.
+COLUMNS = 4
 
 
 def arccot(n):
@@ -82,14 +89,14 @@ def text(x):
     return s
 
 
-def horner(coefficients, odd):
+def horner(coefficients, odd, number=text, t="t", z="z"):
     """The expression in t = z^2 (and one factor z when odd)."""
-    e = text(coefficients[0])
+    e = number(coefficients[0])
     for i, c in enumerate(coefficients[1:]):
-        e = ("%s * t" if i == 0 else "(%s) * t") % e + (" - " if c < 0 else " + ") + text(abs(c))
+        e = ("%s * %s" if i == 0 else "(%s) * %s") % (e, t) + (" - " if c < 0 else " + ") + number(abs(c))
     if not odd:
         return e
-    return ("(%s) * z" if len(coefficients) > 1 else "%s * z") % e
+    return ("(%s) * %s" if len(coefficients) > 1 else "%s * %s") % (e, z)
 
 
 def recurrence_factors(l, m):
@@ -98,67 +105,137 @@ def recurrence_factors(l, m):
     return to_double(a), to_double(b)
 
 
-def value_lines(l, m, name, expression, base, powers, powers_follow):
-    """Evaluates one P(l,m) and hands out its one or two values; base: index of Y(l, 0)."""
-    d = l - m
-    if d == 0 and m > 0:
-        k = text(horner_coefficients(l, m)[0])
-        lines = ["    out(%d, narrow(%s * c));" % (base + m, k), "    out(%d, narrow(%s * s));" % (base - m, k)]
-        return lines + (["    const auto cf = narrow(c), sf = narrow(s);"] if powers_follow else [])
-    if m == 0:
-        return ["    const V %s = %s;" % (name, expression), "    out(%d, narrow(%s));" % (base, name)]
-    return ["    const V %s = %s;" % (name, expression), "    const auto f%s = narrow(%s);" % (name, name),
-            "    out(%d, f%s * %s);" % (base + m, name, powers[0]), "    out(%d, f%s * %s);" % (base - m, name, powers[1])]
+def to_float(x):
+    return struct.unpack("<f", struct.pack("<f", x))[0]
+
+
+def float_text(x):
+    return text(to_float(x)) + "f"
+
+
+def half_ulp(v):
+    """The largest error of rounding a value of this size to float."""
+    return math.ldexp(1, math.frexp(v)[1] - 25) if v else 0.0
+
+
+def float_error(l, m):
+    """What Y(l, +-m) may be off when all but z^2 and (x + iy)^m is float, in ulps of the band's largest value."""
+    coefficients = horner_coefficients(l, m)
+    largest = math.sqrt((2 * l + 1) / (4 * math.pi))
+    worst = 0
+    for i in range(1001):
+        z = i / 1000
+        t = z * z
+        radius = (1 - t) ** (m / 2)
+        p = to_float(coefficients[0])
+        error = abs(p - coefficients[0])
+        for c in coefficients[1:]:
+            error = error * t + abs(p) * half_ulp(t) + half_ulp(p * t) + abs(to_float(c) - c)
+            p = p * t + to_float(c)
+            error += half_ulp(p)
+        if (l - m) % 2:
+            p *= z
+            error = error * z + half_ulp(p)
+        error = error * radius + half_ulp(p * radius) + (abs(p) * half_ulp(radius) if m > 1 else 0)
+        worst = max(worst, error)
+    return worst / (2 * half_ulp(largest))
+
+
+def in_float(l, m):
+    # (A bound of degree 3 that passes by luck is not worth an exception.)
+    return m > 0 and l - m <= 2 and float_error(l, m) <= FLOAT_ULPS
 
 
 def c0_as_float():
     return struct.unpack("<f", struct.pack("<f", to_double(norm(0, 0))))[0]
 
 
-def column(m):
-    """Values of +m and -m for all bands from m up to the caller's order."""
-    arguments = "int L, V z, V t, Out out" if m == 0 else "int L, V c, V s, V z, V t, Out out"
-    if m == MAX_BAND - 1:
-        arguments = "int L, V c, V s, V z, Out out"
-    if m == MAX_BAND:
-        arguments = "V c, V s, Out out"
-    lines = ["template <class V, class Out> ZENR_SH_INLINE void shColumn%d(%s) {" % (m, arguments)]
-    for l in range(m, MAX_BAND + 1):
-        d = l - m
-        if m == 0 and l == 0:
-            lines.append("    out(0, narrow(splat<V>(%s)));" % text(c0_as_float()))
+def value_lines(l, m):
+    """Evaluates the polynomial in z of one (l, m) and hands out its one or two values."""
+    d, base = l - m, l * l + l
+    coefficients = horner_coefficients(l, m)
+    name = "p%d_%d" % (l, m)
+    if l == 0:
+        return ["out.zonal(0, splatLike(zf, %s));" % float_text(c0_as_float())]
+    lines = []
+    single = in_float(l, m)
+    # The recurrence begins with the two highest degrees that are evaluated directly.
+    followed = d >= MAX_HORNER - 1 and l < MAX_BAND
+    if not single or followed:
+        if d <= MAX_HORNER:
+            expression = horner(coefficients, d % 2)
         else:
-            if d <= MAX_HORNER:
-                expression = horner(horner_coefficients(l, m), d % 2)
-            else:
-                expression = "%s * z * p%d - %s * p%d" % (
-                    text(recurrence_factors(l, m)[0]), l - 1, text(-recurrence_factors(l, m)[1]), l - 2)
-            lines += value_lines(l, m, "p%d" % l, expression, l * l + l, ("cf", "sf"), m < MAX_BAND)
+            a, b = recurrence_factors(l, m)
+            expression = "%s * z * p%d_%d - %s * p%d_%d" % (text(a), l - 1, m, text(-b), l - 2, m)
+        lines.append("const V %s = %s;" % (name, expression))
+    if m == 0:
+        return lines + ["out.zonal(%d, narrow(%s));" % (base, name)]
+    factor = "narrow(%s)" % name
+    if single:
+        factor = horner(coefficients, d % 2, float_text, "tf", "zf")
+        if d == 0:
+            lines.append("const auto e%d = out.powers(%s);" % (m, "xf, yf" if m == 1 else "narrow(c%d), narrow(s%d)" % (m, m)))
+            return lines + ["out.sectoral(%d, %d, %s, e%d);" % (base + m, base - m, factor, m)]
+    return lines + ["out.pair(%d, %d, %s, e%d);" % (base + m, base - m, factor, m)]
+
+
+def power_line(m):
+    """(x + iy)^m from lower powers; a square takes fewer multiplications than a product."""
+    if m % 2 == 0:
+        h = m // 2
+        return "const V c%d = (c%d - s%d) * (c%d + s%d), s%d = (c%d + c%d) * s%d;" % (m, h, h, h, h, m, h, h, h)
+    return "const V c%d = x * c%d - y * s%d, s%d = x * s%d + y * c%d;" % (m, m - 1, m - 1, m, m - 1, m - 1)
+
+
+def columns(first):
+    """Values of +m and -m for a few m from `first` on, and all bands up to the caller's order."""
+    ms = range(first, first + COLUMNS)
+    powers = [m for m in ms if m > 0]
+    lines = ["template <class V, class F, class Out>",
+             "ZENR_SH_INLINE void shColumns%d(int L, V z, V t, F zf, F tf, %sOut out) {"
+             % (first, "F xf, F yf, " if first == 0 else ""),
+             ]
+    lines[1] = "ZENR_SH_INLINE void shColumns%d(int L, V z, V t, F zf, F tf, %sOut out) {" % (
+        first, "".join("F xf, F yf, " if m == 1 else "V c%d, V s%d, " % (m, m) for m in powers))
+    body = []
+    for l in range(first, MAX_BAND + 1):
+        for m in ms:
+            if m <= l:
+                body += value_lines(l, m)
         if l < MAX_BAND:
-            lines.append("    if (L == %d) return;" % l)
-    return lines + ["}", ""]
+            body.append("if (L == %d) return;" % l)
+    used = "\n".join(body)
+    for name in ("z", "t", "zf", "tf"):
+        if not re.search(r"\b%s\b" % name, used):
+            body.insert(0, "(void)%s;" % name)
+    return lines + ["    " + b for b in body] + ["}", ""]
 
 
 def band(l):
     """The 2l+1 values of band l alone."""
-    unused = [n for n in ("x", "y") if l == 0] + [n for n in ("z",) if l == 0]
     lines = ["template <> struct ShBand<%d> {" % l,
              "    template <class V, class Out> static ZENR_SH_INLINE void values(V x, V y, V z, Out out) {"]
     body = []
     if l == 0:
-        body += ["    (void)%s;" % n for n in unused]
-        body.append("    out(0, narrow(splat<V>(%s)));" % text(c0_as_float()))
+        body += ["(void)%s;" % n for n in "xyz"]
+        body.append("out(0, narrow(splat<V>(%s)));" % text(c0_as_float()))
     else:
         if l == 1:
-            body.append("    const V c = x, s = y;")
+            body.append("const V c = x, s = y;")
         else:
-            body += ["    const V t = z * z;", "    V c = x, s = y, w;"]
+            body += ["const V t = z * z;", "V c = x, s = y, w;"]
         for m in range(0, l + 1):
             if m >= 2:
-                body += ["    w = x * c - y * s;", "    s = x * s + y * c;", "    c = w;"]
+                body += ["w = x * c - y * s;", "s = x * s + y * c;", "c = w;"]
             expression = horner(horner_coefficients(l, m), (l - m) % 2)
-            body += value_lines(l, m, "q%d" % m, expression, l, ("narrow(c)", "narrow(s)"), False)
-    return lines + ["    " + b for b in body] + ["    }", "};", ""]
+            if m == l:
+                body += ["out(%d, narrow(%s * c));" % (l + m, expression), "out(%d, narrow(%s * s));" % (l - m, expression)]
+            elif m == 0:
+                body += ["const V q0 = %s;" % expression, "out(%d, narrow(q0));" % l]
+            else:
+                body += ["const auto q%d = narrow(%s);" % (m, expression),
+                         "out(%d, q%d * narrow(c));" % (l + m, m), "out(%d, q%d * narrow(s));" % (l - m, m)]
+    return lines + ["        " + b for b in body] + ["    }", "};", ""]
 
 
 def document():
@@ -166,11 +243,15 @@ def document():
         "// Polynomials of the real orthonormal spherical harmonics with the Condon-Shortley phase, bands 0..15.",
         "// Generated by tools/make_sh_polynomials.py; to remake it: python3 tools/make_sh_polynomials.py src/sh/prshpoly.h",
         "//",
-        "// V is a type with the arithmetic of double (a number, a vector, a pair of vectors), narrow() rounds to float; out(k,",
-        "// value) takes the value of coefficient k. t = z^2, and c + is = (x + iy)^m. The polynomials in z need double, their",
-        "// products with c and s do not: three roundings to float leave at most 1.5 units in the last place. A polynomial of degree up to %d in z is evaluated in powers of"
-        % MAX_HORNER,
-        "// t, which takes the fewest multiplications; one of higher degree follows from the two bands below it.",
+        "// V is a type with the arithmetic of double (a number, a vector, a pair of vectors), F the same in float, narrow()",
+        "// rounds from one to the other. t = z^2, and c + is = (x + iy)^m. Polynomials in z of a high degree need double,",
+        "// their products with c and s do not; those of a low degree are evaluated in float where that keeps every value",
+        "// within 2 units in the last place of the band's largest. A polynomial of degree up to %d in z is evaluated in" % MAX_HORNER,
+        "// powers of t, one of higher degree follows from the two bands below it.",
+        "//",
+        "// A receiver of a whole set has out.zonal(k, value), out.powers(c, s), which prepares the two for the column's",
+        "// out.pair(k+, k-, factor, powers), and out.sectoral() of a constant factor, the column's first. One of a band alone",
+        "// is called as out(k, value).",
         "// clang-format off",
         "#pragma once",
         '#include "sh/prshpack.h"',
@@ -178,24 +259,23 @@ def document():
         "namespace zenr::ZENR_LEVEL {",
         "",
     ]
-    for m in range(0, MAX_BAND + 1):
-        lines += column(m)
+    firsts = range(0, MAX_BAND + 1, COLUMNS)
+    for first in firsts:
+        lines += columns(first)
     lines += ["// All values of the bands 0..L, L <= 15.",
-              "template <class V, class Out> ZENR_SH_INLINE void shBands(int L, V x, V y, V z, Out out) {",
+              "template <class F, class Out> ZENR_SH_INLINE void shBands(int L, F xf, F yf, F zf, Out out) {",
+              "    const auto x = widen(xf), y = widen(yf), z = widen(zf);",
+              "    using V = decltype(widen(zf));",
               "    const V t = z * z;",
-              "    shColumn0(L, z, t, out);",
-              "    if (L == 0) return;",
-              "    shColumn1(L, x, y, z, t, out);",
-              "    if (L == 1) return;"]
-    previous = ("x", "y")
-    for m in range(2, MAX_BAND + 1):
-        lines.append("    const V c%d = x * %s - y * %s, s%d = x * %s + y * %s;"
-                     % (m, previous[0], previous[1], m, previous[1], previous[0]))
-        previous = ("c%d" % m, "s%d" % m)
-        if m < MAX_BAND:
-            lines += ["    shColumn%d(L, %s, %s, z, %sout);" % (m, *previous, "t, " if m < MAX_BAND - 1 else ""), "    if (L == %d) return;" % m]
-        else:
-            lines.append("    shColumn%d(%s, %s, out);" % (m, *previous))
+              "    const F tf = narrow(t);",
+              "    const V c1 = x, s1 = y;"]
+    for first in firsts:
+        ms = [m for m in range(first, first + COLUMNS) if m > 0]
+        if first > 0:
+            lines.append("    if (L < %d) return;" % first)
+        lines += ["    " + power_line(m) for m in ms if m > 1]
+        lines.append("    shColumns%d(L, z, t, zf, tf, %sout);" % (
+            first, "".join("xf, yf, " if m == 1 else "c%d, s%d, " % (m, m) for m in ms)))
     lines += ["}", "", "// Band L alone: coefficient L + m is out(L + m, value).", "template <int L> struct ShBand;", ""]
     for l in range(0, MAX_BAND + 1):
         lines += band(l)

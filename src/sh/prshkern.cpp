@@ -21,38 +21,58 @@ struct Scratch {
     alignas(64) float turned[kLanes * kRowStride];
 };
 
-struct RowsOut {
+// Re and Im of (x + iy)^m in float.
+template <class F> struct Powers { F re, im; };
+
+// Receives a set of values and gives each of them to Self's operator().
+template <class Self> struct EachValue {
+    const Self& self() const { return static_cast<const Self&>(*this); }
+    template <class F> ZENR_SH_INLINE void zonal(int k, F v) const { self()(k, v); }
+    template <class F> ZENR_SH_INLINE Powers<F> powers(F re, F im) const { return {re, im}; }
+    template <class F, class Factor> ZENR_SH_INLINE void pair(int plus, int minus, Factor factor, Powers<F> p) const {
+        self()(plus, factor * p.re);
+        self()(minus, factor * p.im);
+    }
+    template <class F> ZENR_SH_INLINE void sectoral(int plus, int minus, float factor, Powers<F> p) const {
+        pair(plus, minus, factor, p);
+    }
+};
+
+struct RowsOut : EachValue<RowsOut> {
     float* rows;
+    explicit RowsOut(float* r) : rows(r) {}
     ZENR_SH_INLINE void operator()(int k, Floats v) const { storeFloats(rows + k * kLanes, v); }
 };
 
 // Takes the rows of a block and, a line with every few of them, streams the lines of the block before: a burst of
 // streamed lines would hold up whatever is stored after it.
 constexpr int kValuesPerLine = kLineFloats / kLanes;
-struct StreamingRowsOut {
+struct StreamingRowsOut : EachValue<StreamingRowsOut> {
     float* rows;
     float* lines;
     const float* stage;
     int values;
+    StreamingRowsOut(float* r, float* l, const float* s, int n) : rows(r), lines(l), stage(s), values(n) {}
     ZENR_SH_INLINE void operator()(int k, Floats v) const {
         storeFloats(rows + k * kLanes, v);
         if (k % kValuesPerLine == 0 && k + kValuesPerLine <= values) streamLine(lines + k * kLanes, stage + k * kLanes);
     }
 };
 
-struct SingleOut {
+struct SingleOut : EachValue<SingleOut> {
     float* dst;
+    explicit SingleOut(float* d) : dst(d) {}
     ZENR_SH_INLINE void operator()(int k, float v) const { dst[k] = v; }
 };
 
 // ---- Evaluation of a block and of one direction --------------------------------------------------------------------
 
 template <class Out> void polynomialRows(int L, const float* x, const float* y, const float* z, Out out) {
-    shBands<Doubles>(L, toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)), out);
+    shBands(L, loadFloats(x), loadFloats(y), loadFloats(z), out);
 }
 
 void polynomialSingle(int L, float x, float y, float z, float* dst) {
-    shBands<double>(L, x, y, z, SingleOut{dst});
+    shBands(L, x, y, z, SingleOut(dst));
 }
 
 ZENR_SH_INLINE Floats loadRow(const float* p, Floats) {
@@ -104,7 +124,7 @@ void recurrenceRows(const ShBasis& basis, const float* x, const float* y, const 
 }
 
 void recurrenceSingle(const ShBasis& basis, float x, float y, float z, float* dst) {
-    recurrence<float, 1>(basis.a, basis.b, basis.order, x, y, z, basis.a[0], dst, SingleOut{dst});
+    recurrence<float, 1>(basis.a, basis.b, basis.order, x, y, z, basis.a[0], dst, SingleOut(dst));
 }
 
 struct SetOfBands {
@@ -135,13 +155,13 @@ template <int L, bool kTables> struct SmallSet {
             recurrence<Floats, kLanes>(basis.a, basis.b, L, loadFloats(x), loadFloats(y), loadFloats(z),
                                        splatFloat(basis.a[0]), out.rows, out);
         else
-            shBands<Doubles>(L, toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)), out);
+            shBands(L, loadFloats(x), loadFloats(y), loadFloats(z), out);
     }
     ZENR_SH_INLINE void single(float x, float y, float z, float* dst) const {
         if (kTables)
-            recurrence<float, 1>(basis.a, basis.b, L, x, y, z, basis.a[0], dst, SingleOut{dst});
+            recurrence<float, 1>(basis.a, basis.b, L, x, y, z, basis.a[0], dst, SingleOut(dst));
         else
-            shBands<double>(L, x, y, z, SingleOut{dst});
+            shBands(L, x, y, z, SingleOut(dst));
     }
 };
 
@@ -180,7 +200,7 @@ template <int L> struct OneBand {
         ShBand<L>::values(toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)), out);
     }
     void single(float x, float y, float z, float* dst) const {
-        ShBand<L>::values(double(x), double(y), double(z), SingleOut{dst});
+        ShBand<L>::values(double(x), double(y), double(z), SingleOut(dst));
     }
 };
 
@@ -282,7 +302,7 @@ template <class Set> void evaluate(const Set& set, const ShDirections& d, float*
                 set.rows(d.x + i, d.y + i, d.z + i, stream.out(s.rows, n));
                 stream.release(n / kValuesPerLine);
             } else {
-                set.rows(d.x + i, d.y + i, d.z + i, RowsOut{s.rows});
+                set.rows(d.x + i, d.y + i, d.z + i, RowsOut(s.rows));
             }
             turnRows(s.rows, n, stream.next(), n);
             stream.put(kLanes * n);
@@ -290,7 +310,7 @@ template <class Set> void evaluate(const Set& set, const ShDirections& d, float*
         stream.finish();
     }
     for (; d.count - i >= kLanes; i += kLanes, dst += kLanes * n) {
-        set.rows(d.x + i, d.y + i, d.z + i, RowsOut{s.rows});
+        set.rows(d.x + i, d.y + i, d.z + i, RowsOut(s.rows));
         turnRows(s.rows, n, dst, n);
     }
     // A block costs about as much as a quarter of its directions one by one.
@@ -298,7 +318,7 @@ template <class Set> void evaluate(const Set& set, const ShDirections& d, float*
     if (rest > kLanes / 4) {
         PaddedBlock p;
         p.fill(d, i);
-        set.rows(p.x, p.y, p.z, RowsOut{s.rows});
+        set.rows(p.x, p.y, p.z, RowsOut(s.rows));
         turnRows(s.rows, n, s.turned, n);
         memcpy(dst, s.turned, size_t(rest) * size_t(n) * sizeof(float));
     } else {
@@ -365,11 +385,11 @@ void forwardChannels(const Set& set, const ShDirections& d, const ShSamples& sam
     for (int i = 0; i < d.count;) {
         const int count = d.count - i < kLanes ? d.count - i : kLanes;
         if (count == kLanes) {
-            set.rows(d.x + i, d.y + i, d.z + i, RowsOut{s.rows});
+            set.rows(d.x + i, d.y + i, d.z + i, RowsOut(s.rows));
         } else {
             PaddedBlock p;
             p.fill(d, i);
-            set.rows(p.x, p.y, p.z, RowsOut{s.rows});
+            set.rows(p.x, p.y, p.z, RowsOut(s.rows));
         }
         float v[3][kLanes] = {};
         bool zeros = false;
@@ -446,7 +466,7 @@ void inverseChannels(const Set& set, const ShDirections& d, const float* const c
             y = padded.y;
             z = padded.z;
         }
-        set.rows(x, y, z, RowsOut{s.rows});
+        set.rows(x, y, z, RowsOut(s.rows));
         Doubles sum[C][kSums];
         for (int c = 0; c < C; ++c)
             for (int u = 0; u < kSums; ++u) sum[c][u] = splat<Doubles>(0.);

@@ -134,6 +134,18 @@ template <> ZENR_SH_INLINE double splat<double>(double k) {
     return k;
 }
 
+ZENR_SH_INLINE float splatLike(float, float k) {
+    return k;
+}
+ZENR_SH_INLINE Floats splatLike(Floats, float k) {
+    return splatFloat(k);
+}
+ZENR_SH_INLINE Doubles widen(Floats v) {
+    return toDoubles(v);
+}
+ZENR_SH_INLINE double widen(float v) {
+    return v;
+}
 ZENR_SH_INLINE Floats narrow(Doubles v) {
     return toFloats(v);
 }
