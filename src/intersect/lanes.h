@@ -154,6 +154,123 @@ ZENR_INLINE Doubles absolute(Doubles a) {
     return (Doubles)((Longs)a & (Longs{} + 0x7FFFFFFFFFFFFFFFll));
 }
 
+// a * b + c, rounded once where the level can: only for what is bounded anyway.
+ZENR_INLINE Floats about(Floats a, Floats b, Floats c) {
+#if defined(__AVX512BW__)
+    return (Floats)_mm512_fmadd_ps((__m512)a, (__m512)b, (__m512)c);
+#elif defined(__AVX2__)
+    return (Floats)_mm256_fmadd_ps((__m256)a, (__m256)b, (__m256)c);
+#else
+    return a * b + c;
+#endif
+}
+
+// Four floats of each lane, that row(lane) gives: four by four of them are turned around within each quarter of the
+// registers.
+template <class Row> ZENR_INLINE void turnRows(const Row& row, Floats& x, Floats& y, Floats& z, Floats& w) {
+#if defined(__AVX512BW__)
+    const auto rows = [&](int lane) {
+        __m512 r = _mm512_castps128_ps512(row(lane));
+        r = _mm512_insertf32x4(r, row(lane + 4), 1);
+        r = _mm512_insertf32x4(r, row(lane + 8), 2);
+        return _mm512_insertf32x4(r, row(lane + 12), 3);
+    };
+    const __m512 a = rows(0), b = rows(1), c = rows(2), d = rows(3);
+    const __m512d ab = _mm512_castps_pd(_mm512_unpacklo_ps(a, b)), cd = _mm512_castps_pd(_mm512_unpacklo_ps(c, d));
+    const __m512d AB = _mm512_castps_pd(_mm512_unpackhi_ps(a, b)), CD = _mm512_castps_pd(_mm512_unpackhi_ps(c, d));
+    x = (Floats)_mm512_unpacklo_pd(ab, cd);
+    y = (Floats)_mm512_unpackhi_pd(ab, cd);
+    z = (Floats)_mm512_unpacklo_pd(AB, CD);
+    w = (Floats)_mm512_unpackhi_pd(AB, CD);
+#elif defined(__AVX2__)
+    const auto rows = [&](int lane) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(row(lane)), row(lane + 4), 1);
+    };
+    const __m256 a = rows(0), b = rows(1), c = rows(2), d = rows(3);
+    const __m256d ab = _mm256_castps_pd(_mm256_unpacklo_ps(a, b)), cd = _mm256_castps_pd(_mm256_unpacklo_ps(c, d));
+    const __m256d AB = _mm256_castps_pd(_mm256_unpackhi_ps(a, b)), CD = _mm256_castps_pd(_mm256_unpackhi_ps(c, d));
+    x = (Floats)_mm256_unpacklo_pd(ab, cd);
+    y = (Floats)_mm256_unpackhi_pd(ab, cd);
+    z = (Floats)_mm256_unpacklo_pd(AB, CD);
+    w = (Floats)_mm256_unpackhi_pd(AB, CD);
+#else
+    const __m128 a = row(0), b = row(1), c = row(2), d = row(3);
+    const __m128 ab = _mm_unpacklo_ps(a, b), cd = _mm_unpacklo_ps(c, d);
+    const __m128 AB = _mm_unpackhi_ps(a, b), CD = _mm_unpackhi_ps(c, d);
+    x = (Floats)_mm_movelh_ps(ab, cd);
+    y = (Floats)_mm_movehl_ps(cd, ab);
+    z = (Floats)_mm_movelh_ps(AB, CD);
+    w = (Floats)_mm_movehl_ps(CD, AB);
+#endif
+}
+
+// The least and the largest of each four lanes that are apart by a multiple of four; of `count` registers at a time.
+ZENR_INLINE __m128 leastQuarter(Floats a) {
+#if defined(__AVX512BW__)
+    const __m256 b = _mm256_min_ps(_mm512_castps512_ps256((__m512)a), _mm512_extractf32x8_ps((__m512)a, 1));
+    return _mm_min_ps(_mm256_castps256_ps128(b), _mm256_extractf128_ps(b, 1));
+#elif defined(__AVX2__)
+    return _mm_min_ps(_mm256_castps256_ps128((__m256)a), _mm256_extractf128_ps((__m256)a, 1));
+#else
+    return (__m128)a;
+#endif
+}
+ZENR_INLINE __m128 greatestQuarter(Floats a) {
+#if defined(__AVX512BW__)
+    const __m256 b = _mm256_max_ps(_mm512_castps512_ps256((__m512)a), _mm512_extractf32x8_ps((__m512)a, 1));
+    return _mm_max_ps(_mm256_castps256_ps128(b), _mm256_extractf128_ps(b, 1));
+#elif defined(__AVX2__)
+    return _mm_max_ps(_mm256_castps256_ps128((__m256)a), _mm256_extractf128_ps((__m256)a, 1));
+#else
+    return (__m128)a;
+#endif
+}
+
+// The least of each of four times four floats, and the largest.
+ZENR_INLINE __m128 leastOfEach(__m128 a, __m128 b, __m128 c, __m128 d) {
+    const __m128 ab = _mm_min_ps(_mm_unpacklo_ps(a, b), _mm_unpackhi_ps(a, b));
+    const __m128 cd = _mm_min_ps(_mm_unpacklo_ps(c, d), _mm_unpackhi_ps(c, d));
+    return _mm_min_ps(_mm_movelh_ps(ab, cd), _mm_movehl_ps(cd, ab));
+}
+ZENR_INLINE __m128 greatestOfEach(__m128 a, __m128 b, __m128 c, __m128 d) {
+    const __m128 ab = _mm_max_ps(_mm_unpacklo_ps(a, b), _mm_unpackhi_ps(a, b));
+    const __m128 cd = _mm_max_ps(_mm_unpacklo_ps(c, d), _mm_unpackhi_ps(c, d));
+    return _mm_max_ps(_mm_movelh_ps(ab, cd), _mm_movehl_ps(cd, ab));
+}
+
+ZENR_INLINE float greatestOfFour(__m128 a) {
+    const __m128 b = _mm_max_ps(a, _mm_movehl_ps(a, a));
+    return _mm_cvtss_f32(_mm_max_ss(b, _mm_shuffle_ps(b, b, 1)));
+}
+
+// A register of rays from fours that lie apart, and back again; `lanes` are those that are written.
+template <class From> ZENR_INLINE Floats joinFours(const From& four) {
+#if defined(__AVX512BW__)
+    __m512 r = _mm512_castps128_ps512(four(0));
+    r = _mm512_insertf32x4(r, four(1), 1);
+    r = _mm512_insertf32x4(r, four(2), 2);
+    return (Floats)_mm512_insertf32x4(r, four(3), 3);
+#elif defined(__AVX2__)
+    return (Floats)_mm256_insertf128_ps(_mm256_castps128_ps256(four(0)), four(1), 1);
+#else
+    return (Floats)four(0);
+#endif
+}
+ZENR_INLINE void storeFour(float* to, __m128 x, unsigned lanes) {
+#if defined(__AVX512BW__)
+    _mm_mask_storeu_ps(to, __mmask8(lanes), x);
+#elif defined(__AVX2__)
+    const __m128i lane = _mm_setr_epi32(1, 2, 4, 8);
+    _mm_maskstore_ps(to, _mm_cmpeq_epi32(_mm_and_si128(_mm_set1_epi32(int(lanes)), lane), lane), x);
+#else
+    if (lanes == 15u) return _mm_storeu_ps(to, x);
+    for (int i = 0; i < 4; ++i) {
+        const float lane = x[i];
+        if (lanes >> i & 1) __builtin_memcpy(to + i, &lane, sizeof lane);
+    }
+#endif
+}
+
 // Of all lanes, none of which is NaN.
 ZENR_INLINE float least(Floats a) {
 #if defined(__AVX512BW__)

@@ -41,44 +41,78 @@ struct Tiling {
     }
 
     void place(size_t tile, Place& place) const {
+        if (squares) {
+            const size_t x = tile % across * 8, y = tile / across * 8;
+            const size_t corner = y * width + x;
+            for (int p = 0; p < kPieces; ++p)
+                place.start[p] = corner + size_t(p / 8 * 4 + p % 4) * width + size_t(p / 4 % 2 * 4);
+            if (x + 8 <= width && y + 8 <= height) {
+                place.rays = ~Set64(0);
+                return;
+            }
+        } else {
+            for (int p = 0; p < kPieces; ++p) place.start[p] = tile * 64 + size_t(p) * 4;
+        }
         place.rays = 0;
         for (int p = 0; p < kPieces; ++p) {
-            size_t valid;
+            const size_t end = width * height, start = place.start[p];
+            size_t valid = start < end ? end - start : 0;
             if (squares) {
-                const size_t x = tile % across * 8 + size_t(p / 4 % 2) * 4,
-                             y = tile / across * 8 + size_t(p / 8 * 4 + p % 4);
-                place.start[p] = y * width + x;
-                valid = y < height && x < width ? width - x : 0;
-            } else {
-                place.start[p] = tile * 64 + size_t(p) * 4;
-                valid = place.start[p] < width * height ? width * height - place.start[p] : 0;
+                const size_t x = tile % across * 8 + size_t(p / 4 % 2 * 4);
+                valid = start < end && x < width ? width - x : 0;
             }
             place.rays |= Set64(valid >= 4 ? 15u : (1u << valid) - 1) << (4 * p);
         }
     }
 };
 
-template <class T> ZENR_INLINE void gather(T* to, const T* from, const Place& place) {
-    for (int p = 0; p < kPieces; ++p) {
-        if (piece(place.rays, p) == 15u) {
-            __builtin_memcpy(to + 4 * p, from + place.start[p], 4 * sizeof(T));
-        } else {
-            for (int i = 0; i < 4; ++i)
-                to[4 * p + i] = piece(place.rays, p) >> i & 1 ? from[place.start[p] + size_t(i)] : T(0);
+// Asks for the lines that a later tile reads or writes of an array: rows of a block are too far apart to be foreseen.
+template <class T> ZENR_INLINE void prefetchTile(const T* array, const Place& place) {
+    for (int p = 0; p < kPieces; p += p % 4 == 3 ? 5 : 1) __builtin_prefetch(array + place.start[p]);
+}
+
+// Two tiles of squares share the lines.
+ZENR_INLINE void prefetchLater(const RayBlock& block, const Tiling& tiling, size_t tile) {
+    if (tile % 2 != 0 || tile + 2 >= tiling.count) return;
+    Place later;
+    tiling.place(tile + 2, later);
+    for (int k = 0; k < 3; ++k) prefetchTile(block.direction[k], later);
+    if (block.distance) prefetchTile(block.distance, later);
+    if (block.mask) prefetchTile(block.mask, later);
+    prefetchTile(block.triangle, later);
+}
+
+// What the rays of a tile have, of four bytes each; zero where there is no ray.
+template <class T> ZENR_INLINE void gather(Floats* to, const T* from, const Place& place) {
+    const auto whole = [&](int p) { return _mm_loadu_ps(reinterpret_cast<const float*>(from + place.start[p])); };
+    const auto partial = [&](int p) {
+        T four[4] = {};
+        for (int lane = 0; lane < 4; ++lane) {
+            if (piece(place.rays, p) >> lane & 1) four[lane] = from[place.start[p] + size_t(lane)];
         }
+        return _mm_loadu_ps(reinterpret_cast<const float*>(four));
+    };
+    if (place.rays == ~Set64(0)) {
+        for (int v = 0; v < Block64::kVectors; ++v)
+            to[v] = joinFours([&](int i) { return whole(v * (kLanes / 4) + i); });
+    } else {
+        for (int v = 0; v < Block64::kVectors; ++v)
+            to[v] = joinFours([&](int i) { return partial(v * (kLanes / 4) + i); });
     }
 }
 
 // Writes the lanes of `rays` only.
 template <class T> ZENR_INLINE void scatter(T* to, const T* from, const Place& place, Set64 rays) {
-    for (int p = 0; p < kPieces; ++p) {
-        const unsigned lanes = piece(rays, p);
-        if (lanes == 15u) {
-            __builtin_memcpy(to + place.start[p], from + 4 * p, 4 * sizeof(T));
-        } else if (lanes) {
-            for (int i = 0; i < 4; ++i) {
-                if (lanes >> i & 1) to[place.start[p] + size_t(i)] = from[4 * p + i];
-            }
+    const auto four = [&](int p) { return _mm_loadu_ps(reinterpret_cast<const float*>(from + 4 * p)); };
+    if (rays == ~Set64(0)) {
+        for (int p = 0; p < kPieces; ++p) _mm_storeu_ps(reinterpret_cast<float*>(to + place.start[p]), four(p));
+    } else {
+        for (int p = 0; p < kPieces; ++p) {
+            const unsigned lanes = piece(rays, p);
+            if (lanes == 15u)
+                _mm_storeu_ps(reinterpret_cast<float*>(to + place.start[p]), four(p));
+            else if (lanes)
+                storeFour(reinterpret_cast<float*>(to + place.start[p]), four(p), lanes);
         }
     }
 }
@@ -102,9 +136,56 @@ ZENR_INLINE float largestOf(const Floats (&x)[4][Block64::kVectors]) {
     return ordered == kAllLanes ? greatest(largest) : __builtin_inff();
 }
 
-void setDirections(Block64& tile, const RayBlock& block, const Place& place) {
-    for (int k = 0; k < 3; ++k) gather(floatsOf(tile.direction[k]), block.direction[k], place);
-    tile.reach = largestOf(tile.direction);
+ZENR_INLINE __m128 sizeOf(__m128 x) {
+    return _mm_and_ps(x, _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF)));
+}
+
+// Bounds of the directions: sixteen by sixteen and of all. Where one is NaN they are not looked at, because `reach` is
+// infinite.
+ZENR_INLINE void setBoxes(Block64& tile) {
+    static_assert(Block64::kBoxes == 4, "a lane each");
+    constexpr int kEach = kBoxRays / kLanes;
+    __m128 lows[3], highs[3];
+    Floats sum = {};
+    for (int k = 0; k < 3; ++k) {
+        __m128 low[4], high[4];
+        for (int box = 0; box < 4; ++box) {
+            const Floats* d = &tile.direction[k][box * kEach];
+            Floats from = d[0], to = d[0];
+            for (int v = 1; v < kEach; ++v) from = smaller(from, d[v]), to = larger(to, d[v]);
+            for (int v = 0; v < kEach; ++v) sum = sum + d[v];
+            low[box] = leastQuarter(from);
+            high[box] = greatestQuarter(to);
+        }
+        lows[k] = leastOfEach(low[0], low[1], low[2], low[3]);
+        highs[k] = greatestOfEach(high[0], high[1], high[2], high[3]);
+        const __m128 half = _mm_set1_ps(0.5f);
+        const __m128 middle = _mm_add_ps(_mm_mul_ps(half, lows[k]), _mm_mul_ps(half, highs[k]));
+        // A little more than either side, for its rounding.
+        const __m128 side = _mm_max_ps(_mm_sub_ps(highs[k], middle), _mm_sub_ps(middle, lows[k]));
+        _mm_storeu_ps(tile.middle[k], middle);
+        _mm_storeu_ps(tile.spread[k], _mm_add_ps(_mm_mul_ps(side, _mm_set1_ps(1 + 0x1p-20f)), _mm_set1_ps(1e-37f)));
+    }
+    const __m128 low = leastOfEach(lows[0], lows[1], lows[2], lows[2]);
+    const __m128 high = greatestOfEach(highs[0], highs[1], highs[2], highs[2]);
+    _mm_storeu_ps(tile.low, low);
+    _mm_storeu_ps(tile.high, high);
+    // The sum is NaN where a component is, or where components are infinite anyway.
+    const __m128 size = _mm_max_ps(sizeOf(low), sizeOf(high));
+    tile.reach = lessEqual(sum, sum) == kAllLanes ? greatestOfFour(size) : __builtin_inff();
+}
+
+// Lanes that are not among the `rays`, which are some, follow one that is: they widen no bounds.
+void setDirections(Block64& tile, const RayBlock& block, const Place& place, Set64 rays) {
+    for (int k = 0; k < 3; ++k) {
+        gather(tile.direction[k], block.direction[k], place);
+        if (rays != ~Set64(0)) {
+            const Floats one = all(floatsOf(tile.direction[k])[__builtin_ctzll(rays)]);
+            for (int v = 0; v < Block64::kVectors; ++v)
+                tile.direction[k][v] = select(part(rays, v), tile.direction[k][v], one);
+        }
+    }
+    setBoxes(tile);
     for (int v = 0; v < Block64::kVectors; ++v) tile.direction[3][v] = tile.inverse[3][v] = Floats{};
     tile.negative[3] = 0;
 }
@@ -117,7 +198,7 @@ void shareOrigin(Block64& tile, const float* origin) {
 }
 
 void ownOrigins(Block64& tile, const RayBlock& block, const Place& place) {
-    for (int k = 0; k < 3; ++k) gather(floatsOf(tile.origin[k]), block.origins[k], place);
+    for (int k = 0; k < 3; ++k) gather(tile.origin[k], block.origins[k], place);
     for (int v = 0; v < Block64::kVectors; ++v) {
         tile.origin[3][v] = Floats{};
         for (int k = 0; k < 4; ++k) {
@@ -143,11 +224,30 @@ ZENR_INLINE void clipSlab(Block64& tile, int v, Floats t1, Floats t2, Bits paral
     tile.tmax[v] = select(parallel, tile.tmax[v], smaller(larger(t1, t2), tile.tmax[v]));
 }
 
-// Rays of v whose interval is not empty; it is set to reach a little behind the box.
+// Rays of v whose interval is not empty; it is set to reach a little behind the box. A maximum distance that is NaN is
+// tmax's too: such a ray hits nothing, because no distance is less.
 ZENR_INLINE Bits finishClip(Block64& tile, int v) {
-    const Bits empty = less(tile.tmax[v], tile.tmin[v]);
+    const Bits some = lessEqual(tile.tmin[v], tile.tmax[v]);
     tile.tmax[v] = tile.tmax[v] + all(kBehindBox);
-    return ~empty & kAllLanes;
+    return some;
+}
+
+// Whether the bounds of a tile's directions show that no ray of it meets the box: what each ray would compute lies between
+// what is computed from the bounds.
+bool allMiss(const Block64& tile, const float* box) {
+    const float* o = tile.sharedOrigin;
+    float enter = 0, leave = __builtin_inff();
+    if (!(tile.reach < leave)) return false;
+    for (int k = 0; k < 3; ++k) {
+        const float low = tile.low[k], high = tile.high[k];
+        const float from = box[k] - o[k], to = box[3 + k] - o[k];
+        if (!(from <= to)) return false;
+        if (!(low > kParallel || high < -kParallel)) continue;
+        const float a = from / low, b = from / high, c = to / low, d = to / high;
+        enter = largerOf(enter, smallerOf(smallerOf(a, b), smallerOf(c, d)));
+        leave = smallerOf(leave, largerOf(largerOf(a, b), largerOf(c, d)));
+    }
+    return enter > leave;
 }
 
 // Clips rays of a shared origin to the box; returns those that meet it.
@@ -236,9 +336,14 @@ void eye(const RayBlock& block) {
     for (size_t i = 0; i < tiling.count; ++i) {
         Place place;
         tiling.place(i, place);
-        setDirections(tile, block, place);
-        gather(floatsOf(tile.best), block.distance, place);
+        setDirections(tile, block, place, place.rays);
+        prefetchLater(block, tiling, i);
         clearHits(tile);
+        if (allMiss(tile, block.box)) {
+            scatter(block.triangle, reinterpret_cast<int*>(tile.triangle), place, place.rays);
+            continue;
+        }
+        gather(tile.best, block.distance, place);
         const Set64 rays = clipFromEye(tile, block.box) & place.rays;
         if (walkOctants<EyeTile>(block, tile, rays)) {
             storeNearest(block, tile, place);
@@ -343,9 +448,9 @@ void nearest(const RayBlock& block) {
         for (size_t i = first; i < tiling.count && i < first + most; ++i) {
             Place place;
             tiling.place(i, place);
-            setDirections(tile, block, place);
+            setDirections(tile, block, place, place.rays);
             ownOrigins(tile, block, place);
-            gather(floatsOf(tile.best), block.distance, place);
+            gather(tile.best, block.distance, place);
             clearHits(tile);
             const Set64 rays = clipOwn(tile, block.box) & place.rays;
             if (rays && memory && !keepTogether(tile, rays)) {
@@ -387,8 +492,9 @@ void any(const RayBlock& block) {
     for (size_t i = 0; i < tiling.count; ++i) {
         Place place;
         tiling.place(i, place);
+        prefetchLater(block, tiling, i);
         alignas(64) int mask[64];
-        gather(mask, block.mask, place);
+        gather(reinterpret_cast<Floats*>(mask), block.mask, place);
         Set64 rays = place.rays;
         for (int v = 0; v < Block64::kVectors; ++v) {
             Ints m;
@@ -397,7 +503,7 @@ void any(const RayBlock& block) {
         }
         clearHits(tile);
         if (rays) {
-            setDirections(tile, block, place);
+            setDirections(tile, block, place, rays);
             for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
             for (int v = 0; v < Block64::kVectors; ++v) {
                 tile.tmin[v] = Floats{};
@@ -432,8 +538,8 @@ void multiple(const RayBlock& block) {
     for (size_t i = 0; i < tiling.count; ++i) {
         Place place;
         tiling.place(i, place);
-        setDirections(tile, block, place);
-        gather(floatsOf(tile.best), block.distance, place);
+        setDirections(tile, block, place, place.rays);
+        gather(tile.best, block.distance, place);
         Floats maximum[Block64::kVectors];
         for (int v = 0; v < Block64::kVectors; ++v) maximum[v] = tile.best[v];
         Set64 rays = clipFromEye(tile, block.box) & place.rays;

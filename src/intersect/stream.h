@@ -55,47 +55,13 @@ inline void layOut(Stream& stream, float* memory, int rays) {
     stream.listMax = memory + 2 * stream.listRoom;
 }
 
-// Three components and a fourth float of each lane's ray: four by four of them are turned around within each quarter of
-// the registers.
+// Three components and a fourth float of each lane's ray.
 ZENR_INLINE void loadRays(const float* first, const uint32_t* number, Bits lanes, Floats& x, Floats& y, Floats& z,
                           Floats& w) {
     const auto row = [&](int lane) {
         return _mm_loadu_ps(first + size_t(kRayWords) * (lanes >> lane & 1 ? number[lane] : 0));
     };
-#if defined(__AVX512BW__)
-    const auto rows = [&](int lane) {
-        __m512 r = _mm512_castps128_ps512(row(lane));
-        r = _mm512_insertf32x4(r, row(lane + 4), 1);
-        r = _mm512_insertf32x4(r, row(lane + 8), 2);
-        return _mm512_insertf32x4(r, row(lane + 12), 3);
-    };
-    const __m512 a = rows(0), b = rows(1), c = rows(2), d = rows(3);
-    const __m512d ab = _mm512_castps_pd(_mm512_unpacklo_ps(a, b)), cd = _mm512_castps_pd(_mm512_unpacklo_ps(c, d));
-    const __m512d AB = _mm512_castps_pd(_mm512_unpackhi_ps(a, b)), CD = _mm512_castps_pd(_mm512_unpackhi_ps(c, d));
-    x = (Floats)_mm512_unpacklo_pd(ab, cd);
-    y = (Floats)_mm512_unpackhi_pd(ab, cd);
-    z = (Floats)_mm512_unpacklo_pd(AB, CD);
-    w = (Floats)_mm512_unpackhi_pd(AB, CD);
-#elif defined(__AVX2__)
-    const auto rows = [&](int lane) {
-        return _mm256_insertf128_ps(_mm256_castps128_ps256(row(lane)), row(lane + 4), 1);
-    };
-    const __m256 a = rows(0), b = rows(1), c = rows(2), d = rows(3);
-    const __m256d ab = _mm256_castps_pd(_mm256_unpacklo_ps(a, b)), cd = _mm256_castps_pd(_mm256_unpacklo_ps(c, d));
-    const __m256d AB = _mm256_castps_pd(_mm256_unpackhi_ps(a, b)), CD = _mm256_castps_pd(_mm256_unpackhi_ps(c, d));
-    x = (Floats)_mm256_unpacklo_pd(ab, cd);
-    y = (Floats)_mm256_unpackhi_pd(ab, cd);
-    z = (Floats)_mm256_unpacklo_pd(AB, CD);
-    w = (Floats)_mm256_unpackhi_pd(AB, CD);
-#else
-    const __m128 a = row(0), b = row(1), c = row(2), d = row(3);
-    const __m128 ab = _mm_unpacklo_ps(a, b), cd = _mm_unpacklo_ps(c, d);
-    const __m128 AB = _mm_unpackhi_ps(a, b), CD = _mm_unpackhi_ps(c, d);
-    x = (Floats)_mm_movelh_ps(ab, cd);
-    y = (Floats)_mm_movehl_ps(cd, ab);
-    z = (Floats)_mm_movelh_ps(AB, CD);
-    w = (Floats)_mm_movehl_ps(CD, AB);
-#endif
+    turnRows(row, x, y, z, w);
 }
 
 // The same float of each lane's ray.

@@ -30,11 +30,14 @@ template <class Set> ZENR_INLINE Set whole(Bits bits, int v) {
     return Set(bits) << (v * kLanes);
 }
 
+constexpr int kBoxRays = 16;
+
 // Four entries where three would do, so that the two-bit axis numbers of a malformed node or record stay inside.
 template <int Rays> struct Tile {
     typedef typename SetOf<Rays>::Type Set;
     static constexpr int kRays = Rays;
     static constexpr int kVectors = Rays / kLanes;
+    static constexpr int kBoxes = Rays / kBoxRays;
 
     Floats direction[4][kVectors];
     Floats inverse[4][kVectors]; // reciprocal of the direction, or its stand-in
@@ -43,8 +46,11 @@ template <int Rays> struct Tile {
     Floats weight[2][kVectors];
     Ints triangle[kVectors];
     Set negative[4]; // rays whose upper child comes first
-    float reach;     // largest direction component of any ray; infinite where one is NaN
-    float away;      // the same of origins of their own
+    // Where the directions of each sixteen rays lie: at most so far from the middle.
+    float middle[3][kBoxes], spread[3][kBoxes];
+    float low[4], high[4]; // the same of all rays, from and to
+    float reach;           // largest direction component of any ray; infinite where one is NaN
+    float away;            // the same of origins of their own
     // The origin that all rays share, or each ray's own: for plane decisions, and for the triangle test.
     float sharedOrigin[4];
     double sharedFrom[4];
@@ -141,67 +147,140 @@ ZENR_INLINE Bits inside(const Triangle& r, const T& tile, int v, Solution& s) {
 }
 
 // The three scaled weights of rays of a shared origin are linear in the direction. In single precision with a bound on
-// all errors, they tell most rays that pass outside: one weight is surely positive and another surely negative.
-struct alignas(16) Outline {
-    float alpha[4], beta[4], gamma[4]; // factors of the direction's components a, b, k; 0
-    float error;
-    int a, b, k;
+// all errors, they tell most rays that pass outside: one weight is surely positive and another surely negative. Over an
+// interval of directions they tell it of many rays at once. Triangles are side by side, a lane each.
+constexpr int kBatch = 16;
+constexpr int kFewShared = 4; // rays of a shared origin that take the triangles of a leaf one after the other
+
+struct alignas(64) Outlines {
+    float factor[3][3][kBatch]; // of a weight (first vertex, second, third) and a component of the direction
+    float error[kBatch];
 };
 
-typedef double FourDoubles __attribute__((vector_size(32), may_alias));
+// The outlines of a register of triangles.
+struct Outline {
+    Floats factor[3][3];
+    Floats error;
+    Bits regular; // lanes that are triangles
+};
 
-ZENR_INLINE __m128 narrow(FourDoubles a) {
-#if defined(__AVX2__)
-    return _mm256_cvtpd_ps((__m256d)a);
-#else
-    const __m128d low = {a[0], a[1]}, high = {a[2], a[3]};
-    return _mm_movelh_ps(_mm_cvtpd_ps(low), _mm_cvtpd_ps(high));
-#endif
+ZENR_INLINE void outline(Outline& o, const ZenrTriangleAccel* accel, const int* list, int count, const float* origin,
+                         float reach) {
+    static_assert(sizeof(ZenrTriangleAccel) == 40, "a record is read as rows of four floats");
+    const auto rowFrom = [&](int lane, int word) {
+        return _mm_loadu_ps(reinterpret_cast<const float*>(accel + list[lane < count ? lane : 0]) + word);
+    };
+    Floats axes, nA, pK, nB, pA, pB, e2A, e2B, e1A, e1B, unused;
+    turnRows([&](int lane) { return rowFrom(lane, 0); }, axes, nA, pK, nB);
+    turnRows([&](int lane) { return rowFrom(lane, 4); }, pA, pB, e2A, e2B);
+    turnRows([&](int lane) { return rowFrom(lane, 6); }, unused, unused, e1A, e1B);
+
+    const Ints order = (Ints)axes & all(int32_t(63));
+    const Bits isX = equal(order, all(int32_t(4 * 1 + 2))), isY = equal(order, all(int32_t(16 + 2))),
+               isZ = equal(order, all(int32_t(32 + 1)));
+    const Floats x = all(origin[0]), y = all(origin[1]), z = all(origin[2]);
+    const Floats oA = select(isX, y, x), oB = select(isZ, y, z), oK = select(isX, x, select(isY, y, z));
+
+    const Floats u = pA - oA, w = oB - pB, q = pK - oK;
+    const Floats num = about(nA, u, q - nB * w);
+    const Floats pullBeta = about(e2B, u, e2A * w), pullGamma = about(e1A, w, e1B * u);
+    const Floats beta[3] = {e2B * num - pullBeta * nA, -(e2A * num) - pullBeta * nB, -pullBeta};
+    const Floats gamma[3] = {pullGamma * nA - e1B * num, about(e1A, num, pullGamma * nB), pullGamma};
+    const Floats alpha[3] = {nA - beta[0] - gamma[0], nB - beta[1] - gamma[1], all(1.f) - beta[2] - gamma[2]};
+    const auto inSpace = [&](Floats* to, const Floats* from) {
+        to[0] = select(isX, from[2], from[0]);
+        to[1] = select(isY, from[2], select(isX, from[0], from[1]));
+        to[2] = select(isZ, from[2], from[1]);
+    };
+    inSpace(o.factor[0], alpha);
+    inSpace(o.factor[1], beta);
+    inSpace(o.factor[2], gamma);
+
+    // With e = 2^-24 and `size` the numerator's terms without their signs: u, w and q are within 1e of their sizes, the
+    // numerator within 4e of `size`, the factors of beta and gamma together within 6e of their `terms`, those of alpha
+    // within 8e of both and 2e of `normal`; products with the direction and their sums add 3e. 2^-20 is 16e. The test in
+    // double adds what is lost where coordinates along k cancel, and much less elsewhere. The last terms are for
+    // underflows.
+    const Floats one = all(1.f);
+    const Floats sizeU = absolute(u), sizeW = absolute(w);
+    const Floats normal = absolute(nA) + absolute(nB) + one;
+    const Floats size = about(absolute(nA), sizeU, about(absolute(nB), sizeW, absolute(q)));
+    const Floats edgesA = absolute(e1A) + absolute(e2A), edgesB = absolute(e1B) + absolute(e2B);
+    const Floats terms = about(edgesA, about(sizeW, normal, size), edgesB * about(sizeU, normal, size));
+    const Floats lost = about(absolute(pK) + absolute(oK), all(0x1p-48f), all(1e-37f));
+    const Floats error = about(all(reach), about(terms + normal, all(0x1p-20f), (edgesA + edgesB) * lost), all(1e-37f));
+    // Anything that could overflow is left to the test in double, and so are NaN and records of other axes.
+    o.error = select(less(error, all(1e23f)) & (isX | isY | isZ), error, all(__builtin_inff()));
+    o.regular = ~equal((Ints)axes, Ints{});
+    o.regular &= count < kLanes ? (Bits(1) << count) - 1 : kAllLanes;
 }
 
-ZENR_INLINE float sumOf(__m128 a) {
-    const __m128 pairs = _mm_add_ps(a, _mm_movehl_ps(a, a));
-    return _mm_cvtss_f32(_mm_add_ss(pairs, _mm_shuffle_ps(pairs, pairs, 1)));
+// The triangles that some ray of a box may meet.
+template <class T> ZENR_INLINE Bits mayMeet(const Outline& o, const T& tile, int box) {
+    Floats low[3], high[3];
+    for (int i = 0; i < 3; ++i) {
+        Floats middle = o.factor[i][0] * all(tile.middle[0][box]);
+        Floats spread = absolute(o.factor[i][0]) * all(tile.spread[0][box]);
+        for (int k = 1; k < 3; ++k) {
+            middle = about(o.factor[i][k], all(tile.middle[k][box]), middle);
+            spread = about(absolute(o.factor[i][k]), all(tile.spread[k][box]), spread);
+        }
+        low[i] = middle - spread;
+        high[i] = middle + spread;
+    }
+    // Twice the bound, because the rays are themselves bounded by rounded numbers.
+    const Floats error = o.error + o.error;
+    const Bits negative = less(smaller(smaller(high[0], high[1]), high[2]), -error);
+    return ~(negative & less(error, larger(larger(low[0], low[1]), low[2]))) & o.regular;
 }
 
-ZENR_INLINE void outline(Outline& o, const Triangle& r, const ZenrTriangleAccel& record, float reach) {
-    const auto four = [](double x) { return FourDoubles{x, x, x, x}; };
-    const FourDoubles n = {r.nA, r.nB, 1, 0};
-    const FourDoubles x = FourDoubles{r.num, 0, 0, 0} - four(r.u) * n;
-    const FourDoubles y = FourDoubles{0, r.num, 0, 0} + four(r.w) * n;
-    const FourDoubles beta = four(r.e2B) * x - four(r.e2A) * y;
-    const FourDoubles gamma = four(r.e1A) * y - four(r.e1B) * x;
-    const __m128 fA = narrow(n - beta - gamma), fB = narrow(beta), fC = narrow(gamma);
-    _mm_store_ps(o.alpha, fA);
-    _mm_store_ps(o.beta, fB);
-    _mm_store_ps(o.gamma, fC);
-    // Single precision: a factor is rounded, multiplied and added twice, four roundings of at most 2^-24 of the sum of
-    // the products' sizes; doubled, that is 2^-21. Double: fewer than twenty roundings of 2^-53 in the factors or in the
-    // test itself, of the sizes that these cancel from. Underflows are below the last terms.
-    const __m128 size = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
-    const float factors =
-        sumOf(_mm_max_ps(_mm_max_ps(_mm_and_ps(fA, size), _mm_and_ps(fB, size)), _mm_and_ps(fC, size)));
-    const float edges = sumOf(_mm_and_ps(_mm_loadu_ps(&record.e2A), size));
-    const float normal = __builtin_fabsf(record.nA) + __builtin_fabsf(record.nB) + 1.f;
-    const float terms =
-        __builtin_fabsf(float(r.num)) + (__builtin_fabsf(float(r.u)) + __builtin_fabsf(float(r.w))) * normal;
-    const float error = reach * (factors * 0x1p-21f + (edges * terms + normal) * 0x1p-46f + 1e-37f) + 1e-37f;
-    // Anything that could overflow is left to the test in double, and so is NaN, which shows in `terms` or `edges`.
-    o.error = error < 1e23f ? error : __builtin_inff();
-    o.a = r.a;
-    o.b = r.b;
-    o.k = r.k;
-}
-
-template <class T> ZENR_INLINE Bits mayBeInside(const Outline& o, const T& tile, int v) {
-    const Floats dA = tile.direction[o.a][v], dB = tile.direction[o.b][v], dK = tile.direction[o.k][v];
-    const Floats alpha = all(o.alpha[0]) * dA + all(o.alpha[1]) * dB + all(o.alpha[2]) * dK;
-    const Floats beta = all(o.beta[0]) * dA + all(o.beta[1]) * dB + all(o.beta[2]) * dK;
-    const Floats gamma = all(o.gamma[0]) * dA + all(o.gamma[1]) * dB + all(o.gamma[2]) * dK;
+// The rays of a vector of directions that may meet a triangle.
+ZENR_INLINE Bits mayBeInside(const Outlines& o, int i, Floats dX, Floats dY, Floats dZ) {
+    Floats weight[3];
+    for (int w = 0; w < 3; ++w)
+        weight[w] = about(all(o.factor[w][0][i]), dX, about(all(o.factor[w][1][i]), dY, all(o.factor[w][2][i]) * dZ));
     // A NaN weight comes with an infinite error bound.
-    const Floats low = smaller(smaller(alpha, beta), gamma);
-    const Floats high = larger(larger(alpha, beta), gamma);
-    return ~(less(low, all(-o.error)) & less(all(o.error), high)) & kAllLanes;
+    const Floats low = smaller(smaller(weight[0], weight[1]), weight[2]);
+    const Floats high = larger(larger(weight[0], weight[1]), weight[2]);
+    return ~(less(low, all(-o.error[i])) & less(all(o.error[i]), high)) & kAllLanes;
+}
+
+// Finds the rays in question of each triangle of a batch; returns the triangles that have any.
+template <class T>
+ZENR_INLINE unsigned quickTest(const ZenrTriangleAccel* accel, const int* list, int count, const T& tile,
+                               typename T::Set active, typename T::Set* inQuestion) {
+    Outlines outlines;
+    unsigned candidates[T::kBoxes] = {};
+    unsigned any = 0;
+    for (int first = 0; first < count; first += kLanes) {
+        Outline o;
+        outline(o, accel, list + first, count - first, tile.sharedOrigin, tile.reach);
+        unsigned here = 0;
+        for (int box = 0; box < T::kBoxes; ++box) {
+            if (!(active >> (box * kBoxRays) & 0xFFFFu)) continue;
+            const unsigned bits = mayMeet(o, tile, box);
+            candidates[box] |= bits << first;
+            here |= bits;
+        }
+        if (!here) continue;
+        any |= here << first;
+        for (int w = 0; w < 3; ++w)
+            for (int k = 0; k < 3; ++k)
+                __builtin_memcpy(&outlines.factor[w][k][first], &o.factor[w][k], sizeof(Floats));
+        __builtin_memcpy(&outlines.error[first], &o.error, sizeof(Floats));
+    }
+    if (!any) return 0;
+    for (int i = 0; i < kBatch; ++i) inQuestion[i] = 0;
+    for (int v = 0; v < T::kVectors; ++v) {
+        const Bits bits = part(active, v);
+        if (!bits) continue;
+        const Floats dX = tile.direction[0][v], dY = tile.direction[1][v], dZ = tile.direction[2][v];
+        for (unsigned left = candidates[v * kLanes / kBoxRays]; left; left &= left - 1) {
+            const int i = __builtin_ctz(left);
+            inQuestion[i] |= whole<typename T::Set>(bits & mayBeInside(outlines, i, dX, dY, dZ), v);
+        }
+    }
+    return any;
 }
 
 // The same for rays with their own origins: the test itself in single precision, and a bound on its error.
@@ -209,6 +288,11 @@ struct OwnOutline {
     const ZenrTriangleAccel* record;
     float error;
 };
+
+ZENR_INLINE float sumOf(__m128 a) {
+    const __m128 pairs = _mm_add_ps(a, _mm_movehl_ps(a, a));
+    return _mm_cvtss_f32(_mm_add_ss(pairs, _mm_shuffle_ps(pairs, pairs, 1)));
+}
 
 ZENR_INLINE void outline(OwnOutline& o, const ZenrTriangleAccel& r, float reach, float away) {
     o.record = &r;
@@ -246,8 +330,22 @@ template <class T> ZENR_INLINE Bits mayBeInside(const OwnOutline& o, const T& ti
     return ~(less(low, all(-o.error)) & less(all(o.error), high)) & kAllLanes;
 }
 
-template <bool Own> struct OutlineOf { typedef Outline Type; };
-template <> struct OutlineOf<true> { typedef OwnOutline Type; };
+template <class T>
+ZENR_INLINE unsigned quickTestOwn(const ZenrTriangleAccel* accel, const int* list, int count, const T& tile,
+                                  typename T::Set active, typename T::Set* inQuestion) {
+    OwnOutline outlines[kBatch];
+    for (int i = 0; i < count; ++i) {
+        outline(outlines[i], accel[list[i]], tile.reach, tile.away);
+        inQuestion[i] = 0;
+    }
+    for (int v = 0; v < T::kVectors; ++v) {
+        const Bits bits = part(active, v);
+        if (!bits) continue;
+        for (int i = 0; i < count; ++i)
+            inQuestion[i] |= whole<typename T::Set>(bits & mayBeInside(outlines[i], tile, v), v);
+    }
+    return (1u << count) - 1;
+}
 
 // Tests a triangle for the rays of a vector that `bits` names, and takes its hits; returns them.
 template <class Search, class T> ZENR_INLINE Bits takeHits(const Triangle& r, T& tile, int v, Bits bits) {
@@ -303,12 +401,10 @@ ZENR_INLINE void prefetchBelow(const ZenrKDTreeNode* node, const ZenrTriangleAcc
 }
 
 // Whether a leaf's triangles are better taken side by side than its rays; where both are as good is flat.
-template <class Set> ZENR_INLINE bool fewFor(Set rays, int triangles) {
+template <class Search, class Set> ZENR_INLINE bool fewFor(Set rays, int triangles) {
     const int n = sizeof rays > 4 ? __builtin_popcountll(rays) : __builtin_popcount(uint32_t(rays));
-    return kFewRaysPay && n <= triangles + 6;
+    return kFewRaysPay && n <= (Search::kOwnOrigins ? triangles + 6 : kFewShared);
 }
-
-constexpr int kBatch = 8; // triangles that the quick test takes at a time
 
 // The triangles of a leaf in list order; returns the rays whose search ends here.
 template <class Search, class T>
@@ -330,42 +426,30 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
         list = reinterpret_cast<const int*>(reinterpret_cast<const char*>(leaf) + forward);
     }
     const typename T::Set before = active;
-    for (uint32_t done = 0; done < count; done += kBatch) {
-        const int batch = count - done < uint32_t(kBatch) ? int(count - done) : kBatch;
-        // First the quick test, without a branch that depends on a ray, so that the processor works on several triangles
-        // at a time. For a packet with its own origins its error bound costs as much as it saves.
-        typename T::Set inQuestion[kBatch];
-        typename OutlineOf<Search::kOwnOrigins>::Type outlines[kBatch];
-        for (int i = 0; i < batch; ++i) {
+    constexpr uint32_t kMost = Search::kOwnOrigins ? kBatch / 2 : kBatch;
+    for (uint32_t done = 0; done < count; done += kMost) {
+        const int batch = int(count - done < kMost ? count - done : kMost);
+        for (int i = 0; Search::kOwnOrigins && i < batch; ++i) {
             __builtin_prefetch(&accel[list[i]].axes);
             __builtin_prefetch(&accel[list[i]].e1B);
         }
-        if (fewFor(active, batch)) {
+        if (fewFor<Search>(active, batch)) {
             for (int i = 0; i < batch && active; i += kHalf)
                 active &= ~testRow<Search>(list + i, batch - i < kHalf ? batch - i : kHalf, accel, tile, active);
             if (!active) break;
             list += batch;
             continue;
         }
+        // First the quick test. For a packet with its own origins its error bound costs as much as it saves.
         constexpr bool kQuick = !Search::kOwnOrigins || T::kRays > 16;
-        for (int i = 0; kQuick && i < batch; ++i) {
-            const ZenrTriangleAccel& record = accel[list[i]];
-            if constexpr (Search::kOwnOrigins) {
-                outline(outlines[i], record, tile.reach, tile.away);
-            } else {
-                Triangle r;
-                load<Search>(r, record, list[i], tile);
-                outline(outlines[i], r, record, tile.reach);
-            }
-            inQuestion[i] = 0;
-        }
-        for (int v = 0; kQuick && v < T::kVectors; ++v) {
-            const Bits bits = part(active, v);
-            if (!bits) continue;
-            for (int i = 0; i < batch; ++i)
-                inQuestion[i] |= whole<typename T::Set>(bits & mayBeInside(outlines[i], tile, v), v);
-        }
-        for (int i = 0; i < batch; ++i) {
+        typename T::Set inQuestion[kBatch];
+        unsigned left = (1u << batch) - 1;
+        if constexpr (!Search::kOwnOrigins)
+            left = quickTest(accel, list, batch, tile, active, inQuestion);
+        else if constexpr (kQuick)
+            left = quickTestOwn(accel, list, batch, tile, active, inQuestion);
+        for (; left; left &= left - 1) {
+            const int i = __builtin_ctz(left);
             const typename T::Set rays = kQuick ? inQuestion[i] & active : active;
             const int j = list[i];
             if (!rays || accel[j].axes == 0) continue;
@@ -406,7 +490,8 @@ struct Bounds {
     Span tmin, tmax;
 };
 
-template <class Search, class T> ZENR_INLINE void bound(Bounds& bounds, const T& tile, typename T::Set rays) {
+// False where a ray's interval is reversed: a later search of successive hits may start outside the box.
+template <class Search, class T> ZENR_INLINE bool bound(Bounds& bounds, const T& tile, typename T::Set rays) {
     const float inf = __builtin_inff();
     const auto spanOf = [rays, inf](const Floats* x) {
         Floats low = all(inf), high = all(-inf);
@@ -418,29 +503,38 @@ template <class Search, class T> ZENR_INLINE void bound(Bounds& bounds, const T&
         }
         return Span{least(low), greatest(high)};
     };
-    typename T::Set odd = 0;
+    // Where no ray of the tile is parallel to an axis or differs in sign, the directions' bounds give the reciprocals'.
+    bool same[3];
+    for (int k = 0; k < 3; ++k) same[k] = tile.reach < inf && (tile.low[k] > kParallel || tile.high[k] < -kParallel);
+    typename T::Set odd = 0, ordered = 0;
     for (int v = 0; v < T::kVectors; ++v) {
-        Bits fine = lessEqual(tile.tmin[v], tile.tmax[v]);
+        ordered |= whole<typename T::Set>(lessEqual(tile.tmin[v], tile.tmax[v]), v);
+        Bits fine = kAllLanes;
         for (int k = 0; k < 3; ++k) {
             const Floats size = absolute(tile.inverse[k][v]);
-            fine &= less(Floats{}, size) & less(size, all(inf));
+            if (!same[k]) fine &= less(Floats{}, size) & less(size, all(inf));
             if (Search::kOwnOrigins) fine &= less(absolute(tile.origin[k][v]), all(inf));
         }
         odd |= whole<typename T::Set>(~fine & kAllLanes, v);
     }
+    if (rays & ~ordered) return false;
     const bool usable = !(odd & rays);
     const float nan = __builtin_nanf("");
     for (int k = 0; k < 3; ++k) {
-        bounds.inverse[k] = usable ? spanOf(tile.inverse[k]) : Span{nan, nan};
+        bounds.inverse[k] = !usable   ? Span{nan, nan}
+                            : same[k] ? Span{1.f / tile.high[k], 1.f / tile.low[k]}
+                                      : spanOf(tile.inverse[k]);
         if (Search::kOwnOrigins) {
             bounds.origin[k] = usable ? spanOf(tile.origin[k]) : Span{nan, nan};
         } else {
             bounds.origin[k] = {tile.sharedOrigin[k], tile.sharedOrigin[k]};
         }
     }
-    bounds.inverse[3] = bounds.origin[3] = {nan, nan};
+    // A malformed node's axis, as it is for each ray.
+    bounds.inverse[3] = bounds.origin[3] = {0, 0};
     bounds.tmin = usable ? spanOf(tile.tmin) : Span{nan, nan};
     bounds.tmax = usable ? spanOf(tile.tmax) : Span{nan, nan};
+    return true;
 }
 
 // Where all rays cross a split plane.
@@ -452,26 +546,49 @@ template <class Search> ZENR_INLINE Span crossing(const Bounds& bounds, int axis
     return {smallerOf(smallerOf(a, b), smallerOf(c, d)), largerOf(largerOf(a, b), largerOf(c, d))};
 }
 
-// The far child of a node, and the rays that are to visit it.
+// The far child of a node, and the rays that are to visit it, from the node's middles on.
 template <class T> struct Pending {
     const ZenrKDTreeNode* node;
     typename T::Set always; // these did not visit the near child
-    typename T::Set unless; // these did, and stop there if what they found ends before tmin
+    typename T::Set unless; // these did, and stop there if what they found ends before the middle
     Span tminBounds, tmaxBounds;
-    Floats tmin[T::kVectors], tmax[T::kVectors];
+    const Floats* tmax;
+    int depth; // of the middles
 };
 
-// Walks the tree with rays that agree about near children, each over its interval. False where a tree that no builder
-// of ours makes needs a larger stack: the caller traces these rays one by one.
+ZENR_INLINE bool isEmptyLeaf(const ZenrKDTreeNode* node) {
+    return (node->w0 & kLeafBit) && node->w1 == 0;
+}
+
+// The rays of a set that go on behind `middle`, because they have found nothing before it.
+template <class Search, class T>
+ZENR_INLINE typename T::Set goOn(const T& tile, typename T::Set rays, const Floats* middle) {
+    typename T::Set on = 0;
+    for (int v = 0; v < T::kVectors; ++v) {
+        const Bits bits = part(rays, v);
+        if (!bits) continue;
+        const Floats best = Search::kSegment ? all(1.f) : tile.best[v];
+        on |= whole<typename T::Set>(bits & ~lessEqual(best, middle[v]), v);
+    }
+    return on;
+}
+
+// Walks the tree with rays that agree about near children, each over its interval. False where the caller has to trace
+// these rays one by one: an interval is reversed, or a tree that no builder of ours makes needs a larger stack.
 template <class Search, class T>
 ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, T& tile, typename T::Set rays,
                       int room = kMaxTreeDepth) {
     Pending<T> stack[kMaxTreeDepth];
-    int pending = 0;
+    // Where each ray goes over from the near to the far child of the nodes on the way here at which some were split: the
+    // end of its interval in the one, its beginning in the other.
+    Floats middles[kMaxTreeDepth][T::kVectors];
+    int pending = 0, depth = 0;
+    const Floats* tmin = tile.tmin;
+    const Floats* tmax = tile.tmax;
     Bounds bounds = {};
     // Rays that go apart gain nothing from bounds.
     constexpr bool kBounded = T::kRays > 16;
-    if (kBounded) bound<Search>(bounds, tile, rays);
+    if (kBounded && !bound<Search>(bounds, tile, rays)) return false;
     int nearChild[4];
     for (int k = 0; k < 4; ++k) nearChild[k] = (tile.negative[k] & rays) != 0;
     typename T::Set active = rays;
@@ -497,17 +614,20 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
                 continue;
             }
 
-            Floats t[T::kVectors];
+            if (depth == room) return false;
+            Floats* const middle = middles[depth];
             typename T::Set farOnly = 0, nearOnly = 0;
             prefetchBelow(nearer, accel);
             prefetchBelow(farther, accel);
             const Floats tolerance = all(Search::kTolerance);
             for (int v = 0; v < T::kVectors; ++v) {
                 if (!part(active, v)) continue;
-                t[v] = (all(split) - (Search::kOwnOrigins ? tile.origin[axis][v] : all(tile.sharedOrigin[axis]))) *
-                       tile.inverse[axis][v];
-                farOnly |= whole<typename T::Set>(less(tolerance, tile.tmin[v] - t[v]), v);
-                nearOnly |= whole<typename T::Set>(less(tolerance, t[v] - tile.tmax[v]), v);
+                const Floats origin = Search::kOwnOrigins ? tile.origin[axis][v] : all(tile.sharedOrigin[axis]);
+                const Floats t = (all(split) - origin) * tile.inverse[axis][v];
+                farOnly |= whole<typename T::Set>(less(tolerance, tmin[v] - t), v);
+                nearOnly |= whole<typename T::Set>(less(tolerance, t - tmax[v]), v);
+                // For a ray of the near child alone this is its tmax, for one of the far child alone its tmin.
+                middle[v] = larger(tmin[v], smaller(t, tmax[v]));
             }
             farOnly &= active;
             nearOnly &= active & ~farOnly;
@@ -521,24 +641,26 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
             }
 
             const typename T::Set both = active & ~farOnly & ~nearOnly;
-            if (pending == room) return false;
-            Pending<T>& later = stack[pending++];
-            later.node = farther;
-            later.always = farOnly;
-            later.unless = both;
-            const Span middle = {largerOf(bounds.tmin.low, smallerOf(cross.low, bounds.tmax.low)),
-                                 largerOf(bounds.tmin.high, smallerOf(cross.high, bounds.tmax.high))};
-            later.tminBounds = {middle.low, largerOf(middle.high, bounds.tmin.high)};
-            later.tmaxBounds = bounds.tmax;
-            for (int v = 0; v < T::kVectors; ++v) {
-                if (!part(active, v)) continue;
-                const Bits split2 = part(both, v);
-                const Floats m = larger(tile.tmin[v], smaller(t[v], tile.tmax[v]));
-                later.tmin[v] = select(split2, m, tile.tmin[v]);
-                later.tmax[v] = tile.tmax[v];
-                tile.tmax[v] = select(split2, m, tile.tmax[v]);
+            const Span middleBounds = {largerOf(bounds.tmin.low, smallerOf(cross.low, bounds.tmax.low)),
+                                       largerOf(bounds.tmin.high, smallerOf(cross.high, bounds.tmax.high))};
+            ++depth;
+            // A stop that an empty far child would see is seen at the next pending node.
+            if (!isEmptyLeaf(farther)) {
+                if (isEmptyLeaf(nearer)) {
+                    active = farOnly | goOn<Search>(tile, both, middle);
+                    if (active) {
+                        bounds.tmin = middleBounds;
+                        tmin = middle;
+                        node = farther;
+                        continue;
+                    }
+                    node = nearer;
+                    continue;
+                }
+                stack[pending++] = {farther, farOnly, both, middleBounds, bounds.tmax, tmax, depth - 1};
             }
-            bounds.tmax = {smallerOf(middle.low, bounds.tmax.low), middle.high};
+            bounds.tmax = middleBounds;
+            tmax = middle;
             active &= ~farOnly;
             node = nearer;
         }
@@ -548,29 +670,19 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
             if (!alive) return true;
         }
 
-        // The interval that a ray searched last ended at the tmin of the entry.
-        for (;;) {
+        // The interval that a ray searched last ended at the middle of the entry.
+        do {
             if (pending == 0) return true;
             const Pending<T>& next = stack[--pending];
-            active = next.always;
-            for (int v = 0; v < T::kVectors; ++v) {
-                const Bits bits = part(next.unless, v);
-                if (!bits) continue;
-                const Floats best = Search::kSegment ? all(1.f) : tile.best[v];
-                active |= whole<typename T::Set>(bits & ~lessEqual(best, next.tmin[v]), v);
-            }
-            if (Search::kSegment) active &= alive;
-            if (!active) continue;
             node = next.node;
-            for (int v = 0; v < T::kVectors; ++v) {
-                if (!part(active, v)) continue;
-                tile.tmin[v] = next.tmin[v];
-                tile.tmax[v] = next.tmax[v];
-            }
+            depth = next.depth;
+            tmin = middles[depth++];
+            tmax = next.tmax;
             bounds.tmin = next.tminBounds;
             bounds.tmax = next.tmaxBounds;
-            break;
-        }
+            active = next.always | goOn<Search>(tile, next.unless, tmin);
+            if (Search::kSegment) active &= alive;
+        } while (!active);
     }
 }
 

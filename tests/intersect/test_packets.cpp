@@ -256,6 +256,29 @@ TEST(Packets, ScenesOfAnyScaleAndPlace) {
     }
 }
 
+TEST(Packets, ABoxSmallerThanTheScene) {
+    // Hits outside the box, behind which successive searches have reversed intervals.
+    for (int round = 0; round < rounds(12); ++round) {
+        TestScene scene(round % 2 ? reference::sphere(3) : reference::soup(500, 0.3f, 21), 3, 20);
+        for (int k = 0; k < 6; ++k) scene.box[k] *= 0.2f + 0.1f * float((round + k) % 5);
+        for (int kind = 0; kind < kKinds; ++kind) {
+            RaySet want(512, kind == multiple ? 9 : 1);
+            if (round % 3)
+                fillMixed(want, scene.mesh, 300 + uint32_t(round), kind != nearest);
+            else
+                fillCoherent(want, {32, 16}, 300 + uint32_t(round));
+            const RaySet rays = want;
+            trace(Kind(kind), scene, want, {32, 16}, nullptr);
+            for (const zenr::Level level : levels()) {
+                RaySet got = rays;
+                trace(Kind(kind), scene, got, {32, 16}, &level);
+                size_t first = 0;
+                ASSERT_EQ(differing(got, want, first), 0u) << kNames[kind] << " round " << round << " first " << first;
+            }
+        }
+    }
+}
+
 TEST(Packets, BlocksTouchNothingButTheirRays) {
     TestScene scene(reference::sphere(4), 3, 20);
     for (const ZenrSize shape : {ZenrSize{3, 1}, ZenrSize{9, 9}, ZenrSize{65, 1}, ZenrSize{8, 8}, ZenrSize{17, 12}}) {
