@@ -38,7 +38,7 @@ double now(bool wall) {
 }
 template <class F> double best(bool wall, const F& f) {
     double least = 1e9, spent = 0;
-    for (int i = 0; i < 12 && (i < 2 || spent < 0.4); ++i) {
+    for (int i = 0; i < 2 || spent < 0.4; ++i) {
         const double begin = now(wall);
         f();
         const double took = now(wall) - begin;

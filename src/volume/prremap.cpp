@@ -8,8 +8,6 @@ namespace zenr {
 namespace {
 
 constexpr int kTileColumns = 256;
-constexpr int kTileRows = 16;
-constexpr int kTileSlices = 16;
 
 constexpr int least(int a, int b) {
     return a < b ? a : b;

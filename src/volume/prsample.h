@@ -71,19 +71,30 @@ constexpr long long voxelsOf(int width, int height, int depth) {
     return plane < 0x7FFFFFFF ? plane * depth : plane;
 }
 
-// `count` voxels of a destination row. Where a position lies outside the source's box, or is no number, the voxel is
-// left as it is.
-//   warp   position: that of the first voxel; it grows by `advance` from voxel to voxel, by additions in double, and is
-//          left at the voxel behind the last
-//   remap  map: the positions' x, y and z
+// Rows of a destination that a warp samples together, and where they are in the source.
+constexpr int kTileRows = 16;
+constexpr int kTileSlices = 16;
+constexpr int kSideBySide = 16; // room is a multiple of it
+template <class T> struct WarpTile {
+    static constexpr int kMost = kTileRows * kTileSlices;
+    static_assert(kMost % kSideBySide == 0);
+    int rows;
+    T* row[kMost];
+    alignas(64) double position[3][kMost];
+};
+
+// Voxels of destination rows. Where a position lies outside the source's box, or is no number, the voxel is left as it is.
+//   warp   voxels [x, x + count) of all rows of a tile, whose positions are those of voxel x; they grow by `advance`
+//          from voxel to voxel, by additions in double, and are left at the voxel behind the last
+//   remap  `count` voxels from dst on; map: the positions' x, y and z
 template <class T>
-using WarpRow = void(const SampleSource<T>& src, T* dst, int count, double position[3], const double advance[3]);
+using WarpRows = void(const SampleSource<T>& src, WarpTile<T>* tile, int x, int count, const double advance[3]);
 template <class T> using RemapRow = void(const SampleSource<T>& src, T* dst, int count, const float* const map[3]);
 
 constexpr int kModeCount = 8; // tables are indexed by mode; 0 and 3 are empty
 
 template <class T> struct SampleKernels {
-    WarpRow<T>* warp[kModeCount];
+    WarpRows<T>* warp[kModeCount];
     RemapRow<T>* remap[kModeCount];
 };
 

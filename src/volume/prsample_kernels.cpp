@@ -3,112 +3,162 @@
 #include "volume/prsamplecubic.h"
 #include "volume/prsamplelinear.h"
 #include "volume/prsamplenearest.h"
+#include "volume/prsamplerun.h"
+#include "volume/prsampleturn.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
 namespace {
 
-constexpr int kRun = 64; // voxels of a row whose positions are computed before the first is sampled
+constexpr int kAlignedRun = 64; // voxels of a row along x of the source that are sampled at once
 
-// Room for a last chunk that is not full.
-struct alignas(64) Run {
-    double s[3][kRun + kChunk];
-};
-
-inline uint64_t bitsOf(double x) {
-    return __builtin_bit_cast(uint64_t, x);
-}
-
-// Whether additions of `advance` lead from `first` to `last`, with multiples of `step` in between: all of them lie
-// within the same two powers of two, so that ulps are the same and the same advance is added every time, `advance`
-// rounded to whole ulps; but no sum may be a tie, which is rounded now up and now down.
-inline bool evenly(double first, double last, double advance, double step) {
-    constexpr int kMantissa = 52;
-    constexpr uint64_t kFraction = (uint64_t(1) << kMantissa) - 1;
-    const uint64_t a = bitsOf(first), b = bitsOf(last), exponent = a >> kMantissa & 0x7FF;
-    const double ulp = __builtin_bit_cast(double, (exponent - kMantissa) << kMantissa);
-    const bool same = ((a ^ b) >> kMantissa) == 0 && (a & kFraction) != 0 && (b & kFraction) != 0;
-    return same && exponent > kMantissa && __builtin_fabs(advance - step) * 2 != ulp;
-}
-
-// Positions of the next voxels of a row, exactly as repeated addition gives them.
-inline void nextPositions(double* position, double advance, int count, double* s) {
-    const double first = *position, step = (first + advance) - first, last = first + (count - 1) * step;
-    if (__builtin_expect(evenly(first, last, advance, step), 1)) {
-        for (int x = 0; x < count; x += kChunk)
-            for (int i = 0; i < kChunk; ++i) s[x + i] = first + (x + i) * step;
-        *position = last + advance;
-    } else if (count > kChunk) {
-        for (int x = 0; x < count; x += kChunk)
-            nextPositions(position, advance, count - x < kChunk ? count - x : kChunk, s + x);
-    } else {
-        double next = first;
-        for (int x = 0; x < count; ++x) {
-            s[x] = next;
-            next += advance;
-        }
-        *position = next;
-    }
-}
-
-// The voxels of a run that are inside: an interval, because positions are monotonous also when rounded.
-inline Interval insideOf(const double* s, int count, double advance, double low, double high) {
-    if (s[0] >= low && s[0] <= high && s[count - 1] >= low && s[count - 1] <= high) return {0, count};
-    int below = 0, above = 0;
-    for (int x = 0; x < count; ++x) {
-        below += !(s[x] >= low);
-        above += s[x] > high;
-    }
-    return advance < 0 ? Interval{above, count - below} : Interval{below, count - above};
-}
-
-// Whether a position is the same for a whole row. One of -0 becomes +0.
-inline bool stays(double position, double advance) {
-    return advance == 0 && (position != 0 || bitsOf(position) == 0);
+// Whether a tile's rows go along x of the source, and slowly enough for its lines.
+template <class T> bool alongX(const WarpTile<T>& tile, const double advance[3]) {
+    constexpr double kMargin = 8;
+    bool all = __builtin_fabs(advance[0]) * kAlignedRun + kMargin < kSpan;
+    for (int r = 0; r < tile.rows; ++r)
+        all = all && stays(tile.position[1][r], advance[1]) && stays(tile.position[2][r], advance[2]);
+    return all;
 }
 
 template <class T, class Policy>
-void warpRow(const SampleSource<T>& src, T* dst, int count, double position[3], const double advance[3]) {
-    if (!src.narrow) {
-        for (int x = 0; x < count; ++x) {
-            if (inside(src, position)) dst[x] = Policy::value(src, position);
-            for (int k = 0; k < 3; ++k) position[k] += advance[k];
+void warpAlong(const SampleSource<T>& src, T* dst, int count, const double* x, double y, double z) {
+    for (int i = 0; i < count; i += kAlignedRun) {
+        const int n = count - i < kAlignedRun ? count - i : kAlignedRun;
+        const int a = axisBase(x[i], src.high[0]).base, b = axisBase(x[i + n - 1], src.high[0]).base;
+        const int first = (a < b ? a : b) - 1, span = (a < b ? b : a) + 2 - first + 1;
+        Policy::aligned(src, {x + i, n, y, z, first, span}, dst + i);
+    }
+}
+
+// Rows along x: y and z decide for a whole row, and rows that begin at the same x share its positions.
+template <class T, class Policy>
+void warpRowsAlong(const SampleSource<T>& src, WarpTile<T>* tile, int x, int count, double advance) {
+    for (int done = 0; done < count; done += kRun) {
+        const int n = count - done < kRun ? count - done : kRun;
+        AxisRun run;
+        Interval in = {0, 0};
+        double start = 0, next = 0;
+        for (int r = 0; r < tile->rows; ++r) {
+            double* const position = &tile->position[0][r];
+            if (r == 0 || bitsOf(*position) != bitsOf(start)) {
+                start = next = *position;
+                run.place(&next, advance, n);
+                in = run.inside(n, advance, src.low[0], src.high[0]);
+                if (in.begin < in.end) run.pad(in);
+            }
+            *position = next;
+            const double at[3] = {run.s[in.begin], tile->position[1][r], tile->position[2][r]};
+            if (in.begin < in.end && inside(src, at))
+                warpAlong<T, Policy>(src, tile->row[r] + x + done + in.begin, in.end - in.begin, run.s + in.begin,
+                                     at[1], at[2]);
+        }
+    }
+}
+
+// Voxels of rows side by side: one of each, as a chunk.
+struct alignas(64) Column {
+    double s[3][kChunk];
+};
+
+inline void move(Column* at, const double advance[3]) {
+    for (int k = 0; k < 3; ++k)
+        for (int i = 0; i < kChunk; ++i) at->s[k][i] += advance[k];
+}
+
+enum class Whereabouts { inside, edge, outside };
+
+// Of `count` columns. Their ends are estimated, so near the edges of the box nothing is said of them.
+template <class T>
+Whereabouts whereabouts(const SampleSource<T>& src, const Column& at, const double advance[3], int count) {
+    constexpr double kSlack = 9.094947017729282e-13; // 2^-40; rounding makes up 2^-46 at the most
+    alignas(64) int64_t in[kChunk], out[kChunk] = {};
+    for (int i = 0; i < kChunk; ++i) in[i] = -1;
+    for (int k = 0; k < 3; ++k) {
+        const double way = (count - 1) * advance[k], low = src.low[k], high = src.high[k];
+        for (int i = 0; i < kChunk; ++i) {
+            const double a = at.s[k][i], b = a + way;
+            const double slack = (__builtin_fabs(a) + __builtin_fabs(b)) * kSlack;
+            const double least = (a < b ? a : b) - slack, most = (a < b ? b : a) + slack;
+            in[i] &= -int64_t(least >= low) & -int64_t(most <= high);
+            out[i] |= -int64_t(most < low) | -int64_t(least > high);
+        }
+    }
+    int64_t allIn = -1, allOut = -1;
+    for (int i = 0; i < kChunk; ++i) allIn &= in[i], allOut &= out[i];
+    return allIn ? Whereabouts::inside : allOut ? Whereabouts::outside : Whereabouts::edge;
+}
+
+// Samples what is inside of a chunk; sets out[i] for what is not.
+template <class T, class Policy> int sampleInside(const SampleSource<T>& src, const Column& at, T* voxels, int* out) {
+    alignas(64) double s[3][kChunk];
+    for (int i = 0; i < kChunk; ++i) out[i] = 0;
+    for (int k = 0; k < 3; ++k) {
+        const double low = src.low[k], high = src.high[k];
+        for (int i = 0; i < kChunk; ++i) out[i] |= !(at.s[k][i] >= low) | !(at.s[k][i] <= high);
+    }
+    int outside = 0;
+    for (int i = 0; i < kChunk; ++i) outside += out[i];
+    if (outside == kChunk) return outside;
+    // Voxels outside are computed somewhere inside, for nothing.
+    for (int k = 0; k < 3; ++k)
+        for (int i = 0; i < kChunk; ++i) s[k][i] = out[i] ? src.low[k] : at.s[k][i];
+    Policy::chunk(src, {s[0], s[1], s[2]}, voxels);
+    return outside;
+}
+
+// Up to kChunk columns of rows side by side.
+template <class T, class Policy>
+void warpBlock(const SampleSource<T>& src, T* const* row, int rows, int x, int columns, Column* at,
+               const double advance[3]) {
+    alignas(64) T block[kChunk][kChunk];
+    switch (whereabouts(src, *at, advance, columns)) {
+    case Whereabouts::inside:
+        for (int c = 0; c < columns; ++c) {
+            Policy::chunk(src, {at->s[0], at->s[1], at->s[2]}, block[c]);
+            move(at, advance);
+        }
+        if (columns == kChunk && rows == kChunk) return turned(block, row, x);
+        for (int r = 0; r < rows; ++r)
+            for (int c = 0; c < columns; ++c) row[r][x + c] = block[c][r];
+        return;
+    case Whereabouts::edge:
+        for (int c = 0; c < columns; ++c) {
+            alignas(64) int out[kChunk];
+            sampleInside<T, Policy>(src, *at, block[c], out);
+            for (int r = 0; r < rows; ++r)
+                if (!out[r]) row[r][x + c] = block[c][r];
+            move(at, advance);
         }
         return;
+    case Whereabouts::outside:
+        for (int c = 0; c < columns; ++c) move(at, advance);
     }
-    const bool alongX = stays(position[1], advance[1]) && stays(position[2], advance[2]);
-    for (int x = 0; x < count; x += kRun) {
-        const int n = count - x < kRun ? count - x : kRun;
-        Run run;
-        Interval in = {0, n};
-        for (int k = 0; k < 3; ++k) {
-            // cppcheck-suppress uninitvar  // written there
-            nextPositions(&position[k], advance[k], n, run.s[k]);
-            const Interval axis = insideOf(run.s[k], n, advance[k], src.low[k], src.high[k]);
-            in.begin = axis.begin > in.begin ? axis.begin : in.begin;
-            in.end = axis.end < in.end ? axis.end : in.end;
-        }
-        if (in.begin >= in.end) continue;
-        const int padded = (in.end - in.begin + kChunk - 1) / kChunk * kChunk;
-        if (alongX) {
-            const int a = axisBase(run.s[0][in.begin], src.high[0]).base,
-                      b = axisBase(run.s[0][in.end - 1], src.high[0]).base;
-            const int first = (a < b ? a : b) - 1, span = (a < b ? b : a) + 2 - first + 1;
-            if (span <= kSpan) {
-                for (int i = in.end; i < in.begin + padded; ++i) run.s[0][i] = run.s[0][in.end - 1];
-                Policy::aligned(src, {run.s[0] + in.begin, in.end - in.begin, run.s[1][0], run.s[2][0], first, span},
-                                dst + x + in.begin);
-                continue;
+}
+
+template <class T, class Policy>
+void warpRows(const SampleSource<T>& src, WarpTile<T>* tile, int x, int count, const double advance[3]) {
+    if (!src.narrow) {
+        for (int r = 0; r < tile->rows; ++r)
+            for (int c = 0; c < count; ++c) {
+                const double at[3] = {tile->position[0][r], tile->position[1][r], tile->position[2][r]};
+                if (inside(src, at)) tile->row[r][x + c] = Policy::value(src, at);
+                for (int k = 0; k < 3; ++k) tile->position[k][r] += advance[k];
             }
-        }
+        return;
+    }
+    if (alongX(*tile, advance)) return warpRowsAlong<T, Policy>(src, tile, x, count, advance[0]);
+    for (int r = 0; r < tile->rows; r += kChunk) {
+        const int rows = tile->rows - r < kChunk ? tile->rows - r : kChunk;
+        // Rows that are missing are like the last one.
+        Column at;
         for (int k = 0; k < 3; ++k)
-            for (int i = in.end; i < in.begin + padded; ++i) run.s[k][i] = run.s[k][in.end - 1];
-        for (int i = in.begin; i < in.end; i += kChunk) {
-            T out[kChunk];
-            const bool whole = in.end - i >= kChunk;
-            Policy::chunk(src, {run.s[0] + i, run.s[1] + i, run.s[2] + i}, whole ? dst + x + i : out);
-            for (int j = i; !whole && j < in.end; ++j) dst[x + j] = out[j - i];
-        }
+            for (int i = 0; i < kChunk; ++i) at.s[k][i] = tile->position[k][r + (i < rows ? i : rows - 1)];
+        for (int c = 0; c < count; c += kChunk)
+            warpBlock<T, Policy>(src, tile->row + r, rows, x + c, count - c < kChunk ? count - c : kChunk, &at,
+                                 advance);
+        for (int k = 0; k < 3; ++k)
+            for (int i = 0; i < rows; ++i) tile->position[k][r + i] = at.s[k][i];
     }
 }
 
@@ -123,8 +173,7 @@ void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const 
     }
     for (int x = 0; x < count; x += kChunk) {
         const int n = count - x < kChunk ? count - x : kChunk;
-        alignas(64) double s[3][kChunk];
-        alignas(64) int out[kChunk] = {};
+        Column at;
         for (int k = 0; k < 3; ++k) {
             float padded[kChunk];
             const float* from = map[k] + x;
@@ -132,21 +181,12 @@ void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const 
                 for (int i = 0; i < kChunk; ++i) padded[i] = i < n ? from[i] : __builtin_nanf("");
                 from = padded;
             }
-            const double low = src.low[k], high = src.high[k];
-            for (int i = 0; i < kChunk; ++i) {
-                s[k][i] = from[i];
-                out[i] |= !(s[k][i] >= low) | !(s[k][i] <= high);
-            }
+            for (int i = 0; i < kChunk; ++i) at.s[k][i] = from[i];
         }
-        int outside = 0;
-        for (int i = 0; i < kChunk; ++i) outside += out[i];
-        if (outside == kChunk) continue;
-        // Voxels outside are computed somewhere inside, for nothing.
-        if (outside)
-            for (int k = 0; k < 3; ++k)
-                for (int i = 0; i < kChunk; ++i) s[k][i] = out[i] ? src.low[k] : s[k][i];
+        alignas(64) int out[kChunk];
         T voxels[kChunk];
-        Policy::chunk(src, {s[0], s[1], s[2]}, outside ? voxels : dst + x);
+        const int outside = sampleInside<T, Policy>(src, at, voxels, out);
+        if (!outside) __builtin_memcpy(dst + x, voxels, sizeof voxels);
         for (int i = 0; outside && i < kChunk; ++i)
             if (!out[i]) dst[x + i] = voxels[i];
     }
@@ -154,24 +194,24 @@ void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const 
 
 } // namespace
 
-constexpr auto ownpr_WarpAffine8N = &warpRow<uint8_t, Nearest<uint8_t>>;
-constexpr auto ownpr_WarpAffine8L = &warpRow<uint8_t, Linear<uint8_t>>;
-constexpr auto ownpr_WarpAffine8C0 = &warpRow<uint8_t, Cubic<uint8_t, 4>>;
-constexpr auto ownpr_WarpAffine8C1 = &warpRow<uint8_t, Cubic<uint8_t, 5>>;
-constexpr auto ownpr_WarpAffine8C2 = &warpRow<uint8_t, Cubic<uint8_t, 6>>;
-constexpr auto ownpr_WarpAffine8C3 = &warpRow<uint8_t, Cubic<uint8_t, 7>>;
-constexpr auto ownpr_WarpAffine16N = &warpRow<uint16_t, Nearest<uint16_t>>;
-constexpr auto ownpr_WarpAffine16L = &warpRow<uint16_t, Linear<uint16_t>>;
-constexpr auto ownpr_WarpAffine16C0 = &warpRow<uint16_t, Cubic<uint16_t, 4>>;
-constexpr auto ownpr_WarpAffine16C1 = &warpRow<uint16_t, Cubic<uint16_t, 5>>;
-constexpr auto ownpr_WarpAffine16C2 = &warpRow<uint16_t, Cubic<uint16_t, 6>>;
-constexpr auto ownpr_WarpAffine16C3 = &warpRow<uint16_t, Cubic<uint16_t, 7>>;
-constexpr auto ownpr_WarpAffine32N = &warpRow<float, Nearest<float>>;
-constexpr auto ownpr_WarpAffine32L = &warpRow<float, Linear<float>>;
-constexpr auto ownpr_WarpAffine32C0 = &warpRow<float, Cubic<float, 4>>;
-constexpr auto ownpr_WarpAffine32C1 = &warpRow<float, Cubic<float, 5>>;
-constexpr auto ownpr_WarpAffine32C2 = &warpRow<float, Cubic<float, 6>>;
-constexpr auto ownpr_WarpAffine32C3 = &warpRow<float, Cubic<float, 7>>;
+constexpr auto ownpr_WarpAffine8N = &warpRows<uint8_t, Nearest<uint8_t>>;
+constexpr auto ownpr_WarpAffine8L = &warpRows<uint8_t, Linear<uint8_t>>;
+constexpr auto ownpr_WarpAffine8C0 = &warpRows<uint8_t, Cubic<uint8_t, 4>>;
+constexpr auto ownpr_WarpAffine8C1 = &warpRows<uint8_t, Cubic<uint8_t, 5>>;
+constexpr auto ownpr_WarpAffine8C2 = &warpRows<uint8_t, Cubic<uint8_t, 6>>;
+constexpr auto ownpr_WarpAffine8C3 = &warpRows<uint8_t, Cubic<uint8_t, 7>>;
+constexpr auto ownpr_WarpAffine16N = &warpRows<uint16_t, Nearest<uint16_t>>;
+constexpr auto ownpr_WarpAffine16L = &warpRows<uint16_t, Linear<uint16_t>>;
+constexpr auto ownpr_WarpAffine16C0 = &warpRows<uint16_t, Cubic<uint16_t, 4>>;
+constexpr auto ownpr_WarpAffine16C1 = &warpRows<uint16_t, Cubic<uint16_t, 5>>;
+constexpr auto ownpr_WarpAffine16C2 = &warpRows<uint16_t, Cubic<uint16_t, 6>>;
+constexpr auto ownpr_WarpAffine16C3 = &warpRows<uint16_t, Cubic<uint16_t, 7>>;
+constexpr auto ownpr_WarpAffine32N = &warpRows<float, Nearest<float>>;
+constexpr auto ownpr_WarpAffine32L = &warpRows<float, Linear<float>>;
+constexpr auto ownpr_WarpAffine32C0 = &warpRows<float, Cubic<float, 4>>;
+constexpr auto ownpr_WarpAffine32C1 = &warpRows<float, Cubic<float, 5>>;
+constexpr auto ownpr_WarpAffine32C2 = &warpRows<float, Cubic<float, 6>>;
+constexpr auto ownpr_WarpAffine32C3 = &warpRows<float, Cubic<float, 7>>;
 
 constexpr auto ownpr_Remap8N = &remapRow<uint8_t, Nearest<uint8_t>>;
 constexpr auto ownpr_Remap8L = &remapRow<uint8_t, Linear<uint8_t>>;

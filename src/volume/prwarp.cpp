@@ -52,10 +52,10 @@ ZenStatus ownrGetInverseMatrix(const double c[12], double inverse[12]) {
 
 namespace {
 
-// Rows of the destination in tiles, so that neighbouring rows find their source voxels in the cache.
-constexpr int kTileColumns = 256;
-constexpr int kTileRows = 16;
-constexpr int kTileSlices = 16;
+// The destination in tiles, so that neighbouring rows find their source voxels in the cache. Where rows go along x of the
+// source, they find them in any case, and longer ones cost less.
+constexpr int kTileColumns = 64;
+constexpr int kLongColumns = 256;
 
 constexpr int least(int a, int b) {
     return a < b ? a : b;
@@ -63,30 +63,29 @@ constexpr int least(int a, int b) {
 
 // Where the first voxel of a destination row lies in the source. One order of operations, so that every row can be
 // computed by itself: no result depends on how rows are shared out.
-void rowStart(const double* inverse, double x, double y, double z, double position[3]) {
-    for (int r = 0; r < 3; ++r, inverse += 4)
-        position[r] = inverse[0] * x + inverse[1] * y + inverse[2] * z + inverse[3];
+double rowStart(const double* inverse, double x, double y, double z) {
+    return inverse[0] * x + inverse[1] * y + inverse[2] * z + inverse[3];
 }
 
-// One tile of rows: [y, y + rows) of slices [z, z + slices), all columns.
-template <class T> void warpTile(WarpRow<T>* kernel, const WarpTask<T>& task, int y, int rows, int z, int slices) {
+// Rows [y, y + rows) of slices [z, z + slices).
+template <class T> void warpTile(WarpRows<T>* kernel, const WarpTask<T>& task, int y, int rows, int z, int slices) {
     const double advance[3] = {task.inverse[0], task.inverse[4], task.inverse[8]};
-    double position[kTileSlices][kTileRows][3];
-    for (int k = 0; k < slices; ++k)
-        for (int j = 0; j < rows; ++j) rowStart(task.inverse, task.box.x, y + j, z + k, position[k][j]);
-    for (int done = 0; done < task.box.width; done += kTileColumns) {
-        const int columns = least(task.box.width - done, kTileColumns);
-        for (int k = 0; k < slices; ++k)
-            for (int j = 0; j < rows; ++j) {
-                T* const row = task.dst[z + k] + ptrdiff_t(y + j) * task.dstStep + task.box.x + done;
-                kernel(task.src, row, columns, position[k][j], advance);
-            }
-    }
+    WarpTile<T> tile;
+    tile.rows = 0;
+    for (int k = z; k < z + slices; ++k)
+        for (int j = y; j < y + rows; ++j, ++tile.rows) {
+            tile.row[tile.rows] = task.dst[k] + ptrdiff_t(j) * task.dstStep + task.box.x;
+            for (int axis = 0; axis < 3; ++axis)
+                tile.position[axis][tile.rows] = rowStart(task.inverse + 4 * axis, task.box.x, j, k);
+        }
+    const int columns = advance[1] == 0 && advance[2] == 0 ? kLongColumns : kTileColumns;
+    for (int x = 0; x < task.box.width; x += columns)
+        kernel(task.src, &tile, x, least(task.box.width - x, columns), advance);
 }
 
 template <class T, int mode> void warpVolume(Level level, const WarpTask<T>& task, int first, int count) {
     const WideScope scope(level);
-    WarpRow<T>* const kernel = sampleKernels<T>(level).warp[mode];
+    WarpRows<T>* const kernel = sampleKernels<T>(level).warp[mode];
     for (int z = 0; z < count; z += kTileSlices)
         for (int y = 0; y < task.box.height; y += kTileRows)
             warpTile(kernel, task, task.box.y + y, least(task.box.height - y, kTileRows), first + z,
