@@ -1,5 +1,6 @@
 // The row kernels of affine warp and remap, once per level.
 #include "volume/prsample.h"
+#include "volume/prsamplecolumn.h"
 #include "volume/prsamplecubic.h"
 #include "volume/prsamplelinear.h"
 #include "volume/prsamplenearest.h"
@@ -56,66 +57,15 @@ void warpRowsAlong(const SampleSource<T>& src, WarpTile<T>* tile, int x, int cou
     }
 }
 
-// Voxels of rows side by side: one of each, as a chunk.
-struct alignas(64) Column {
-    double s[3][kChunk];
-};
-
-inline void move(Column* at, const double advance[3]) {
-    for (int k = 0; k < 3; ++k)
-        for (int i = 0; i < kChunk; ++i) at->s[k][i] += advance[k];
-}
-
-enum class Whereabouts { inside, edge, outside };
-
-// Of `count` columns. Their ends are estimated, so near the edges of the box nothing is said of them.
-template <class T>
-Whereabouts whereabouts(const SampleSource<T>& src, const Column& at, const double advance[3], int count) {
-    constexpr double kSlack = 9.094947017729282e-13; // 2^-40; rounding makes up 2^-46 at the most
-    alignas(64) int64_t in[kChunk], out[kChunk] = {};
-    for (int i = 0; i < kChunk; ++i) in[i] = -1;
-    for (int k = 0; k < 3; ++k) {
-        const double way = (count - 1) * advance[k], low = src.low[k], high = src.high[k];
-        for (int i = 0; i < kChunk; ++i) {
-            const double a = at.s[k][i], b = a + way;
-            const double slack = (__builtin_fabs(a) + __builtin_fabs(b)) * kSlack;
-            const double least = (a < b ? a : b) - slack, most = (a < b ? b : a) + slack;
-            in[i] &= -int64_t(least >= low) & -int64_t(most <= high);
-            out[i] |= -int64_t(most < low) | -int64_t(least > high);
-        }
-    }
-    int64_t allIn = -1, allOut = -1;
-    for (int i = 0; i < kChunk; ++i) allIn &= in[i], allOut &= out[i];
-    return allIn ? Whereabouts::inside : allOut ? Whereabouts::outside : Whereabouts::edge;
-}
-
-// Samples what is inside of a chunk; sets out[i] for what is not.
-template <class T, class Policy> int sampleInside(const SampleSource<T>& src, const Column& at, T* voxels, int* out) {
-    alignas(64) double s[3][kChunk];
-    for (int i = 0; i < kChunk; ++i) out[i] = 0;
-    for (int k = 0; k < 3; ++k) {
-        const double low = src.low[k], high = src.high[k];
-        for (int i = 0; i < kChunk; ++i) out[i] |= !(at.s[k][i] >= low) | !(at.s[k][i] <= high);
-    }
-    int outside = 0;
-    for (int i = 0; i < kChunk; ++i) outside += out[i];
-    if (outside == kChunk) return outside;
-    // Voxels outside are computed somewhere inside, for nothing.
-    for (int k = 0; k < 3; ++k)
-        for (int i = 0; i < kChunk; ++i) s[k][i] = out[i] ? src.low[k] : at.s[k][i];
-    Policy::chunk(src, {s[0], s[1], s[2]}, voxels);
-    return outside;
-}
-
 // Up to kChunk columns of rows side by side.
 template <class T, class Policy>
 void warpBlock(const SampleSource<T>& src, T* const* row, int rows, int x, int columns, Column* at,
                const double advance[3]) {
     alignas(64) T block[kChunk][kChunk];
-    switch (whereabouts(src, *at, advance, columns)) {
+    switch (whereabouts(src, *at, advance, columns, 0)) {
     case Whereabouts::inside:
         for (int c = 0; c < columns; ++c) {
-            Policy::chunk(src, {at->s[0], at->s[1], at->s[2]}, block[c]);
+            Policy::column(src, *at, block[c]);
             move(at, advance);
         }
         if (columns == kChunk && rows == kChunk) return turned(block, row, x);
@@ -124,10 +74,11 @@ void warpBlock(const SampleSource<T>& src, T* const* row, int rows, int x, int c
         return;
     case Whereabouts::edge:
         for (int c = 0; c < columns; ++c) {
-            alignas(64) int out[kChunk];
-            sampleInside<T, Policy>(src, *at, block[c], out);
+            Column in = *at;
+            const unsigned out = putInside(src, &in);
+            if (out != kAll) Policy::column(src, in, block[c]);
             for (int r = 0; r < rows; ++r)
-                if (!out[r]) row[r][x + c] = block[c][r];
+                if (!(out >> r & 1)) row[r][x + c] = block[c][r];
             move(at, advance);
         }
         return;
@@ -151,14 +102,17 @@ void warpRows(const SampleSource<T>& src, WarpTile<T>* tile, int x, int count, c
     for (int r = 0; r < tile->rows; r += kChunk) {
         const int rows = tile->rows - r < kChunk ? tile->rows - r : kChunk;
         // Rows that are missing are like the last one.
-        Column at;
+        alignas(64) double s[3][kChunk];
         for (int k = 0; k < 3; ++k)
-            for (int i = 0; i < kChunk; ++i) at.s[k][i] = tile->position[k][r + (i < rows ? i : rows - 1)];
+            for (int i = 0; i < kChunk; ++i) s[k][i] = tile->position[k][r + (i < rows ? i : rows - 1)];
+        Column at;
+        __builtin_memcpy(&at, s, sizeof at);
         for (int c = 0; c < count; c += kChunk)
             warpBlock<T, Policy>(src, tile->row + r, rows, x + c, count - c < kChunk ? count - c : kChunk, &at,
                                  advance);
+        __builtin_memcpy(s, &at, sizeof s);
         for (int k = 0; k < 3; ++k)
-            for (int i = 0; i < rows; ++i) tile->position[k][r + i] = at.s[k][i];
+            for (int i = 0; i < rows; ++i) tile->position[k][r + i] = s[k][i];
     }
 }
 
@@ -173,7 +127,7 @@ void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const 
     }
     for (int x = 0; x < count; x += kChunk) {
         const int n = count - x < kChunk ? count - x : kChunk;
-        Column at;
+        alignas(64) double s[3][kChunk];
         for (int k = 0; k < 3; ++k) {
             float padded[kChunk];
             const float* from = map[k] + x;
@@ -181,14 +135,16 @@ void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const 
                 for (int i = 0; i < kChunk; ++i) padded[i] = i < n ? from[i] : __builtin_nanf("");
                 from = padded;
             }
-            for (int i = 0; i < kChunk; ++i) at.s[k][i] = from[i];
+            for (int i = 0; i < kChunk; ++i) s[k][i] = from[i];
         }
-        alignas(64) int out[kChunk];
+        Column at;
+        __builtin_memcpy(&at, s, sizeof at);
+        const unsigned out = putInside(src, &at);
+        if (out == kAll) continue;
         T voxels[kChunk];
-        const int outside = sampleInside<T, Policy>(src, at, voxels, out);
-        if (!outside) __builtin_memcpy(dst + x, voxels, sizeof voxels);
-        for (int i = 0; outside && i < kChunk; ++i)
-            if (!out[i]) dst[x + i] = voxels[i];
+        Policy::column(src, at, out ? voxels : dst + x);
+        for (int i = 0; out && i < kChunk; ++i)
+            if (!(out >> i & 1)) dst[x + i] = voxels[i];
     }
 }
 

@@ -2,7 +2,7 @@
 #pragma once
 #include <immintrin.h>
 
-#include "volume/prsamplechunk.h"
+#include "volume/prsamplecolumn.h"
 #include "volume/prsamplevec.h"
 
 namespace zenr {
@@ -223,6 +223,12 @@ template <class T, int mode> struct Cubic {
         }
         const Real4 v = total * wx;
         return (v[0] + v[2]) + (v[1] + v[3]);
+    }
+
+    static void column(const SampleSource<T>& src, const Column& at, T* out) {
+        alignas(64) double s[3][kChunk];
+        __builtin_memcpy(s, &at, sizeof s);
+        chunk(src, {s[0], s[1], s[2]}, out);
     }
 
     static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {

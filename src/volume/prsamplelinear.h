@@ -1,7 +1,6 @@
 // Linear warp and remap.
 #pragma once
-#include "volume/prsamplechunk.h"
-#include "volume/prsamplevec.h"
+#include "volume/prsamplecolumn.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
@@ -81,12 +80,15 @@ template <class T> struct Linear {
         });
     }
 
-    static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
+    static void column(const SampleSource<T>& src, const Column& column, T* out) {
+        alignas(64) double s[3][kChunk];
+        __builtin_memcpy(s, &column, sizeof s);
+        const Positions at = {{s[0], s[1], s[2]}};
         // Along an axis of one voxel base and base + 1 would be two.
         for (int k = 0; k < 3; ++k)
             if (src.low[k] == src.high[k]) return redo<Linear>(src, at, kAll, out);
 #if defined(ZENR_LEVEL_avx512)
-        return chunk16(src, at, out);
+        return column16(src, column, at, out);
 #endif
         using Pairs = Pair<T>;
         alignas(64) int base[3][kChunk], offset[kChunk];
@@ -130,10 +132,11 @@ template <class T> struct Linear {
     }
 
 #if defined(ZENR_LEVEL_avx512)
-    static void chunk16(const SampleSource<T>& src, const Positions& at, T* out) {
+    static void column16(const SampleSource<T>& src, const Column& column, const Positions& at, T* out) {
         using Real16 = typename Real16Of<Real>::Type;
-        const auto x = place16<Real16>(at.s[0], src.high[0], kSnap), y = place16<Real16>(at.s[1], src.high[1], kSnap),
-                   z = place16<Real16>(at.s[2], src.high[2], kSnap);
+        const auto x = place16<Real16>(column.s[0][0], column.s[0][1], src.high[0], kSnap),
+                   y = place16<Real16>(column.s[1][0], column.s[1][1], src.high[1], kSnap),
+                   z = place16<Real16>(column.s[2][0], column.s[2][1], src.high[2], kSnap);
         const __m512i flat = _mm512_add_epi32(_mm512_mullo_epi32(y.base, _mm512_set1_epi32(int(src.step))), x.base);
         alignas(64) int offset[kChunk];
         unsigned doubt;

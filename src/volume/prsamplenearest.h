@@ -1,7 +1,6 @@
 // Warp and remap by the nearest voxel.
 #pragma once
-#include "volume/prsamplechunk.h"
-#include "volume/prsamplevec.h"
+#include "volume/prsamplecolumn.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
@@ -20,35 +19,49 @@ template <class T> struct Nearest {
         });
     }
 
-    static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
-        alignas(64) int plane[kChunk], offset[kChunk];
-        const int step = int(src.step);
 #if defined(ZENR_LEVEL_avx512)
-        const __m512i z = truncated16(at.s[2], kHalfUp), y = truncated16(at.s[1], kHalfUp);
-        const __m512i flat =
-            _mm512_add_epi32(_mm512_mullo_epi32(y, _mm512_set1_epi32(step)), truncated16(at.s[0], kHalfUp));
+    // Whole numbers as doubles: offsets are exact in them, and cost one conversion.
+    static void column(const SampleSource<T>& src, const Column& at, T* out) {
+        alignas(64) int offset[kChunk];
+        const __m512d step = _mm512_set1_pd(double(src.step));
+        const auto flat = [&](int part) { return fused(whole(at.s[1][part]), step, whole(at.s[0][part])); };
         if (src.regular) {
-            const __m512i slice = _mm512_sub_epi32(z, _mm512_set1_epi32(src.low[2]));
-            _mm512_store_si512(offset,
-                               _mm512_add_epi32(flat, _mm512_mullo_epi32(slice, _mm512_set1_epi32(src.planeStep))));
+            const __m512d planeStep = _mm512_set1_pd(src.planeStep), low = _mm512_set1_pd(src.low[2]);
+            const auto all = [&](int part) {
+                return _mm512_cvttpd_epi32(fused(_mm512_sub_pd(whole(at.s[2][part]), low), planeStep, flat(part)));
+            };
+            _mm512_store_si512(offset, both(all(0), all(1)));
             stageDone();
             const T* const origin = src.planes[src.low[2]];
             for (int x = 0; x < kChunk; ++x) out[x] = origin[offset[x]];
             return;
         }
-        _mm512_store_si512(plane, z);
-        _mm512_store_si512(offset, flat);
+        alignas(64) int plane[kChunk];
+        _mm512_store_si512(plane, both(_mm512_cvttpd_epi32(whole(at.s[2][0])), _mm512_cvttpd_epi32(whole(at.s[2][1]))));
+        _mm512_store_si512(offset, both(_mm512_cvttpd_epi32(flat(0)), _mm512_cvttpd_epi32(flat(1))));
         stageDone();
         for (int x = 0; x < kChunk; ++x) out[x] = src.planes[plane[x]][offset[x]];
-        return;
-#endif
+    }
+    static __m512d whole(__m512d s) {
+        return _mm512_roundscale_pd(_mm512_add_pd(s, _mm512_set1_pd(kHalfUp)), _MM_FROUND_TO_ZERO);
+    }
+    static __m512d fused(__m512d a, __m512d b, __m512d c) {
+        return _mm512_fmadd_pd(a, b, c);
+    }
+#else
+    static void column(const SampleSource<T>& src, const Column& at, T* out) {
+        alignas(64) double s[3][kChunk];
+        __builtin_memcpy(s, &at, sizeof s);
+        alignas(64) int plane[kChunk], offset[kChunk];
+        const int step = int(src.step);
         for (int x = 0; x < kChunk; ++x) {
-            plane[x] = int(at.s[2][x] + kHalfUp);
-            offset[x] = int(at.s[1][x] + kHalfUp) * step + int(at.s[0][x] + kHalfUp);
+            plane[x] = int(s[2][x] + kHalfUp);
+            offset[x] = int(s[1][x] + kHalfUp) * step + int(s[0][x] + kHalfUp);
         }
         stageDone();
         for (int x = 0; x < kChunk; ++x) out[x] = src.planes[plane[x]][offset[x]];
     }
+#endif
 };
 
 } // namespace

@@ -78,17 +78,20 @@ template <class Real> struct Placed16 {
     __m512i base;
     Real fraction;
 };
-inline __m256i place8(const double* s, int high, double snap, __m512d* fraction) {
-    const __m512d at = _mm512_loadu_pd(s), snapped = _mm512_add_pd(at, _mm512_set1_pd(snap));
+inline __m256i place8(__m512d at, int high, double snap, __m512d* fraction) {
+    const __m512d snapped = _mm512_add_pd(at, _mm512_set1_pd(snap));
     const __mmask8 last = _mm512_cmp_pd_mask(snapped, _mm512_set1_pd(high), _CMP_GE_OQ);
     const __m256i i = _mm512_cvttpd_epi32(snapped);
     *fraction = _mm512_mask_mov_pd(_mm512_sub_pd(at, _mm512_cvtepi32_pd(i)), last, _mm512_set1_pd(1));
     return _mm256_mask_mov_epi32(i, last, _mm256_set1_epi32(high - 1));
 }
-template <class Real> inline Placed16<Real> place16(const double* s, int high, double snap) {
+template <class Real> inline Placed16<Real> place16(__m512d low, __m512d up, int high, double snap) {
     __m512d f[2];
-    const __m256i a = place8(s, high, snap, &f[0]), b = place8(s + 8, high, snap, &f[1]);
+    const __m256i a = place8(low, high, snap, &f[0]), b = place8(up, high, snap, &f[1]);
     return {both(a, b), Real::of(f[0], f[1])};
+}
+template <class Real> inline Placed16<Real> place16(const double* s, int high, double snap) {
+    return place16<Real>(_mm512_loadu_pd(s), _mm512_loadu_pd(s + 8), high, snap);
 }
 
 // Neighbours of sixteen voxels, tap(x) the first of voxel x: the pairs' first and second voxels.
