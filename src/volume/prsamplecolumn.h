@@ -1,5 +1,7 @@
 // Positions of rows side by side: one voxel of each, in registers.
 #pragma once
+#include <immintrin.h>
+
 #include "volume/prsamplechunk.h"
 #include "volume/prsamplevec.h"
 
@@ -25,14 +27,18 @@ struct Column {
 
 // The flags as bits, the first voxel's lowest.
 inline unsigned bitsOf(const Flags* flags) {
-#if defined(ZENR_LEVEL_avx512)
-    return _mm512_movepi64_mask(__m512i(flags[0])) | unsigned(_mm512_movepi64_mask(__m512i(flags[1]))) << 8;
-#else
     unsigned bits = 0;
-    for (int p = 0; p < kParts; ++p)
-        for (int i = 0; i < kLanes; ++i) bits |= unsigned(flags[p][i] & 1) << (p * kLanes + i);
-    return bits;
+    for (int p = 0; p < kParts; ++p) {
+#if defined(ZENR_LEVEL_avx512)
+        const unsigned part = _mm512_movepi64_mask(__m512i(flags[p]));
+#elif defined(ZENR_LEVEL_avx2)
+        const unsigned part = unsigned(_mm256_movemask_pd(__m256d(flags[p])));
+#else
+        const unsigned part = unsigned(_mm_movemask_pd(__m128d(flags[p])));
 #endif
+        bits |= part << (p * kLanes);
+    }
+    return bits;
 }
 
 inline void move(Column* at, const double advance[3]) {

@@ -88,8 +88,14 @@ template <class T> struct Linear {
         for (int k = 0; k < 3; ++k)
             if (src.low[k] == src.high[k]) return redo<Linear>(src, at, kAll, out);
 #if defined(ZENR_LEVEL_avx512)
-        return column16(src, column, at, out);
+        column16(src, column, at, out);
+#else
+        chunk(src, at, out);
 #endif
+    }
+
+#if !defined(ZENR_LEVEL_avx512)
+    __attribute__((noinline)) static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
         using Pairs = Pair<T>;
         alignas(64) int base[3][kChunk], offset[kChunk];
         alignas(64) Real f[3][kChunk];
@@ -130,8 +136,7 @@ template <class T> struct Linear {
         }
         if (__builtin_expect(any != 0, 0)) redo<Linear>(src, at, maskOf(doubt), out);
     }
-
-#if defined(ZENR_LEVEL_avx512)
+#else
     static void column16(const SampleSource<T>& src, const Column& column, const Positions& at, T* out) {
         using Real16 = typename Real16Of<Real>::Type;
         const auto x = place16<Real16>(column.s[0][0], column.s[0][1], src.high[0], kSnap),

@@ -36,13 +36,6 @@ inline __m512d secondHalf(__m512i v) {
     return _mm512_cvtepi32_pd(_mm512_extracti64x4_epi64(v, 1));
 }
 
-// s + add, truncated.
-inline __m512i truncated16(const double* s, double add) {
-    const __m512d a = _mm512_set1_pd(add);
-    return both(_mm512_cvttpd_epi32(_mm512_add_pd(_mm512_loadu_pd(s), a)),
-                _mm512_cvttpd_epi32(_mm512_add_pd(_mm512_loadu_pd(s + 8), a)));
-}
-
 // Numbers that sums run in: sixteen floats, or twice eight doubles.
 struct Floats16 {
     __m512 v;
