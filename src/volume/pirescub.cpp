@@ -2,6 +2,7 @@
 #include "volume/pirescub.h"
 
 #include "volume/presguard.h"
+#include "volume/preswindow.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
@@ -17,121 +18,71 @@ template <class T> struct RowSums {
     const T* s;
     const int* index;
     const double* w;
+    int step; // of weights
     Sum sum(int x) const {
         const T* const t = s + index[x];
-        const double* const v = w + 4 * ptrdiff_t(x);
-        return cubicSum(v[0] * t[0], v[1] * t[1], v[2] * t[2], v[3] * t[3]);
+        return cubicSum(w[x] * t[0], w[x + step] * t[1], w[x + 2 * step] * t[2], w[x + 3 * step] * t[3]);
     }
     long double exact(int x) const {
         const T* const t = s + index[x];
-        const double* const v = w + 4 * ptrdiff_t(x);
-        return exactSum(t[0], t[1], t[2], t[3], v[0], v[1], v[2], v[3]);
+        return exactSum(t[0], t[1], t[2], t[3], w[x], w[x + step], w[x + 2 * step], w[x + 3 * step]);
     }
 };
 
 #if defined(__AVX2__)
-// The same out of a window of voxels that were turned to doubles. `origin` is where voxel s[0] would stand, which is
-// outside the window mostly.
 template <class T> struct WindowSums : RowSums<T> {
+    static constexpr bool kInterpolates = false;
     const int* guarded;
-    uintptr_t origin;
-    const double* taps(int x) const {
-        return reinterpret_cast<const double*>(origin + uintptr_t(ptrdiff_t(this->index[x])) * sizeof(double));
-    }
-    // The sums of the four lanes of what f gives for each of four columns.
-    template <class F> static ZENR_INLINE __m256d pair(int x, const F& f) {
-        const __m256d a = f(x), b = f(x + 1);
-        return _mm256_add_pd(_mm256_unpacklo_pd(a, b), _mm256_unpackhi_pd(a, b));
-    }
-    template <class F> static ZENR_INLINE __m256d four(int x, const F& f) {
-        const __m256d a = pair(x, f), b = pair(x + 2, f);
-        return _mm256_add_pd(_mm256_permute2f128_pd(a, b, 0x20), _mm256_permute2f128_pd(a, b, 0x31));
-    }
+    Window window;
+    WindowSums(const RowSums<T>& sums, const int* g, const Window& v) : RowSums<T>(sums), guarded(g), window(v) {}
     ZENR_INLINE Eight eight(int x) const {
-        const auto product = [this](int i) __attribute__((always_inline)) {
-            return _mm256_mul_pd(_mm256_loadu_pd(taps(i)), _mm256_load_pd(this->w + 4 * ptrdiff_t(i)));
-        };
-        return {four(x, product), four(x + 4, product)};
+        Eight t[4];
+        window.four8(x, t);
+        const double* w = this->w + x;
+        Eight s = {_mm256_mul_pd(t[0].low, _mm256_loadu_pd(w)), _mm256_mul_pd(t[0].high, _mm256_loadu_pd(w + 4))};
+        for (int k = 1; k < 4; ++k) {
+            w += this->step;
+            s = {multiplyAdd(t[k].low, _mm256_loadu_pd(w), s.low), multiplyAdd(t[k].high, _mm256_loadu_pd(w + 4), s.high)};
+        }
+        return s;
     }
     ZENR_INLINE Eight size(int x) const {
-        const auto tap = [this](int i) __attribute__((always_inline)) {
-            return absolute(_mm256_loadu_pd(taps(i)));
-        };
-        return {four(x, tap), four(x + 4, tap)};
+        Eight t[4];
+        window.four8(x, t);
+        return plus(plus(absolute(t[0]), absolute(t[1])), plus(absolute(t[2]), absolute(t[3])));
     }
     ZENR_INLINE __m256 needed(int x) const {
         return _mm256_castsi256_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x)));
     }
-    bool zero16(int x) const { return zeroRun(taps(x), int(taps(x + 15) - taps(x)) + 4); }
+    bool zero16(int x) const { return window.zero16(x, 4); }
 };
-
-constexpr int kWindow = 320; // voxels in L1
-constexpr int kColumns = 128;
-
-ZENR_INLINE void widen4(const uint8_t* s, double* d) {
-    int four;
-    __builtin_memcpy(&four, s, 4);
-    _mm256_storeu_pd(d, _mm256_cvtepi32_pd(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(four))));
-}
-ZENR_INLINE void widen4(const uint16_t* s, double* d) {
-    _mm256_storeu_pd(d, _mm256_cvtepi32_pd(_mm_cvtepu16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(s)))));
-}
-ZENR_INLINE void widen4(const float* s, double* d) {
-    _mm256_storeu_pd(d, _mm256_cvtps_pd(_mm_loadu_ps(s)));
-}
 #endif
 
 template <class T>
-void rowCubicOne(const RowSums<T>& sums, const int* guarded, const RowBound& bound, float* dst, int n) {
+void rowCubic(const T* row, double* dst, const int* index, const double* weights, int weightStep, const int* guarded,
+              const RowBound& bound, Care care, int n) {
+    const RowSums<T> sums = {row - 1, index, weights, weightStep};
 #if defined(__AVX2__)
-    if (n >= 16) {
-        alignas(64) double window[kWindow];
-        for (int x = 0; x < n;) {
-            // Columns whose taps fit in the window; the last sixteen may overlap those before.
-            if (n - x < 16) x = n - 16;
-            const int first = sums.index[x];
-            int columns = n - x < kColumns ? n - x : kColumns;
-            int count = sums.index[x + columns - 1] + 4 - first;
-            if (count > kWindow) {
-                columns = 16;
-                count = sums.index[x + columns - 1] + 4 - first;
-            }
-            if (count > kWindow) {
-                roundRun(sums, dst, x, columns);
-            } else {
-                for (int i = 0; i < count; i += 4) {
-                    const int from = count - i < 4 ? count - 4 : i;
-                    widen4(sums.s + first + from, window + from);
-                }
-                const uintptr_t origin =
-                    reinterpret_cast<uintptr_t>(window) - uintptr_t(ptrdiff_t(first)) * sizeof(double);
-                const WindowSums<T> fast = {sums, guarded, origin};
-                roundTaps(fast, bound, dst, x, x + columns);
-            }
-            x += columns;
-        }
-        return;
-    }
+    if (n >= 16)
+        return throughWindows<4>(
+            sums.s, index, n,
+            [&](const Window& window, int begin, int end) {
+                roundTaps(WindowSums<T>(sums, guarded, window), bound, care, dst, begin, end);
+            },
+            [&](int begin, int count) { roundRun(sums, dst, begin, count); });
 #endif
-    (void)guarded;
-    (void)bound;
+    (void)guarded, (void)bound, (void)care;
     roundRow(sums, dst, n);
 }
 
-template <class T>
-void rowCubic(const T* const* rows, float* const* dst, int rowCount, const int* index, const double* weights,
-              const int* guarded, const RowBound* bounds, int n) {
-    for (int r = 0; r < rowCount; ++r)
-        rowCubicOne(RowSums<T>{rows[r] - 1, index, weights}, guarded, bounds[r], dst[r], n);
-}
-
 // A column or depth pass: four rows, four weights.
-struct ColumnSums {
+template <class Element> struct ColumnSums {
+    static constexpr bool kInterpolates = false;
     static constexpr int kRows = 4;
-    const float* const* rows;
+    const Element* rows[4];
     double w[4];
-    ColumnSums(const float* const* r, const float* weights)
-        : rows(r), w{weights[0], weights[1], weights[2], weights[3]} {}
+    ColumnSums(const Element* const* r, const float* weights)
+        : rows{r[0], r[1], r[2], r[3]}, w{weights[0], weights[1], weights[2], weights[3]} {}
     bool shortWeights() const { return isShort(w[0]) && isShort(w[1]) && isShort(w[2]) && isShort(w[3]); }
     Sum sum(int x) const {
         return cubicSum(w[0] * rows[0][x], w[1] * rows[1][x], w[2] * rows[2][x], w[3] * rows[3][x]);
@@ -153,13 +104,19 @@ struct ColumnSums {
         for (int k = 1; k < 4; ++k) s = multiplyAdd(widen8(rows[k] + x), _mm256_set1_pd(w[k]), s);
         return s;
     }
+    ZENR_INLINE Eight line8(int x) const {
+        return eight(x);
+    }
+    ZENR_INLINE __m256 finish(__m256 r, int) const {
+        return r;
+    }
 #endif
 };
 
-void colCubic(const float* const rows[4], const float* w, float bound, float* dst, int n) {
-    const float* const r[4] = {rows[0], rows[1], rows[2], rows[3]};
-    const ColumnSums sums(r, w);
-    roundRows(sums, bound, sums.shortWeights(), dst, n);
+template <class Element>
+void colCubic(const Element* const rows[4], const float* w, const RowBound& bound, Care care, float* dst, int n) {
+    const ColumnSums<Element> sums(rows, w);
+    roundRows(sums, bound.most, care, sums.shortWeights(), dst, n);
 }
 
 // Half-way values and those up to 1e-7 below them round up: the constant is not 0.5 on purpose.
@@ -169,14 +126,14 @@ constexpr double kHalfUp = 0.5000001;
 // is more than the rounding errors of the sum in double.
 constexpr double kSumError = 1.862645149230957e-9;
 
-template <class T> T depthExact(const ColumnSums& sums, int x) {
+template <class T> T depthExact(const ColumnSums<float>& sums, int x) {
     constexpr int kMost = T(~T(0));
     const long double sum = sums.exact(x) + kHalfUp;
     return sum < 0 ? T(0) : sum > kMost ? T(kMost) : T(int(sum));
 }
 
 // Voxels [begin, begin + n): in double where that is certain, otherwise in extended precision.
-template <class T> __attribute__((noinline)) void depthRun(const ColumnSums& sums, T* dst, int begin, int n) {
+template <class T> __attribute__((noinline)) void depthRun(const ColumnSums<float>& sums, T* dst, int begin, int n) {
     constexpr int kMost = T(~T(0));
     int doubt = 0;
     for (int x = begin; x < begin + n; ++x) {
@@ -195,8 +152,7 @@ template <class T> __attribute__((noinline)) void depthRun(const ColumnSums& sum
 }
 
 template <class T> void depCubicInteger(const float* const planes[4], const float* w, T* __restrict dst, int n) {
-    const float* const r[4] = {planes[0], planes[1], planes[2], planes[3]};
-    const ColumnSums sums(r, w);
+    const ColumnSums<float> sums(planes, w);
     constexpr int kGroup = 16;
 #if defined(__AVX2__)
     if (n >= kGroup) {
@@ -219,10 +175,10 @@ template <class T> void depCubicInteger(const float* const planes[4], const floa
 constexpr auto ownpi_RowCubic8pl = &rowCubic<uint8_t>;
 constexpr auto ownpi_RowCubic16pl = &rowCubic<uint16_t>;
 constexpr auto ownpi_RowCubic32pl = &rowCubic<float>;
-constexpr auto ownpi_ColCubic32pl = &colCubic;
+constexpr auto ownpi_ColCubic32pl = &colCubic<double>;
 constexpr auto ownpr_DepCubic8pl = &depCubicInteger<uint8_t>;
 constexpr auto ownpr_DepCubic16pl = &depCubicInteger<uint16_t>;
-constexpr auto ownpr_DepCubic32pl = &colCubic;
+constexpr auto ownpr_DepCubic32pl = &colCubic<float>;
 
 extern const CubicKernels kCubic;
 const CubicKernels kCubic = {

@@ -45,14 +45,18 @@ template <class Real> static inline Real ownpi_Cubic3Kernel(Real d) {
 // The four weights of each of n fractions, in the order of the taps (source positions i - 1 .. i + 2): 4 * n floats.
 void ownpi_CubicWeights(int mode, const float* fractions, int n, float* weights);
 
-// The passes. Row: the taps of destination column x lie at src[index[x] - 1] and on, its weights at weights[4 * x] and
-// on. guarded[x] is 0 where sums of voxels that are close to each other are exact in double, otherwise all ones.
-// Sums run in extended precision, and each pass rounds once. `bound` is RowBound's `most` for the rows.
+// The passes. Row: the taps of destination column x lie at src[index[x] - 1] and on, its weights at weights[x], and
+// weightStep further on for each next tap. guarded[x] is 0 where sums of voxels that are close to each other are exact
+// in double, otherwise all ones. Sums run in extended precision, and each pass rounds once to float; rows are kept in
+// doubles nevertheless, because the pass along y reads them several times. `bound` holds for the rows that a pass reads.
 template <class T>
-using RowCubic = void(const T* const* rows, float* const* dst, int rowCount, const int* index, const double* weights,
-                      const int* guarded, const RowBound* bounds, int n);
-using ColCubic = void(const float* const rows[4], const float* weights, float bound, float* dst, int n);
+using RowCubic = void(const T* row, double* dst, const int* index, const double* weights, int weightStep,
+                      const int* guarded, const RowBound& bound, Care care, int n);
+using ColCubic = void(const double* const rows[4], const float* weights, const RowBound& bound, Care care, float* dst,
+                      int n);
 template <class T> using DepCubic = void(const float* const planes[4], const float* weights, T* dst, int n);
+using DepCubicFloat = void(const float* const planes[4], const float* weights, const RowBound& bound, Care care,
+                           float* dst, int n);
 
 struct CubicKernels {
     RowBound (*boundOf)(const float* v, int n);
@@ -62,7 +66,7 @@ struct CubicKernels {
     ColCubic* col;
     DepCubic<uint8_t>* dep8;
     DepCubic<uint16_t>* dep16;
-    ColCubic* dep32; // the same sum, stored as it is
+    DepCubicFloat* dep32;
 };
 
 namespace sse2 {

@@ -7,7 +7,7 @@ namespace zenr {
 // What the slots of the ring of rows hold: a source row, -1 for none, and the bound of its elements.
 template <class P> struct RowTags {
     int row[P::kTaps];
-    float bound[P::kTaps];
+    RowBound bound[P::kTaps];
 };
 
 // Rows [begin, end) of the block, resampled from source plane p along x and y into its slot of the ring of planes.
@@ -28,11 +28,10 @@ void depthRows(const ResizeBlock<P>& block, const int* taps, const typename P::W
                Slice<typename P::Voxel> dst) {
     for (int y = 0; y < block.height; ++y) {
         const typename P::Inter* rows[P::kTaps];
-        float bound = 0;
+        RowBound bound = block.ringBounds(taps[0])[y];
         for (int k = 0; k < P::kTaps; ++k) {
             rows[k] = block.ringPlane(taps[k]) + ptrdiff_t(y) * block.stride;
-            const float mine = block.ringBounds(taps[k])[y];
-            bound = mine > bound ? mine : bound;
+            bound = together(bound, block.ringBounds(taps[k])[y]);
         }
         P::depth(*block.kernels, rows, weights, bound, dst.row(y), block.width);
     }

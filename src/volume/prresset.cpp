@@ -69,13 +69,14 @@ template <class P> size_t layOut(Arena arena, int width, int height, ResizeBlock
     block->height = height;
     block->stride = int(stride);
     block->index = arena.take<int>(size_t(width));
-    block->weights = arena.take<typename P::Weight>(P::kWeightsPerColumn * size_t(width));
+    block->weightStep = int(roundUp(size_t(width), 16));
+    block->weights = arena.take<typename P::Weight>(P::kWeightsPerColumn * size_t(block->weightStep));
     block->guarded = arena.take<int>(sizeof(typename P::Inter) == 4 ? size_t(width) : 0);
     block->rowBase = arena.take<int>(size_t(height));
     block->rowWeights = arena.take<typename P::Weights>(size_t(height));
-    block->rowRing = arena.take<typename P::Inter>(P::kTaps * stride);
+    block->rowRing = arena.take<typename P::RowInter>(P::kTaps * stride);
     block->planeRing = arena.take<typename P::Inter>(P::kTaps * stride * size_t(height));
-    block->planeBounds = arena.take<float>(P::kTaps * size_t(height));
+    block->planeBounds = arena.take<RowBound>(P::kTaps * size_t(height));
     return arena.used();
 }
 
@@ -84,17 +85,28 @@ template <class P> size_t scratchBytes(int width, int height) {
     return layOut<P>(Arena(nullptr), width, height, &block);
 }
 
+// A source row, resampled along x; the bounds of the result.
+template <class P>
+RowBound resampleRow(const ResizeBlock<P>& block, const typename P::Voxel* src, typename P::RowInter* dst) {
+    const int interior = block.columns.interior;
+    const int trailing = block.columns.trailing;
+    const RowBound bound = P::sourceBound(*block.kernels, src + block.firstColumn, block.usedColumns);
+    const Care care = block.exactColumns && isClose(bound) ? Care::none : P::rowCare(bound, block.columnGrowth);
+    if (trailing > interior)
+        P::row(*block.kernels, src, dst + interior, block.index + interior, block.weights + interior, block.weightStep,
+               block.guarded + interior, bound, care, trailing - interior);
+    borderColumns<P>(block, src, bound, care, dst, 0, interior);
+    borderColumns<P>(block, src, bound, care, dst, trailing, block.width);
+    return grown(bound, block.columnGrowth);
+}
+
 } // namespace
 
 template <class P, bool border>
 void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, int p, int begin, int end,
                RowTags<P>* tags) {
-    using Voxel = typename P::Voxel;
-    using Inter = typename P::Inter;
-    const int interior = block.columns.interior;
-    const int trailing = block.columns.trailing;
-    Inter* const plane = block.ringPlane(p);
-    float* const bounds = block.ringBounds(p);
+    typename P::Inter* const plane = block.ringPlane(p);
+    RowBound* const bounds = block.ringBounds(p);
     for (int y = begin; y < end; ++y) {
         int taps[P::kTaps];
         if (border)
@@ -103,42 +115,20 @@ void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, 
             for (int k = 0; k < P::kTaps; ++k) taps[k] = block.rowBase[y] + P::kFirstTap + k;
 
         // Rows that the last destination row left in the ring stay; the others are resampled along x.
-        const Voxel* missing[P::kTaps];
-        Inter* target[P::kTaps];
-        Inter* targetInterior[P::kTaps];
-        RowBound missingBound[P::kTaps];
-        int count = 0;
+        const typename P::RowInter* rows[P::kTaps];
+        RowBound bound{};
         for (int k = 0; k < P::kTaps; ++k) {
             const int slot = taps[k] & (P::kTaps - 1);
-            if (tags->row[slot] == taps[k]) continue;
-            tags->row[slot] = taps[k];
-            missing[count] = src.row(taps[k]);
-            target[count] = block.ringRow(taps[k]);
-            targetInterior[count] = target[count] + interior;
-            const RowBound bound =
-                P::sourceBound(*block.kernels, missing[count] + block.firstColumn, block.usedColumns);
-            missingBound[count] = block.exactColumns && isClose(bound) ? RowBound{0, 0} : bound;
-            tags->bound[slot] = P::kGrowth * bound.most;
-            ++count;
-        }
-        if (trailing > interior)
-            P::row(*block.kernels, missing, targetInterior, count, block.index + interior,
-                   block.weights + ptrdiff_t(interior) * P::kWeightsPerColumn, block.guarded + interior, missingBound,
-                   trailing - interior);
-        for (int i = 0; i < count; ++i) {
-            borderColumns<P>(block, missing[i], missingBound[i], target[i], 0, interior);
-            borderColumns<P>(block, missing[i], missingBound[i], target[i], trailing, block.width);
-        }
-
-        const Inter* rows[P::kTaps];
-        float bound = 0;
-        for (int k = 0; k < P::kTaps; ++k) {
+            if (tags->row[slot] != taps[k]) {
+                tags->row[slot] = taps[k];
+                tags->bound[slot] = resampleRow(block, src.row(taps[k]), block.ringRow(taps[k]));
+            }
             rows[k] = block.ringRow(taps[k]);
-            const float mine = tags->bound[taps[k] & (P::kTaps - 1)];
-            bound = mine > bound ? mine : bound;
+            bound = k == 0 ? tags->bound[slot] : together(bound, tags->bound[slot]);
         }
-        P::column(*block.kernels, rows, block.rowWeights[y], bound, plane + ptrdiff_t(y) * block.stride, block.width);
-        bounds[y] = P::kGrowth * bound;
+        const typename P::Weights& weights = block.rowWeights[y];
+        P::column(*block.kernels, rows, weights, bound, plane + ptrdiff_t(y) * block.stride, block.width);
+        bounds[y] = grown(bound, P::growth(weights));
     }
 }
 
@@ -189,11 +179,13 @@ template <class P> Runs divide(const int* base, int count, int size) {
 
 template <class P> void tabulateColumns(const P& policy, ResizeBlock<P>* block, int first) {
     block->exactColumns = true;
+    block->columnGrowth = {1, 1, 1};
     for (int x = 0; x < block->width; ++x) {
         const AxisMap::Sample s = block->axis[0].sample(first + x);
         block->index[x] = s.base;
         const typename P::Weights weights = policy.weights(s.fraction);
-        P::store(weights, block->weights + ptrdiff_t(x) * P::kWeightsPerColumn);
+        P::store(weights, block->weights + x, block->weightStep);
+        block->columnGrowth = together(block->columnGrowth, P::growth(weights));
         if constexpr (sizeof(typename P::Inter) == 4) {
             const bool exact = P::exactColumn(weights);
             block->guarded[x] = exact ? 0 : -1;

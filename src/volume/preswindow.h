@@ -1,0 +1,124 @@
+// Windows of a row, turned to doubles, that row passes take their taps from; the levels with 256-bit registers.
+//
+// A voxel is a tap of several columns: it is converted once. Columns are then served eight at a time, by permutations
+// of sixteen doubles where the level has those, otherwise by loads that are turned over.
+#pragma once
+#include "volume/presguard.h"
+
+#if defined(__AVX2__)
+namespace zenr {
+namespace ZENR_LEVEL {
+namespace {
+
+constexpr int kWindow = 320; // voxels in L1
+constexpr int kColumns = 128;
+constexpr int kBeyond = 24; // what whole registers may reach beyond a window
+
+ZENR_INLINE void widen4(const uint8_t* s, double* d) {
+    int four;
+    __builtin_memcpy(&four, s, 4);
+    _mm256_storeu_pd(d, _mm256_cvtepi32_pd(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(four))));
+}
+ZENR_INLINE void widen4(const uint16_t* s, double* d) {
+    _mm256_storeu_pd(d, _mm256_cvtepi32_pd(_mm_cvtepu16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(s)))));
+}
+ZENR_INLINE void widen4(const float* s, double* d) {
+    _mm256_storeu_pd(d, _mm256_cvtps_pd(_mm_loadu_ps(s)));
+}
+
+// `origin` is where voxel 0 of the row would stand, which is outside the window mostly.
+struct Window {
+    const int* index;
+    uintptr_t origin;
+    const double* taps(int x) const {
+        return reinterpret_cast<const double*>(origin + uintptr_t(ptrdiff_t(index[x])) * sizeof(double));
+    }
+    // The taps of columns x to x + 7: t[k] has the k-th of each.
+    ZENR_INLINE void two8(int x, Eight* t) const;
+    ZENR_INLINE void four8(int x, Eight* t) const;
+    bool zero16(int x, int count) const { return zeroRun(taps(x), int(taps(x + 15) - taps(x)) + count); }
+};
+
+#if defined(ZENR_LEVEL_avx512)
+template <int count> ZENR_INLINE void permuted8(const Window& w, int x, Eight* t) {
+    const int base = w.index[x];
+    const __m256i at = _mm256_sub_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(w.index + x)),
+                                        _mm256_set1_epi32(base));
+    const double* const p = w.taps(x);
+    __m512d r[count];
+    if (__builtin_expect(w.index[x + 7] - base + count <= 16, 1)) {
+        const __m512d low = _mm512_loadu_pd(p), high = _mm512_loadu_pd(p + 8);
+        const __m512i wide = _mm512_cvtepi32_epi64(at);
+        for (int k = 0; k < count; ++k)
+            r[k] = _mm512_permutex2var_pd(low, _mm512_add_epi64(wide, _mm512_set1_epi64(k)), high);
+    } else {
+        for (int k = 0; k < count; ++k) r[k] = _mm512_i32gather_pd(at, p + k, 8);
+    }
+    for (int k = 0; k < count; ++k) t[k] = {_mm512_castpd512_pd256(r[k]), _mm512_extractf64x4_pd(r[k], 1)};
+}
+void Window::two8(int x, Eight* t) const {
+    permuted8<2>(*this, x, t);
+}
+void Window::four8(int x, Eight* t) const {
+    permuted8<4>(*this, x, t);
+}
+#else
+void Window::two8(int x, Eight* t) const {
+    for (int half = 0; half < 2; ++half) {
+        const int i = x + 4 * half;
+        const __m256d even = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(taps(i))),
+                                                  _mm_loadu_pd(taps(i + 2)), 1);
+        const __m256d odd = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(taps(i + 1))),
+                                                 _mm_loadu_pd(taps(i + 3)), 1);
+        (half ? t[0].high : t[0].low) = _mm256_unpacklo_pd(even, odd);
+        (half ? t[1].high : t[1].low) = _mm256_unpackhi_pd(even, odd);
+    }
+}
+void Window::four8(int x, Eight* t) const {
+    for (int half = 0; half < 2; ++half) {
+        const int i = x + 4 * half;
+        const __m256d a = _mm256_loadu_pd(taps(i)), b = _mm256_loadu_pd(taps(i + 1));
+        const __m256d c = _mm256_loadu_pd(taps(i + 2)), d = _mm256_loadu_pd(taps(i + 3));
+        const __m256d ab[2] = {_mm256_unpacklo_pd(a, b), _mm256_unpackhi_pd(a, b)};
+        const __m256d cd[2] = {_mm256_unpacklo_pd(c, d), _mm256_unpackhi_pd(c, d)};
+        for (int k = 0; k < 2; ++k) {
+            (half ? t[k].high : t[k].low) = _mm256_permute2f128_pd(ab[k], cd[k], 0x20);
+            (half ? t[k + 2].high : t[k + 2].low) = _mm256_permute2f128_pd(ab[k], cd[k], 0x31);
+        }
+    }
+}
+#endif
+
+// The columns of a row, sixteen or more, window by window: fast(window, begin, end), or slow(begin, count) where the
+// taps of sixteen columns lie too far apart. Column x has `taps` taps from row[index[x]] on.
+template <int taps, class T, class Fast, class Slow>
+ZENR_INLINE void throughWindows(const T* row, const int* index, int n, const Fast& fast, const Slow& slow) {
+    alignas(64) double window[kWindow + kBeyond];
+    for (int x = 0; x < n;) {
+        // Columns whose taps fit in the window; the last sixteen may overlap those before.
+        if (n - x < 16) x = n - 16;
+        const int first = index[x];
+        int columns = n - x < kColumns ? n - x : kColumns;
+        int count = index[x + columns - 1] + taps - first;
+        if (count > kWindow) {
+            columns = 16;
+            count = index[x + columns - 1] + taps - first;
+        }
+        if (count > kWindow) {
+            slow(x, columns);
+        } else {
+            int i = 0;
+            for (; i + 4 <= count; i += 4) widen4(row + first + i, window + i);
+            for (; i < count; ++i) window[i] = row[first + i];
+            const uintptr_t origin =
+                reinterpret_cast<uintptr_t>(window) - uintptr_t(ptrdiff_t(first)) * sizeof(double);
+            fast(Window{index, origin}, x, x + columns);
+        }
+        x += columns;
+    }
+}
+
+} // namespace
+} // namespace ZENR_LEVEL
+} // namespace zenr
+#endif
