@@ -36,23 +36,21 @@ template <class T> struct WindowSums : RowSums<T> {
     Window window;
     WindowSums(const RowSums<T>& sums, const int* g, const Window& v) : RowSums<T>(sums), guarded(g), window(v) {}
     ZENR_INLINE Eight eight(int x) const {
-        Eight t[4];
+        Taps t[4];
         window.four8(x, t);
-        const double* w = this->w + x;
-        Eight s = {_mm256_mul_pd(t[0].low, _mm256_loadu_pd(w)), _mm256_mul_pd(t[0].high, _mm256_loadu_pd(w + 4))};
-        for (int k = 1; k < 4; ++k) {
-            w += this->step;
-            s = {multiplyAdd(t[k].low, _mm256_loadu_pd(w), s.low), multiplyAdd(t[k].high, _mm256_loadu_pd(w + 4), s.high)};
-        }
-        return s;
+        Taps s = times(t[0], this->w + x);
+        for (int k = 1; k < 4; ++k) s = multiplyAdd(t[k], this->w + x + k * this->step, s);
+        return halves(s);
     }
     ZENR_INLINE Eight size(int x) const {
-        Eight t[4];
+        Taps t[4];
         window.four8(x, t);
-        return plus(plus(absolute(t[0]), absolute(t[1])), plus(absolute(t[2]), absolute(t[3])));
+        Eight s = absolute(halves(t[0]));
+        for (int k = 1; k < 4; ++k) s = plus(s, absolute(halves(t[k])));
+        return s;
     }
-    ZENR_INLINE __m256 needed(int x) const {
-        return _mm256_castsi256_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x)));
+    ZENR_INLINE __m256i guarded8(int x) const {
+        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x));
     }
     bool zero16(int x) const { return window.zero16(x, 4); }
 };

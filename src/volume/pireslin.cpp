@@ -54,11 +54,9 @@ struct WindowLines : RowLines {
     Window window;
     WindowLines(const RowLines& lines, const int* g, const Window& w) : RowLines(lines), guarded(g), window(w) {}
     ZENR_INLINE Eight eight(int x) const {
-        Eight t[2];
+        Taps t[2];
         window.two8(x, t);
-        const Eight d = minus(t[1], t[0]);
-        return {multiplyAdd(d.low, _mm256_loadu_pd(f + x), t[0].low),
-                multiplyAdd(d.high, _mm256_loadu_pd(f + x + 4), t[0].high)};
+        return halves(multiplyAdd(minus(t[1], t[0]), f + x, t[0]));
     }
     ZENR_INLINE Eight line8(int x) const {
         return eight(x);
@@ -67,12 +65,12 @@ struct WindowLines : RowLines {
         return r;
     }
     ZENR_INLINE Eight size(int x) const {
-        Eight t[2];
+        Taps t[2];
         window.two8(x, t);
-        return plus(absolute(t[0]), absolute(t[1]));
+        return plus(absolute(halves(t[0])), absolute(halves(t[1])));
     }
-    ZENR_INLINE __m256 needed(int x) const {
-        return _mm256_castsi256_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x)));
+    ZENR_INLINE __m256i guarded8(int x) const {
+        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x));
     }
     bool zero16(int x) const {
         return window.zero16(x, 2);

@@ -105,10 +105,24 @@ ZENR_INLINE void put8(double* dst, __m256 r) {
     _mm256_storeu_pd(dst, _mm256_cvtps_pd(_mm256_castps256_ps128(r)));
     _mm256_storeu_pd(dst + 4, _mm256_cvtps_pd(_mm256_extractf128_ps(r, 1)));
 }
-// The low words of eight doubles, in the order 0 1 4 5 2 3 6 7.
+// The low words of eight doubles: where that would take two permutations, in the order 0 1 4 5 2 3 6 7. `ordered` goes
+// either way between that order and the elements' own.
+#if defined(ZENR_LEVEL_avx512)
+ZENR_INLINE __m256i lowWords(const Eight& s) {
+    return _mm256_permutex2var_epi32(_mm256_castpd_si256(s.low), _mm256_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14),
+                                     _mm256_castpd_si256(s.high));
+}
+ZENR_INLINE __m256i ordered(__m256i words) {
+    return words;
+}
+#else
 ZENR_INLINE __m256i lowWords(const Eight& s) {
     return _mm256_castps_si256(_mm256_shuffle_ps(_mm256_castpd_ps(s.low), _mm256_castpd_ps(s.high), 0x88));
 }
+ZENR_INLINE __m256i ordered(__m256i words) {
+    return _mm256_permute4x64_epi64(words, 0xD8);
+}
+#endif
 ZENR_INLINE __m256 sizes(__m256 v) {
     return _mm256_andnot_ps(_mm256_set1_ps(-0.f), v);
 }
@@ -126,8 +140,8 @@ ZENR_INLINE Guarded8 guarded8(const Eight& s, __m256 threshold) {
     const __m256i far = _mm256_and_si256(distance, _mm256_set1_epi32((1 << 29) - 2 * kError));
     return {r, _mm256_cmpeq_epi32(far, _mm256_setzero_si256()), _mm256_cmp_ps(sizes(r), threshold, _CMP_LT_OQ)};
 }
-ZENR_INLINE __m256 ordered(__m256i near) {
-    return _mm256_castsi256_ps(_mm256_permute4x64_epi64(near, 0xD8));
+ZENR_INLINE __m256 orderedLanes(__m256i near) {
+    return _mm256_castsi256_ps(ordered(near));
 }
 inline float guardThreshold(float bound) {
     const float threshold = bound * 0x1p-14f;
@@ -216,15 +230,15 @@ ZENR_INLINE void roundGuarded16(const Op& op, __m256 threshold, Element* dst, in
     __m256 needed[2];
     for (int i = 0; i < 2; ++i) {
         if constexpr (exempt)
-            needed[i] = op.needed(x + 8 * i);
+            needed[i] = _mm256_castsi256_ps(op.guarded8(x + 8 * i));
         else
             needed[i] = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
     }
-    const __m256 any = _mm256_or_ps(_mm256_and_ps(needed[0], _mm256_or_ps(ordered(low.near), low.small)),
-                                    _mm256_and_ps(needed[1], _mm256_or_ps(ordered(high.near), high.small)));
+    const __m256 any = _mm256_or_ps(_mm256_and_ps(needed[0], _mm256_or_ps(orderedLanes(low.near), low.small)),
+                                    _mm256_and_ps(needed[1], _mm256_or_ps(orderedLanes(high.near), high.small)));
     if (__builtin_expect(_mm256_movemask_ps(any) == 0, 1)) return;
     const unsigned lanes = lanes16(needed[0], needed[1]);
-    settle(op, dst, x, lanes & lanes16(ordered(low.near), ordered(high.near)), lanes & lanes16(low.small, high.small));
+    settle(op, dst, x, lanes & lanes16(orderedLanes(low.near), orderedLanes(high.near)), lanes & lanes16(low.small, high.small));
 }
 
 // How far sums lie above the half-way points that they are nearest to, less the error and in eighths of a last place, as
@@ -239,17 +253,15 @@ template <bool exempt, class Op, class Element> ZENR_INLINE void roundHalfway16(
     const Eight a = op.line8(x), b = op.line8(x + 8);
     put8(dst + x, op.finish(floats(a), x));
     put8(dst + x + 8, op.finish(floats(b), x + 8));
-    const __m256i above[2] = {aboveHalfway(a), aboveHalfway(b)};
-    if (__builtin_expect(_mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpgt_epi32(
-                             limit, _mm256_min_epi32(above[0], above[1])))) == 0,
-                         1))
-        return;
-    __m256 near[2];
-    for (int i = 0; i < 2; ++i) {
-        near[i] = ordered(_mm256_cmpgt_epi32(limit, above[i]));
-        if constexpr (exempt) near[i] = _mm256_and_ps(near[i], op.needed(x + 8 * i));
-    }
-    if (const unsigned lanes = lanes16(near[0], near[1])) settle(op, dst, x, lanes, 0);
+    __m256i above[2] = {aboveHalfway(a), aboveHalfway(b)};
+    if constexpr (exempt)
+        for (int i = 0; i < 2; ++i)
+            above[i] = _mm256_or_si256(above[i], ordered(_mm256_xor_si256(op.guarded8(x + 8 * i), _mm256_set1_epi32(-1))));
+    const __m256i near = _mm256_cmpgt_epi32(limit, _mm256_min_epi32(above[0], above[1]));
+    if (__builtin_expect(_mm256_testz_si256(near, near), 1)) return;
+    settle(op, dst, x,
+           lanes16(orderedLanes(_mm256_cmpgt_epi32(limit, above[0])), orderedLanes(_mm256_cmpgt_epi32(limit, above[1]))),
+           0);
 }
 
 // Calls group(x) for groups of sixteen elements from x on that cover [begin, end): the last may overlap the one before.
@@ -327,7 +339,7 @@ struct Fixed {
 };
 // Sixteen integers of two lowWords, saturated, in order.
 ZENR_INLINE __m256i words16(__m256i a, __m256i b) {
-    return _mm256_permutevar8x32_epi32(_mm256_packus_epi32(a, b), _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
+    return _mm256_permute4x64_epi64(_mm256_packus_epi32(ordered(a), ordered(b)), 0xD8);
 }
 ZENR_INLINE void storeVoxels16(uint16_t* dst, __m256i words) {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), words);

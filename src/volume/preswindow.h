@@ -10,8 +10,8 @@ namespace zenr {
 namespace ZENR_LEVEL {
 namespace {
 
-constexpr int kWindow = 320; // voxels in L1
-constexpr int kColumns = 128;
+constexpr int kWindow = 768; // voxels in L1
+constexpr int kColumns = 512;
 constexpr int kBeyond = 24; // what whole registers may reach beyond a window
 
 ZENR_INLINE void widen4(const uint8_t* s, double* d) {
@@ -26,6 +26,36 @@ ZENR_INLINE void widen4(const float* s, double* d) {
     _mm256_storeu_pd(d, _mm256_cvtps_pd(_mm_loadu_ps(s)));
 }
 
+// A number for each of eight columns. Arithmetic at 512 bits is no slower, only conversions are.
+#if defined(ZENR_LEVEL_avx512)
+struct Taps {
+    __m512d all;
+};
+ZENR_INLINE Eight halves(const Taps& a) {
+    return {_mm512_castpd512_pd256(a.all), _mm512_extractf64x4_pd(a.all, 1)};
+}
+ZENR_INLINE Taps minus(const Taps& a, const Taps& b) {
+    return {_mm512_sub_pd(a.all, b.all)};
+}
+ZENR_INLINE Taps times(const Taps& a, const double* b) {
+    return {_mm512_mul_pd(a.all, _mm512_loadu_pd(b))};
+}
+ZENR_INLINE Taps multiplyAdd(const Taps& a, const double* b, const Taps& c) {
+    return {_mm512_fmadd_pd(a.all, _mm512_loadu_pd(b), c.all)};
+}
+#else
+using Taps = Eight;
+ZENR_INLINE Eight halves(const Taps& a) {
+    return a;
+}
+ZENR_INLINE Taps times(const Taps& a, const double* b) {
+    return {_mm256_mul_pd(a.low, _mm256_loadu_pd(b)), _mm256_mul_pd(a.high, _mm256_loadu_pd(b + 4))};
+}
+ZENR_INLINE Taps multiplyAdd(const Taps& a, const double* b, const Taps& c) {
+    return {multiplyAdd(a.low, _mm256_loadu_pd(b), c.low), multiplyAdd(a.high, _mm256_loadu_pd(b + 4), c.high)};
+}
+#endif
+
 // `origin` is where voxel 0 of the row would stand, which is outside the window mostly.
 struct Window {
     const int* index;
@@ -34,36 +64,34 @@ struct Window {
         return reinterpret_cast<const double*>(origin + uintptr_t(ptrdiff_t(index[x])) * sizeof(double));
     }
     // The taps of columns x to x + 7: t[k] has the k-th of each.
-    ZENR_INLINE void two8(int x, Eight* t) const;
-    ZENR_INLINE void four8(int x, Eight* t) const;
+    ZENR_INLINE void two8(int x, Taps* t) const;
+    ZENR_INLINE void four8(int x, Taps* t) const;
     bool zero16(int x, int count) const { return zeroRun(taps(x), int(taps(x + 15) - taps(x)) + count); }
 };
 
 #if defined(ZENR_LEVEL_avx512)
-template <int count> ZENR_INLINE void permuted8(const Window& w, int x, Eight* t) {
+template <int count> ZENR_INLINE void permuted8(const Window& w, int x, Taps* t) {
     const int base = w.index[x];
     const __m256i at = _mm256_sub_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(w.index + x)),
                                         _mm256_set1_epi32(base));
     const double* const p = w.taps(x);
-    __m512d r[count];
     if (__builtin_expect(w.index[x + 7] - base + count <= 16, 1)) {
         const __m512d low = _mm512_loadu_pd(p), high = _mm512_loadu_pd(p + 8);
         const __m512i wide = _mm512_cvtepi32_epi64(at);
         for (int k = 0; k < count; ++k)
-            r[k] = _mm512_permutex2var_pd(low, _mm512_add_epi64(wide, _mm512_set1_epi64(k)), high);
+            t[k].all = _mm512_permutex2var_pd(low, _mm512_add_epi64(wide, _mm512_set1_epi64(k)), high);
     } else {
-        for (int k = 0; k < count; ++k) r[k] = _mm512_i32gather_pd(at, p + k, 8);
+        for (int k = 0; k < count; ++k) t[k].all = _mm512_i32gather_pd(at, p + k, 8);
     }
-    for (int k = 0; k < count; ++k) t[k] = {_mm512_castpd512_pd256(r[k]), _mm512_extractf64x4_pd(r[k], 1)};
 }
-void Window::two8(int x, Eight* t) const {
+void Window::two8(int x, Taps* t) const {
     permuted8<2>(*this, x, t);
 }
-void Window::four8(int x, Eight* t) const {
+void Window::four8(int x, Taps* t) const {
     permuted8<4>(*this, x, t);
 }
 #else
-void Window::two8(int x, Eight* t) const {
+void Window::two8(int x, Taps* t) const {
     for (int half = 0; half < 2; ++half) {
         const int i = x + 4 * half;
         const __m256d even = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(taps(i))),
@@ -74,7 +102,7 @@ void Window::two8(int x, Eight* t) const {
         (half ? t[1].high : t[1].low) = _mm256_unpackhi_pd(even, odd);
     }
 }
-void Window::four8(int x, Eight* t) const {
+void Window::four8(int x, Taps* t) const {
     for (int half = 0; half < 2; ++half) {
         const int i = x + 4 * half;
         const __m256d a = _mm256_loadu_pd(taps(i)), b = _mm256_loadu_pd(taps(i + 1));
