@@ -37,14 +37,14 @@ template <class T> struct WindowSums : RowSums<T> {
     WindowSums(const RowSums<T>& sums, const int* g, const Window& v) : RowSums<T>(sums), guarded(g), window(v) {}
     ZENR_INLINE Eight eight(int x) const {
         Taps t[4];
-        window.four8(x, t);
+        four8(window, x, t);
         Taps s = times(t[0], this->w + x);
         for (int k = 1; k < 4; ++k) s = multiplyAdd(t[k], this->w + x + k * this->step, s);
         return halves(s);
     }
     ZENR_INLINE Eight size(int x) const {
         Taps t[4];
-        window.four8(x, t);
+        four8(window, x, t);
         Eight s = absolute(halves(t[0]));
         for (int k = 1; k < 4; ++k) s = plus(s, absolute(halves(t[k])));
         return s;
@@ -52,7 +52,7 @@ template <class T> struct WindowSums : RowSums<T> {
     ZENR_INLINE __m256i guarded8(int x) const {
         return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x));
     }
-    bool zero16(int x) const { return window.zero16(x, 4); }
+    bool zero16(int x) const { return ZENR_LEVEL::zero16(window, x, 4); }
 };
 #endif
 
@@ -62,7 +62,7 @@ void rowCubic(const T* row, double* dst, const int* index, const double* weights
     const RowSums<T> sums = {row - 1, index, weights, weightStep};
 #if defined(__AVX2__)
     if (n >= 16)
-        return throughWindows<4>(
+        return throughWindows<4, double>(
             sums.s, index, n,
             [&](const Window& window, int begin, int end) {
                 roundTaps(WindowSums<T>(sums, guarded, window), bound, care, dst, begin, end);
@@ -168,6 +168,163 @@ template <class T> void depCubicInteger(const float* const planes[4], const floa
     for (int begin = 0; begin < n; begin += kGroup) depthRun(sums, dst, begin, n - begin < kGroup ? n - begin : kGroup);
 }
 
+// 8-bit voxels in float.
+inline float fused(float a, float b, float c) {
+#if defined(__FMA__)
+    return __builtin_fmaf(a, b, c);
+#else
+    return a * b + c;
+#endif
+}
+
+inline void quickRowPlain(const uint8_t* __restrict s, float* __restrict dst, const int* __restrict index,
+                          const float* __restrict w, int step, int n) {
+    for (int x = 0; x < n; ++x) {
+        const uint8_t* const t = s + index[x];
+        dst[x] = fused(t[3], w[x + 3 * step], fused(t[2], w[x + 2 * step], fused(t[1], w[x + step], t[0] * w[x])));
+    }
+}
+
+#if defined(ZENR_LEVEL_avx512)
+inline __m512 floats16(const uint8_t* s, int n) {
+    const __mmask16 mask = __mmask16(n >= 16 ? 0xFFFF : (1 << n) - 1);
+    return _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(_mm_maskz_loadu_epi8(mask, s)));
+}
+// Sixteen columns whose taps lie within 32 voxels.
+ZENR_INLINE bool quickRow16(const uint8_t* s, float* dst, const int* index, const float* w, int step) {
+    const int base = index[0];
+    const int needed = index[15] - base + 4;
+    if (needed > 32) return false;
+    const __m512i at = _mm512_sub_epi32(_mm512_loadu_si512(index), _mm512_set1_epi32(base));
+    const __m512 low = floats16(s + base, needed);
+    __m512 t[4];
+    if (needed <= 16) {
+        for (int k = 0; k < 4; ++k) t[k] = _mm512_permutexvar_ps(_mm512_add_epi32(at, _mm512_set1_epi32(k)), low);
+    } else {
+        const __m512 high = floats16(s + base + 16, needed - 16);
+        for (int k = 0; k < 4; ++k)
+            t[k] = _mm512_permutex2var_ps(low, _mm512_add_epi32(at, _mm512_set1_epi32(k)), high);
+    }
+    __m512 sum = _mm512_mul_ps(t[0], _mm512_loadu_ps(w));
+    for (int k = 1; k < 4; ++k) sum = _mm512_fmadd_ps(t[k], _mm512_loadu_ps(w + k * step), sum);
+    _mm512_storeu_ps(dst, sum);
+    return true;
+}
+#endif
+
+void quickRow(const uint8_t* row, float* dst, const int* index, const float* weights, int step, int n) {
+    const uint8_t* const s = row - 1;
+#if defined(ZENR_LEVEL_avx512)
+    for (int begin = 0; n >= 16 && begin < n; begin += 16) {
+        const int x = n - begin < 16 ? n - 16 : begin; // the last group may overlap the one before
+        if (!quickRow16(s, dst + x, index + x, weights + x, step))
+            quickRowPlain(s, dst + x, index + x, weights + x, step, 16);
+    }
+    if (n >= 16) return;
+#elif defined(__AVX2__)
+    if (n >= 16)
+        return throughWindows<4, float>(
+            s, index, n,
+            [&](const WindowOf<float>& window, int begin, int end) {
+                for (int i = begin; i < end; i += 8) {
+                    const int x = end - i < 8 ? end - 8 : i;
+                    const __m256i at = _mm256_sub_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(index + x)),
+                                                        _mm256_set1_epi32(index[x]));
+                    const float* const t = window.taps(x);
+                    const int span = index[x + 7] - index[x];
+                    const __m256 upper = _mm256_castsi256_ps(_mm256_slli_epi32(at, 28)); // 8 and more
+                    const auto tap = [&](int k) __attribute__((always_inline)) {
+                        if (span > 15) return _mm256_i32gather_ps(t + k, at, 4);
+                        const __m256 low = _mm256_permutevar8x32_ps(_mm256_loadu_ps(t + k), at);
+                        if (span < 8) return low;
+                        return _mm256_blendv_ps(low, _mm256_permutevar8x32_ps(_mm256_loadu_ps(t + k + 8), at), upper);
+                    };
+                    __m256 sum = _mm256_mul_ps(tap(0), _mm256_loadu_ps(weights + x));
+                    for (int k = 1; k < 4; ++k)
+                        sum = _mm256_fmadd_ps(tap(k), _mm256_loadu_ps(weights + x + k * step), sum);
+                    _mm256_storeu_ps(dst + x, sum);
+                }
+            },
+            [&](int begin, int count) { quickRowPlain(s, dst + begin, index + begin, weights + begin, step, count); });
+#endif
+    quickRowPlain(s, dst, index, weights, step, n);
+}
+
+void quickColumn(const float* const rows[4], const float* w, float* __restrict dst, int n) {
+    const float *const a = rows[0], *const b = rows[1], *const c = rows[2], *const d = rows[3];
+    const float wa = w[0], wb = w[1], wc = w[2], wd = w[3];
+    for (int x = 0; x < n; ++x) dst[x] = fused(d[x], wd, fused(c[x], wc, fused(b[x], wb, a[x] * wa)));
+}
+
+// Sums + 1/2 + 1536 lie between 1024 and 2048, where floats have 13 fraction bits.
+constexpr float kQuickShift = 1536.5f;
+constexpr int kQuickZero = 0x44C00000 >> 13; // 1536
+constexpr int kQuickNear = 4;                // 2^-11
+constexpr int kQuickFar = 0x1FFF & ~(2 * kQuickNear - 1);
+
+void quickDepth(const float* const planes[4], const float* w, uint8_t* __restrict dst, uint64_t* __restrict doubts,
+                int n) {
+    const float *const a = planes[0], *const b = planes[1], *const c = planes[2], *const d = planes[3];
+    const float wa = w[0], wb = w[1], wc = w[2], wd = w[3];
+    int x = 0;
+#if defined(ZENR_LEVEL_avx512)
+    const __m512 va = _mm512_set1_ps(wa), vb = _mm512_set1_ps(wb), vc = _mm512_set1_ps(wc), vd = _mm512_set1_ps(wd);
+    for (; n - x >= 64; x += 64) {
+        __m512i whole[4];
+        uint64_t mask = 0;
+        for (int i = 0; i < 4; ++i) {
+            const int at = x + 16 * i;
+            __m512 sum = _mm512_mul_ps(_mm512_loadu_ps(a + at), va);
+            sum = _mm512_fmadd_ps(_mm512_loadu_ps(b + at), vb, sum);
+            sum = _mm512_fmadd_ps(_mm512_loadu_ps(c + at), vc, sum);
+            sum = _mm512_fmadd_ps(_mm512_loadu_ps(d + at), vd, sum);
+            const __m512i bits = _mm512_castps_si512(_mm512_add_ps(sum, _mm512_set1_ps(kQuickShift)));
+            const __mmask16 near = _mm512_testn_epi32_mask(_mm512_add_epi32(bits, _mm512_set1_epi32(kQuickNear)),
+                                                           _mm512_set1_epi32(kQuickFar));
+            mask |= uint64_t(near) << 16 * i;
+            whole[i] = _mm512_sub_epi32(_mm512_srli_epi32(bits, 13), _mm512_set1_epi32(kQuickZero));
+        }
+        doubts[x / 64] = mask;
+        const __m512i bytes =
+            _mm512_packus_epi16(_mm512_packs_epi32(whole[0], whole[1]), _mm512_packs_epi32(whole[2], whole[3]));
+        const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+        _mm512_storeu_si512(dst + x, _mm512_permutexvar_epi32(order, bytes));
+    }
+#endif
+    for (; x < n; x += 64) {
+        const int count = n - x < 64 ? n - x : 64;
+        uint8_t near[64] = {};
+        for (int i = 0; i < count; ++i) {
+            const float sum = fused(d[x + i], wd, fused(c[x + i], wc, fused(b[x + i], wb, a[x + i] * wa)));
+            const int bits = bitsOf(sum + kQuickShift);
+            const int whole = (bits >> 13) - kQuickZero;
+            const int positive = whole < 0 ? 0 : whole;
+            dst[x + i] = uint8_t(positive > 255 ? 255 : positive);
+            near[i] = ((bits + kQuickNear) & kQuickFar) == 0;
+        }
+        uint64_t mask = 0;
+        for (int i = 0; i < 64; i += 8) {
+            uint64_t eight; // bytes of 0 or 1: the product moves them together
+            __builtin_memcpy(&eight, near + i, 8);
+            mask |= (eight * 0x0102040810204080u >> 56) << i;
+        }
+        doubts[x / 64] = mask;
+    }
+}
+
+uint8_t quickVoxel(const uint8_t (*voxels)[16], const float* wx, const float* wy, const float* wz) {
+    double taps[4][16];
+    for (int i = 0; i < 4; ++i)
+        for (int j = 0; j < 16; ++j) taps[i][j] = voxels[i][j];
+    float rows[16], columns[4];
+    const double* const t[4] = {taps[0], taps[1], taps[2], taps[3]};
+    roundRun(ColumnSums<double>(t, wx), rows, 0, 16);
+    const float* const r[4] = {rows, rows + 4, rows + 8, rows + 12};
+    roundRun(ColumnSums<float>(r, wy), columns, 0, 4);
+    const float* const c[4] = {columns, columns + 1, columns + 2, columns + 3};
+    return depthExact<uint8_t>(ColumnSums<float>(c, wz), 0);
+}
+
 } // namespace
 
 constexpr auto ownpi_RowCubic8pl = &rowCubic<uint8_t>;
@@ -182,6 +339,9 @@ extern const CubicKernels kCubic;
 const CubicKernels kCubic = {
     boundOf,           ownpi_RowCubic8pl,  ownpi_RowCubic16pl, ownpi_RowCubic32pl, ownpi_ColCubic32pl,
     ownpr_DepCubic8pl, ownpr_DepCubic16pl, ownpr_DepCubic32pl};
+
+extern const QuickCubicKernels kQuickCubic;
+const QuickCubicKernels kQuickCubic = {quickRow, quickColumn, quickDepth, quickVoxel};
 
 } // namespace ZENR_LEVEL
 } // namespace zenr

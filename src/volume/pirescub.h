@@ -69,17 +69,43 @@ struct CubicKernels {
     DepCubicFloat* dep32;
 };
 
+// 8-bit voxels by sums in float, which differ from the defined chain by less than 2^-11 before the last rounding:
+//
+//   With weights of at most 1 whose sizes add up to at most 1.26, sums of the three passes stay below 512, where half
+//   a last place is 2^-16. A pass has at most seven roundings: four of products below 512 (255 in the first pass, so
+//   that those four count half) and three of sums. The chain itself rounds once after each of the first two passes.
+//   Differences after the passes, in 2^-16: 5 + 1; 1.26 * 6 + 7 + 1 < 16; 1.26 * 16 + 7 < 28. Adding 1/2 with 13 fraction
+//   bits kept rounds by 4 more, at most: 32 * 2^-16.
+//
+// A voxel whose sum + 1/2 lies within 2^-11 of an integer is in doubt, and done again by the chain.
+struct QuickCubicKernels {
+    // As above, weights and rows in float.
+    void (*row)(const uint8_t* row, float* dst, const int* index, const float* weights, int weightStep, int n);
+    void (*col)(const float* const rows[4], const float* weights, float* dst, int n);
+    // Sets bit x % 64 of doubts[x / 64] for voxels in doubt; n is at most 64 * 16.
+    void (*dep)(const float* const planes[4], const float* weights, uint8_t* dst, uint64_t* doubts, int n);
+    // One voxel by the chain, out of 64: voxels[i][4 * j + k] is tap i along x, j along y and k along z.
+    uint8_t (*voxel)(const uint8_t (*voxels)[16], const float* wx, const float* wy, const float* wz);
+};
+constexpr float kMostWeights = 1.26f; // the sizes of four
+
 namespace sse2 {
 extern const CubicKernels kCubic;
-}
+extern const QuickCubicKernels kQuickCubic;
+} // namespace sse2
 namespace avx2 {
 extern const CubicKernels kCubic;
-}
+extern const QuickCubicKernels kQuickCubic;
+} // namespace avx2
 namespace avx512 {
 extern const CubicKernels kCubic;
-}
+extern const QuickCubicKernels kQuickCubic;
+} // namespace avx512
 inline const CubicKernels& cubicKernels(Level level) {
     return pick(level, sse2::kCubic, avx2::kCubic, avx512::kCubic);
+}
+inline const QuickCubicKernels& quickCubicKernels(Level level) {
+    return pick(level, sse2::kQuickCubic, avx2::kQuickCubic, avx512::kQuickCubic);
 }
 
 } // namespace zenr

@@ -55,26 +55,20 @@ struct WindowLines : RowLines {
     WindowLines(const RowLines& lines, const int* g, const Window& w) : RowLines(lines), guarded(g), window(w) {}
     ZENR_INLINE Eight eight(int x) const {
         Taps t[2];
-        window.two8(x, t);
+        two8(window, x, t);
         return halves(multiplyAdd(minus(t[1], t[0]), f + x, t[0]));
     }
-    ZENR_INLINE Eight line8(int x) const {
-        return eight(x);
-    }
-    ZENR_INLINE __m256 finish(__m256 r, int) const {
-        return r;
-    }
+    ZENR_INLINE Eight line8(int x) const { return eight(x); }
+    ZENR_INLINE __m256 finish(__m256 r, int) const { return r; }
     ZENR_INLINE Eight size(int x) const {
         Taps t[2];
-        window.two8(x, t);
+        two8(window, x, t);
         return plus(absolute(halves(t[0])), absolute(halves(t[1])));
     }
     ZENR_INLINE __m256i guarded8(int x) const {
         return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x));
     }
-    bool zero16(int x) const {
-        return window.zero16(x, 2);
-    }
+    bool zero16(int x) const { return ZENR_LEVEL::zero16(window, x, 2); }
 };
 #endif
 
@@ -83,7 +77,7 @@ void rowFloat(const float* src, const int* index, const double* weights, const i
     const RowLines lines = {src, index, weights};
 #if defined(__AVX2__)
     if (n >= 16)
-        return throughWindows<2>(
+        return throughWindows<2, double>(
             src, index, n,
             [&](const Window& window, int begin, int end) {
                 roundTaps(WindowLines(lines, guarded, window), bound, care, dst, begin, end);

@@ -238,7 +238,8 @@ ZENR_INLINE void roundGuarded16(const Op& op, __m256 threshold, Element* dst, in
                                     _mm256_and_ps(needed[1], _mm256_or_ps(orderedLanes(high.near), high.small)));
     if (__builtin_expect(_mm256_movemask_ps(any) == 0, 1)) return;
     const unsigned lanes = lanes16(needed[0], needed[1]);
-    settle(op, dst, x, lanes & lanes16(orderedLanes(low.near), orderedLanes(high.near)), lanes & lanes16(low.small, high.small));
+    settle(op, dst, x, lanes & lanes16(orderedLanes(low.near), orderedLanes(high.near)),
+           lanes & lanes16(low.small, high.small));
 }
 
 // How far sums lie above the half-way points that they are nearest to, less the error and in eighths of a last place, as
@@ -256,12 +257,14 @@ template <bool exempt, class Op, class Element> ZENR_INLINE void roundHalfway16(
     __m256i above[2] = {aboveHalfway(a), aboveHalfway(b)};
     if constexpr (exempt)
         for (int i = 0; i < 2; ++i)
-            above[i] = _mm256_or_si256(above[i], ordered(_mm256_xor_si256(op.guarded8(x + 8 * i), _mm256_set1_epi32(-1))));
+            above[i] =
+                _mm256_or_si256(above[i], ordered(_mm256_xor_si256(op.guarded8(x + 8 * i), _mm256_set1_epi32(-1))));
     const __m256i near = _mm256_cmpgt_epi32(limit, _mm256_min_epi32(above[0], above[1]));
     if (__builtin_expect(_mm256_testz_si256(near, near), 1)) return;
-    settle(op, dst, x,
-           lanes16(orderedLanes(_mm256_cmpgt_epi32(limit, above[0])), orderedLanes(_mm256_cmpgt_epi32(limit, above[1]))),
-           0);
+    settle(
+        op, dst, x,
+        lanes16(orderedLanes(_mm256_cmpgt_epi32(limit, above[0])), orderedLanes(_mm256_cmpgt_epi32(limit, above[1]))),
+        0);
 }
 
 // Calls group(x) for groups of sixteen elements from x on that cover [begin, end): the last may overlap the one before.
@@ -276,27 +279,30 @@ ZENR_INLINE void roundTaps(const Op& op, const RowBound& bound, Care care, Eleme
     const __m256 threshold = _mm256_set1_ps(guardThreshold(bound.most));
     const bool close = isClose(bound);
     if (care == Care::none) {
-        sixteens(begin, end, [&](int x) __attribute__((always_inline)) {
-            put8(dst + x, floats(op.eight(x)));
-            put8(dst + x + 8, floats(op.eight(x + 8)));
-        });
+        sixteens(
+            begin, end, [&](int x) __attribute__((always_inline)) {
+                put8(dst + x, floats(op.eight(x)));
+                put8(dst + x + 8, floats(op.eight(x + 8)));
+            });
         return;
     }
     if constexpr (Op::kInterpolates) {
         if (care == Care::halfway) {
             if (close)
-                sixteens(begin, end, [&](int x) __attribute__((always_inline)) { roundHalfway16<true>(op, dst, x); });
+                sixteens(
+                    begin, end, [&](int x) __attribute__((always_inline)) { roundHalfway16<true>(op, dst, x); });
             else
-                sixteens(begin, end, [&](int x) __attribute__((always_inline)) { roundHalfway16<false>(op, dst, x); });
+                sixteens(
+                    begin, end, [&](int x) __attribute__((always_inline)) { roundHalfway16<false>(op, dst, x); });
             return;
         }
     }
     if (close)
-        sixteens(begin, end, [&](int x)
-                                 __attribute__((always_inline)) { roundGuarded16<true>(op, threshold, dst, x); });
+        sixteens(
+            begin, end, [&](int x) __attribute__((always_inline)) { roundGuarded16<true>(op, threshold, dst, x); });
     else
-        sixteens(begin, end, [&](int x)
-                                 __attribute__((always_inline)) { roundGuarded16<false>(op, threshold, dst, x); });
+        sixteens(
+            begin, end, [&](int x) __attribute__((always_inline)) { roundGuarded16<false>(op, threshold, dst, x); });
 }
 
 // A row of sums of rows, whose elements are at most `most` in size.
@@ -304,24 +310,27 @@ template <class Op, class Element>
 ZENR_INLINE void roundRows(const Op& op, float most, Care care, bool shortWeights, Element* __restrict dst, int n) {
     if (n < 16) return roundRow(op, dst, n);
     if (care == Care::none) {
-        sixteens(0, n, [&](int x) __attribute__((always_inline)) {
-            put8(dst + x, op.finish(floats(op.line8(x)), x));
-            put8(dst + x + 8, op.finish(floats(op.line8(x + 8)), x + 8));
-        });
+        sixteens(
+            0, n, [&](int x) __attribute__((always_inline)) {
+                put8(dst + x, op.finish(floats(op.line8(x)), x));
+                put8(dst + x + 8, op.finish(floats(op.line8(x + 8)), x + 8));
+            });
         return;
     }
     if constexpr (Op::kInterpolates) {
         if (care == Care::halfway) {
-            sixteens(0, n, [&](int x) __attribute__((always_inline)) { roundHalfway16<false>(op, dst, x); });
+            sixteens(
+                0, n, [&](int x) __attribute__((always_inline)) { roundHalfway16<false>(op, dst, x); });
             return;
         }
     }
     if (shortWeights) {
-        sixteens(0, n, [&](int x) __attribute__((always_inline)) { roundExact16(op, dst, x); });
+        sixteens(
+            0, n, [&](int x) __attribute__((always_inline)) { roundExact16(op, dst, x); });
     } else {
         const __m256 threshold = _mm256_set1_ps(guardThreshold(most));
-        sixteens(0, n,
-                 [&](int x) __attribute__((always_inline)) { roundGuarded16<false>(op, threshold, dst, x); });
+        sixteens(
+            0, n, [&](int x) __attribute__((always_inline)) { roundGuarded16<false>(op, threshold, dst, x); });
     }
 }
 
@@ -351,8 +360,7 @@ ZENR_INLINE void storeVoxels16(uint8_t* dst, __m256i words) {
                      _mm_packus_epi16(_mm256_castsi256_si128(least), _mm256_extracti128_si256(least, 1)));
 }
 #else
-template <class Op, class Element>
-ZENR_INLINE void roundRows(const Op& op, float, Care, bool, Element* dst, int n) {
+template <class Op, class Element> ZENR_INLINE void roundRows(const Op& op, float, Care, bool, Element* dst, int n) {
     roundRow(op, dst, n);
 }
 #endif

@@ -26,6 +26,12 @@ ZENR_INLINE void widen4(const float* s, double* d) {
     _mm256_storeu_pd(d, _mm256_cvtps_pd(_mm_loadu_ps(s)));
 }
 
+ZENR_INLINE void widen4(const uint8_t* s, float* d) {
+    int four;
+    __builtin_memcpy(&four, s, 4);
+    _mm_storeu_ps(d, _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(four))));
+}
+
 // A number for each of eight columns. Arithmetic at 512 bits is no slower, only conversions are.
 #if defined(ZENR_LEVEL_avx512)
 struct Taps {
@@ -57,23 +63,25 @@ ZENR_INLINE Taps multiplyAdd(const Taps& a, const double* b, const Taps& c) {
 #endif
 
 // `origin` is where voxel 0 of the row would stand, which is outside the window mostly.
-struct Window {
+template <class Element> struct WindowOf {
     const int* index;
     uintptr_t origin;
-    const double* taps(int x) const {
-        return reinterpret_cast<const double*>(origin + uintptr_t(ptrdiff_t(index[x])) * sizeof(double));
+    const Element* taps(int x) const {
+        return reinterpret_cast<const Element*>(origin + uintptr_t(ptrdiff_t(index[x])) * sizeof(Element));
     }
-    // The taps of columns x to x + 7: t[k] has the k-th of each.
-    ZENR_INLINE void two8(int x, Taps* t) const;
-    ZENR_INLINE void four8(int x, Taps* t) const;
-    bool zero16(int x, int count) const { return zeroRun(taps(x), int(taps(x + 15) - taps(x)) + count); }
 };
+using Window = WindowOf<double>;
 
+inline bool zero16(const Window& w, int x, int count) {
+    return zeroRun(w.taps(x), int(w.taps(x + 15) - w.taps(x)) + count);
+}
+
+// The taps of columns x to x + 7: t[k] has the k-th of each.
 #if defined(ZENR_LEVEL_avx512)
 template <int count> ZENR_INLINE void permuted8(const Window& w, int x, Taps* t) {
     const int base = w.index[x];
-    const __m256i at = _mm256_sub_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(w.index + x)),
-                                        _mm256_set1_epi32(base));
+    const __m256i at =
+        _mm256_sub_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(w.index + x)), _mm256_set1_epi32(base));
     const double* const p = w.taps(x);
     if (__builtin_expect(w.index[x + 7] - base + count <= 16, 1)) {
         const __m512d low = _mm512_loadu_pd(p), high = _mm512_loadu_pd(p + 8);
@@ -84,29 +92,29 @@ template <int count> ZENR_INLINE void permuted8(const Window& w, int x, Taps* t)
         for (int k = 0; k < count; ++k) t[k].all = _mm512_i32gather_pd(at, p + k, 8);
     }
 }
-void Window::two8(int x, Taps* t) const {
-    permuted8<2>(*this, x, t);
+ZENR_INLINE void two8(const Window& w, int x, Taps* t) {
+    permuted8<2>(w, x, t);
 }
-void Window::four8(int x, Taps* t) const {
-    permuted8<4>(*this, x, t);
+ZENR_INLINE void four8(const Window& w, int x, Taps* t) {
+    permuted8<4>(w, x, t);
 }
 #else
-void Window::two8(int x, Taps* t) const {
+ZENR_INLINE void two8(const Window& w, int x, Taps* t) {
     for (int half = 0; half < 2; ++half) {
         const int i = x + 4 * half;
-        const __m256d even = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(taps(i))),
-                                                  _mm_loadu_pd(taps(i + 2)), 1);
-        const __m256d odd = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(taps(i + 1))),
-                                                 _mm_loadu_pd(taps(i + 3)), 1);
+        const __m256d even =
+            _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(w.taps(i))), _mm_loadu_pd(w.taps(i + 2)), 1);
+        const __m256d odd =
+            _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(w.taps(i + 1))), _mm_loadu_pd(w.taps(i + 3)), 1);
         (half ? t[0].high : t[0].low) = _mm256_unpacklo_pd(even, odd);
         (half ? t[1].high : t[1].low) = _mm256_unpackhi_pd(even, odd);
     }
 }
-void Window::four8(int x, Taps* t) const {
+ZENR_INLINE void four8(const Window& w, int x, Taps* t) {
     for (int half = 0; half < 2; ++half) {
         const int i = x + 4 * half;
-        const __m256d a = _mm256_loadu_pd(taps(i)), b = _mm256_loadu_pd(taps(i + 1));
-        const __m256d c = _mm256_loadu_pd(taps(i + 2)), d = _mm256_loadu_pd(taps(i + 3));
+        const __m256d a = _mm256_loadu_pd(w.taps(i)), b = _mm256_loadu_pd(w.taps(i + 1));
+        const __m256d c = _mm256_loadu_pd(w.taps(i + 2)), d = _mm256_loadu_pd(w.taps(i + 3));
         const __m256d ab[2] = {_mm256_unpacklo_pd(a, b), _mm256_unpackhi_pd(a, b)};
         const __m256d cd[2] = {_mm256_unpacklo_pd(c, d), _mm256_unpackhi_pd(c, d)};
         for (int k = 0; k < 2; ++k) {
@@ -119,9 +127,9 @@ void Window::four8(int x, Taps* t) const {
 
 // The columns of a row, sixteen or more, window by window: fast(window, begin, end), or slow(begin, count) where the
 // taps of sixteen columns lie too far apart. Column x has `taps` taps from row[index[x]] on.
-template <int taps, class T, class Fast, class Slow>
+template <int taps, class Element, class T, class Fast, class Slow>
 ZENR_INLINE void throughWindows(const T* row, const int* index, int n, const Fast& fast, const Slow& slow) {
-    alignas(64) double window[kWindow + kBeyond];
+    alignas(64) Element window[kWindow + kBeyond];
     for (int x = 0; x < n;) {
         // Columns whose taps fit in the window; the last sixteen may overlap those before.
         if (n - x < 16) x = n - 16;
@@ -139,8 +147,8 @@ ZENR_INLINE void throughWindows(const T* row, const int* index, int n, const Fas
             for (; i + 4 <= count; i += 4) widen4(row + first + i, window + i);
             for (; i < count; ++i) window[i] = row[first + i];
             const uintptr_t origin =
-                reinterpret_cast<uintptr_t>(window) - uintptr_t(ptrdiff_t(first)) * sizeof(double);
-            fast(Window{index, origin}, x, x + columns);
+                reinterpret_cast<uintptr_t>(window) - uintptr_t(ptrdiff_t(first)) * sizeof(Element);
+            fast(WindowOf<Element>{index, origin}, x, x + columns);
         }
         x += columns;
     }

@@ -32,7 +32,9 @@ constexpr size_t roundUp(size_t n, size_t multiple) {
 }
 
 template <class P> const typename P::Kernels& kernelsOf(Level level) {
-    if constexpr (P::kTaps == 4)
+    if constexpr (P::kDoubts)
+        return quickCubicKernels(level);
+    else if constexpr (P::kTaps == 4)
         return cubicKernels(level);
     else if constexpr (sizeof(typename P::Voxel) == 1)
         return linearKernels(level).u8;
@@ -147,7 +149,7 @@ template <class P> struct Routines {
     decltype(&planeRows<P, true>) borderRows;
     decltype(&depthBorder<P>) borderSlice;
 };
-template <class P> constexpr Routines<P> kRoutines{};
+template <class P> constexpr Routines<P> kRoutines = {&planeRows<P, false>, &planeRows<P, true>, &depthBorder<P>};
 template <>
 constexpr Routines<Linear<uint8_t>> kRoutines<Linear<uint8_t>> = {ownrResize8plL, ownpr_CalcBorder8plL,
                                                                   ownpr_DepBorder8plL};
@@ -223,10 +225,11 @@ template <class P> void resamplePlane(const ResizeBlock<P>& block, Slice<const t
     kRoutines<P>.borderRows(block, src, p, block.rows.trailing, block.height, &tags);
 }
 
-// Destination slices [first, first + count) of a block of columns and rows.
+// Destination slices [first, first + count) of a block of columns and rows; how many of them were done. A policy that
+// leaves doubts gives up once more than a 32nd of a slice had to be done again.
 template <class P, class Source, class Destination>
-void resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& src, const Destination& dst, int firstX,
-                  int firstY, int first, int count) {
+int resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& src, const Destination& dst, int firstX,
+                 int firstY, int first, int count) {
     int tag[P::kTaps];
     for (int k = 0; k < P::kTaps; ++k) tag[k] = -1;
     const AxisMap& axis = block.axis[2];
@@ -234,29 +237,50 @@ void resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& sr
         const int z = first + i;
         const AxisMap::Sample s = axis.sample(z);
         const bool inside = tapsInside<P>(s.base, axis.size);
-        int taps[P::kTaps];
+        DepthTaps<P> taps;
+        taps.weights = policy.weights(s.fraction);
         if (inside)
-            for (int k = 0; k < P::kTaps; ++k) taps[k] = s.base + P::kFirstTap + k;
+            for (int k = 0; k < P::kTaps; ++k) taps.plane[k] = s.base + P::kFirstTap + k;
         else
-            P::borderTaps(axis, s.base, taps);
+            P::borderTaps(axis, s.base, taps.plane);
         for (int k = 0; k < P::kTaps; ++k) {
-            const int slot = taps[k] & (P::kTaps - 1);
-            if (tag[slot] != taps[k]) resamplePlane(block, src.slice(taps[k]), taps[k]);
-            tag[slot] = taps[k];
+            const int plane = taps.plane[k];
+            const int slot = plane & (P::kTaps - 1);
+            taps.src[k] = src.slice(plane);
+            if (tag[slot] != plane) resamplePlane(block, taps.src[k], plane);
+            tag[slot] = plane;
         }
         Slice<typename P::Voxel> out = dst.slice(z);
         out.base = out.row(firstY) + firstX;
-        const typename P::Weights weights = policy.weights(s.fraction);
-        if (inside)
-            depthRows(block, taps, weights, out);
-        else
-            kRoutines<P>.borderSlice(block, s.base, weights, out);
+        const int again = inside ? depthRows(block, taps, out) : kRoutines<P>.borderSlice(block, s.base, taps, out);
+        if (P::kDoubts && again > block.width * block.height / 32) return i + 1;
     }
+    return count;
 }
 
-// Blocks: rows of at most this many columns, and as many rows as keep the ring of planes in L2.
-constexpr int kMostColumns = 1024;
+// Blocks have as many rows as keep the ring of planes in L2.
 constexpr size_t kRingBytes = 256 << 10;
+
+// Columns and rows of a block, within the destination range.
+struct BlockArea {
+    int x, y, columns, rows;
+};
+
+// Slices of a share for one block; how many were done.
+template <class P, class Source, class Destination>
+int resizeBlock(const P& policy, Level level, const Source& src, ZenrVolume srcVolume, const Destination& dst,
+                const ResizeGeometry& g, const BlockArea& area, int firstSlice, int sliceCount,
+                unsigned char* scratch) {
+    ResizeBlock<P> block;
+    block.kernels = &kernelsOf<P>(level);
+    block.axis[0] = {g.inverse[0], g.offset[0], srcVolume.width};
+    block.axis[1] = {g.inverse[1], g.offset[1], srcVolume.height};
+    block.axis[2] = {g.inverse[2], g.offset[2], srcVolume.depth};
+    layOut<P>(Arena(scratch), area.columns, area.rows, &block);
+    tabulateColumns(policy, &block, g.first[0] + area.x);
+    tabulateRows(policy, &block, g.first[1] + area.y);
+    return resizeSlices(policy, block, src, dst, g.first[0] + area.x, g.first[1] + area.y, firstSlice, sliceCount);
+}
 
 // A thread's share of slices, within its share of the work memory.
 template <class P, class Source, class Destination>
@@ -271,15 +295,14 @@ void resizeShare(const P& policy, Level level, const Source& src, ZenrVolume src
 
     for (int x = 0; x < g.count[0]; x += least(columns, g.count[0] - x)) {
         for (int y = 0; y < g.count[1]; y += least(rows, g.count[1] - y)) {
-            ResizeBlock<P> block;
-            block.kernels = &kernelsOf<P>(level);
-            block.axis[0] = {g.inverse[0], g.offset[0], srcVolume.width};
-            block.axis[1] = {g.inverse[1], g.offset[1], srcVolume.height};
-            block.axis[2] = {g.inverse[2], g.offset[2], srcVolume.depth};
-            layOut<P>(Arena(scratch), least(columns, g.count[0] - x), least(rows, g.count[1] - y), &block);
-            tabulateColumns(policy, &block, g.first[0] + x);
-            tabulateRows(policy, &block, g.first[1] + y);
-            resizeSlices(policy, block, src, dst, g.first[0] + x, g.first[1] + y, firstSlice, sliceCount);
+            const BlockArea area = {x, y, least(columns, g.count[0] - x), least(rows, g.count[1] - y)};
+            int done = 0;
+            // The scratch memory of floats is smaller.
+            if constexpr (P::kTaps == 4 && sizeof(typename P::Voxel) == 1)
+                done = resizeBlock(QuickCubic{{policy.mode}}, level, src, srcVolume, dst, g, area, firstSlice,
+                                   sliceCount, scratch);
+            if (done < sliceCount)
+                resizeBlock(policy, level, src, srcVolume, dst, g, area, firstSlice + done, sliceCount - done, scratch);
         }
     }
 }

@@ -59,6 +59,9 @@ struct AxisMap {
     int clamped(int tap) const { return tap < 0 ? 0 : tap > size - 1 ? size - 1 : tap; }
 };
 
+// Blocks are no wider than this.
+constexpr int kMostColumns = 1024;
+
 template <class P> struct ResizeBlock;
 
 // Interpolation policies. A policy knows its number of taps, how a base index becomes taps, and how its passes are
@@ -73,6 +76,7 @@ template <class T> struct Linear {
     static constexpr int kTaps = 2;
     static constexpr int kFirstTap = 0; // relative to the base index
     static constexpr int kWeightsPerColumn = 1;
+    static constexpr bool kDoubts = false; // whether the depth pass leaves voxels to be done again
     int mode;
 
     Weights weights(float f) const {
@@ -121,8 +125,8 @@ template <class T> struct Linear {
         else
             k.row(src, index, weights, dst, n);
     }
-    static void column(const Kernels& k, const RowInter* const* r, const Weights& w, const RowBound& bound,
-                       Inter* dst, int n) {
+    static void column(const Kernels& k, const RowInter* const* r, const Weights& w, const RowBound& bound, Inter* dst,
+                       int n) {
         if constexpr (sizeof(T) == 4)
             k.col(r[0], r[1], w, bound, columnCare(bound, w), dst, n);
         else
@@ -148,6 +152,7 @@ template <class T> struct Cubic {
     static constexpr int kTaps = 4;
     static constexpr int kFirstTap = -1;
     static constexpr int kWeightsPerColumn = 4;
+    static constexpr bool kDoubts = false;
     int mode;
 
     Weights weights(float f) const {
@@ -211,6 +216,27 @@ template <class T> struct Cubic {
     }
 };
 
+// 8-bit voxels by sums in float, as far as those are certain.
+struct QuickCubic : Cubic<uint8_t> {
+    using RowInter = float;
+    using Weight = float;
+    using Kernels = QuickCubicKernels;
+
+    static void store(const Weights& w, float* column, int step) {
+        for (int k = 0; k < 4; ++k) column[ptrdiff_t(k) * step] = w.tap[k];
+    }
+    static constexpr bool kDoubts = true;
+    static bool exactColumn(const Weights&) { return true; }
+    static RowBound sourceBound(const Kernels&, const uint8_t*, int) { return {0, 0, false}; }
+    static void row(const Kernels& k, const uint8_t* src, float* dst, const int* index, const float* weights,
+                    int weightStep, const int*, const RowBound&, Care, int n) {
+        k.row(src, dst, index, weights, weightStep, n);
+    }
+    static void column(const Kernels& k, const float* const* r, const Weights& w, const RowBound&, float* dst, int n) {
+        k.col(r, w.tap, dst, n);
+    }
+};
+
 // Destination positions of an axis, divided by whether their taps lie inside the volume: [0, interior) before it,
 // [interior, trailing) inside, [trailing, count) after it.
 struct Runs {
@@ -237,8 +263,8 @@ template <class P> struct ResizeBlock {
     Runs rows;
     int firstColumn; // source columns that are read
     int usedColumns;
-    int* index;                      // per column: base
-    typename P::Weight* weights;     // per column; those of the next tap are weightStep further on
+    int* index;                  // per column: base
+    typename P::Weight* weights; // per column; those of the next tap are weightStep further on
     int weightStep;
     int* guarded;                    // per column, where intermediates are floats; see the row passes
     int* rowBase;                    // per row
