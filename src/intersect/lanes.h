@@ -107,6 +107,19 @@ ZENR_INLINE Bits equal(Ints a, Ints b) {
 #endif
 }
 
+// The first `count` of a list, and zeros.
+ZENR_INLINE Ints firstOf(const int* list, int count) {
+#if defined(__AVX512BW__)
+    return (Ints)_mm512_maskz_loadu_epi32(count < kLanes ? __mmask16((1u << count) - 1) : __mmask16(0xFFFF), list);
+#else
+    Ints x = {};
+    for (int i = 0; i < kLanes; ++i) {
+        if (i < count) x[i] = list[i];
+    }
+    return x;
+#endif
+}
+
 // Lanes of a where the bit is set, of b elsewhere.
 ZENR_INLINE Floats select(Bits bits, Floats a, Floats b) {
 #if defined(__AVX512BW__)

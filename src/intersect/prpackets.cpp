@@ -232,26 +232,47 @@ ZENR_INLINE Bits finishClip(Block64& tile, int v) {
     return some;
 }
 
-// Whether the bounds of a tile's directions show that no ray of it meets the box: what each ray would compute lies between
-// what is computed from the bounds.
-bool allMiss(const Block64& tile, const float* box) {
-    const float* o = tile.sharedOrigin;
-    float enter = 0, leave = __builtin_inff();
-    if (!(tile.reach < leave)) return false;
-    for (int k = 0; k < 3; ++k) {
-        const float low = tile.low[k], high = tile.high[k];
-        const float from = box[k] - o[k], to = box[3 + k] - o[k];
-        if (!(from <= to)) return false;
-        if (!(low > kParallel || high < -kParallel)) continue;
-        const float a = from / low, b = from / high, c = to / low, d = to / high;
-        enter = largerOf(enter, smallerOf(smallerOf(a, b), smallerOf(c, d)));
-        leave = smallerOf(leave, largerOf(largerOf(a, b), largerOf(c, d)));
+// What the bounds of a tile's directions tell about the slabs of the box: what each ray computes lies between what is
+// computed from the bounds.
+struct Slabs {
+    bool oriented;             // no ray is parallel to an axis, and all agree about signs
+    bool miss;                 // no ray meets the box
+    bool enters[3], leaves[3]; // the slab may be the last that a ray enters, or the first that it leaves
+    float first[3], second[3]; // the planes that come first and second, from the origin
+
+    Slabs(const Block64& tile, const float* box) {
+        float firstHigh[3] = {}, secondLow[3] = {};
+        float enter = 0, leave = __builtin_inff();
+        bool known = tile.reach < leave;
+        oriented = known;
+        for (int k = 0; k < 3; ++k) {
+            const float low = tile.low[k], high = tile.high[k], origin = tile.sharedOrigin[k];
+            const float from = box[k] - origin, to = box[3 + k] - origin;
+            known = known && from <= to;
+            first[k] = low < 0 ? to : from;
+            second[k] = low < 0 ? from : to;
+            enters[k] = leaves[k] = low > kParallel || high < -kParallel;
+            if (!enters[k]) {
+                oriented = false;
+                continue;
+            }
+            const float a = first[k] / low, b = first[k] / high, c = second[k] / low, d = second[k] / high;
+            enter = largerOf(enter, smallerOf(a, b));
+            leave = smallerOf(leave, largerOf(c, d));
+            firstHigh[k] = largerOf(a, b);
+            secondLow[k] = smallerOf(c, d);
+        }
+        oriented = oriented && known;
+        miss = known && enter > leave;
+        for (int k = 0; k < 3; ++k) {
+            enters[k] = enters[k] && firstHigh[k] >= enter;
+            leaves[k] = leaves[k] && secondLow[k] <= leave;
+        }
     }
-    return enter > leave;
-}
+};
 
 // Clips rays of a shared origin to the box; returns those that meet it.
-Set64 clipFromEye(Block64& tile, const float* box) {
+Set64 clipFromEye(Block64& tile, const float* box, const Slabs& slabs) {
     Set64 meets = 0;
     for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
     for (int v = 0; v < Block64::kVectors; ++v) {
@@ -260,8 +281,13 @@ Set64 clipFromEye(Block64& tile, const float* box) {
         for (int k = 0; k < 3; ++k) {
             const Bits parallel = setAxis(tile, k, v, kParallelInverseEye, false);
             const Floats d = tile.direction[k][v];
-            clipSlab(tile, v, all(box[k] - tile.sharedOrigin[k]) / d, all(box[3 + k] - tile.sharedOrigin[k]) / d,
-                     parallel);
+            if (slabs.oriented) {
+                if (slabs.enters[k]) tile.tmin[v] = larger(all(slabs.first[k]) / d, tile.tmin[v]);
+                if (slabs.leaves[k]) tile.tmax[v] = smaller(all(slabs.second[k]) / d, tile.tmax[v]);
+            } else {
+                clipSlab(tile, v, all(box[k] - tile.sharedOrigin[k]) / d, all(box[3 + k] - tile.sharedOrigin[k]) / d,
+                         parallel);
+            }
         }
         meets |= whole<Set64>(finishClip(tile, v), v);
     }
@@ -339,12 +365,13 @@ void eye(const RayBlock& block) {
         setDirections(tile, block, place, place.rays);
         prefetchLater(block, tiling, i);
         clearHits(tile);
-        if (allMiss(tile, block.box)) {
+        const Slabs slabs(tile, block.box);
+        if (slabs.miss) {
             scatter(block.triangle, reinterpret_cast<int*>(tile.triangle), place, place.rays);
             continue;
         }
         gather(tile.best, block.distance, place);
-        const Set64 rays = clipFromEye(tile, block.box) & place.rays;
+        const Set64 rays = clipFromEye(tile, block.box, slabs) & place.rays;
         if (walkOctants<EyeTile>(block, tile, rays)) {
             storeNearest(block, tile, place);
             continue;
@@ -542,7 +569,7 @@ void multiple(const RayBlock& block) {
         gather(tile.best, block.distance, place);
         Floats maximum[Block64::kVectors];
         for (int v = 0; v < Block64::kVectors; ++v) maximum[v] = tile.best[v];
-        Set64 rays = clipFromEye(tile, block.box) & place.rays;
+        Set64 rays = clipFromEye(tile, block.box, Slabs(tile, block.box)) & place.rays;
         for (int v = 0; v < Block64::kVectors; ++v) {
             for (int k = 0; k < 4; ++k) {
                 tile.origin[k][v] = all(tile.sharedOrigin[k]);

@@ -167,8 +167,11 @@ struct Outline {
 ZENR_INLINE void outline(Outline& o, const ZenrTriangleAccel* accel, const int* list, int count, const float* origin,
                          float reach) {
     static_assert(sizeof(ZenrTriangleAccel) == 40, "a record is read as rows of four floats");
+    alignas(64) int number[kLanes];
+    const Ints numbers = firstOf(list, count); // lanes without a triangle read the first record, and are left out below
+    __builtin_memcpy(number, &numbers, sizeof number);
     const auto rowFrom = [&](int lane, int word) {
-        return _mm_loadu_ps(reinterpret_cast<const float*>(accel + list[lane < count ? lane : 0]) + word);
+        return _mm_loadu_ps(reinterpret_cast<const float*>(accel + number[lane]) + word);
     };
     Floats axes, nA, pK, nB, pA, pB, e2A, e2B, e1A, e1B, unused;
     turnRows([&](int lane) { return rowFrom(lane, 0); }, axes, nA, pK, nB);
@@ -406,34 +409,55 @@ template <class Search, class Set> ZENR_INLINE bool fewFor(Set rays, int triangl
     return kFewRaysPay && n <= (Search::kOwnOrigins ? triangles + 6 : kFewShared);
 }
 
-// The triangles of a leaf in list order; returns the rays whose search ends here.
+// The list of a leaf's triangles.
+struct LeafList {
+    int inlined[3];
+    const int* list;
+    uint32_t count;
+
+    ZENR_INLINE explicit LeafList(const ZenrKDTreeNode* leaf) {
+        const uint32_t w0 = leaf->w0, w1 = leaf->w1;
+        list = inlined;
+        count = w1;
+        if (w1 & kInlineBit) {
+            count = w1 & kInlineCountMask;
+            const int base = int((w1 & 0x7FFFFFFCu) >> 2);
+            const int first = int(w0 & 0x7FFFFFFFu);
+            inlined[0] = count == 3 ? base - (first >> 16) : first;
+            inlined[1] = base;
+            inlined[2] = base + (first & 0xFFFF);
+        } else {
+            const uint32_t forward = 0u - (w0 & kListOffsetMask);
+            list = reinterpret_cast<const int*>(reinterpret_cast<const char*>(leaf) + forward);
+        }
+    }
+    LeafList(const LeafList&) = delete;
+};
+
+ZENR_INLINE void prefetchRecords(const ZenrTriangleAccel* accel, const int* list, int count) {
+    for (int i = 0; i < count; ++i) {
+        __builtin_prefetch(&accel[list[i]].axes);
+        __builtin_prefetch(&accel[list[i]].e1B);
+    }
+}
+
+// The triangles of a leaf in list order; returns the rays that may have found one, of segments those that have.
 template <class Search, class T>
 ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, T& tile,
                                      typename T::Set active) {
-    const uint32_t w0 = leaf->w0, w1 = leaf->w1;
-    int inlined[3];
-    const int* list = inlined;
-    uint32_t count = w1;
-    if (w1 & kInlineBit) {
-        count = w1 & kInlineCountMask;
-        const int base = int((w1 & 0x7FFFFFFCu) >> 2);
-        const int first = int(w0 & 0x7FFFFFFFu);
-        inlined[0] = count == 3 ? base - (first >> 16) : first;
-        inlined[1] = base;
-        inlined[2] = base + (first & 0xFFFF);
-    } else {
-        const uint32_t forward = 0u - (w0 & kListOffsetMask);
-        list = reinterpret_cast<const int*>(reinterpret_cast<const char*>(leaf) + forward);
-    }
+    const LeafList triangles(leaf);
+    const int* list = triangles.list;
+    const uint32_t count = triangles.count;
     const typename T::Set before = active;
+    typename T::Set found = 0;
     constexpr uint32_t kMost = Search::kOwnOrigins ? kBatch / 2 : kBatch;
     for (uint32_t done = 0; done < count; done += kMost) {
         const int batch = int(count - done < kMost ? count - done : kMost);
-        for (int i = 0; Search::kOwnOrigins && i < batch; ++i) {
-            __builtin_prefetch(&accel[list[i]].axes);
-            __builtin_prefetch(&accel[list[i]].e1B);
-        }
-        if (fewFor<Search>(active, batch)) {
+        // The quick test of a shared origin begins with all records at once.
+        const bool few = fewFor<Search>(active, batch);
+        if (Search::kOwnOrigins || few) prefetchRecords(accel, list, batch);
+        if (few) {
+            if (!Search::kSegment) found = active;
             for (int i = 0; i < batch && active; i += kHalf)
                 active &= ~testRow<Search>(list + i, batch - i < kHalf ? batch - i : kHalf, accel, tile, active);
             if (!active) break;
@@ -459,13 +483,16 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
                 const Bits bits = part(rays, v);
                 if (!bits) continue;
                 const Bits hit = takeHits<Search>(r, tile, v, bits);
-                if (Search::kSegment) active &= ~whole<typename T::Set>(hit, v);
+                if (Search::kSegment)
+                    active &= ~whole<typename T::Set>(hit, v);
+                else
+                    found |= whole<typename T::Set>(hit, v);
             }
         }
         if (Search::kSegment && !active) break;
         list += batch;
     }
-    return before & ~active;
+    return Search::kSegment ? before & ~active : found;
 }
 
 // ---- The walk -----------------------------------------------------------------------------------------------------
@@ -488,6 +515,7 @@ struct Bounds {
     Span inverse[4];
     Span origin[4];
     Span tmin, tmax;
+    float best; // not above any ray's best distance
 };
 
 // False where a ray's interval is reversed: a later search of successive hits may start outside the box.
@@ -532,8 +560,23 @@ template <class Search, class T> ZENR_INLINE bool bound(Bounds& bounds, const T&
     }
     // A malformed node's axis, as it is for each ray.
     bounds.inverse[3] = bounds.origin[3] = {0, 0};
-    bounds.tmin = usable ? spanOf(tile.tmin) : Span{nan, nan};
-    bounds.tmax = usable ? spanOf(tile.tmax) : Span{nan, nan};
+    Floats low[3], high[2];
+    low[0] = low[1] = low[2] = all(inf);
+    high[0] = high[1] = all(-inf);
+    for (int v = 0; v < T::kVectors; ++v) {
+        const Bits bits = part(rays, v);
+        const Floats of[3] = {tile.tmin[v], tile.tmax[v], tile.best[v]};
+        for (int i = 0; i < 3; ++i) low[i] = smaller(select(bits, of[i], low[i]), low[i]);
+        for (int i = 0; i < 2; ++i) high[i] = larger(select(bits, of[i], high[i]), high[i]);
+    }
+    float lows[4], highs[4];
+    const __m128 last = leastQuarter(low[2]);
+    _mm_storeu_ps(lows, leastOfEach(leastQuarter(low[0]), leastQuarter(low[1]), last, last));
+    const __m128 ends = greatestQuarter(high[1]);
+    _mm_storeu_ps(highs, greatestOfEach(greatestQuarter(high[0]), ends, ends, ends));
+    bounds.tmin = usable ? Span{lows[0], highs[0]} : Span{nan, nan};
+    bounds.tmax = usable ? Span{lows[1], highs[1]} : Span{nan, nan};
+    bounds.best = Search::kSegment ? 1.f : lows[2];
     return true;
 }
 
@@ -560,9 +603,11 @@ ZENR_INLINE bool isEmptyLeaf(const ZenrKDTreeNode* node) {
     return (node->w0 & kLeafBit) && node->w1 == 0;
 }
 
-// The rays of a set that go on behind `middle`, because they have found nothing before it.
+// The rays of a set that go on behind `middle`, because they have found nothing before it. `latest` bounds the middles,
+// `best` the distances.
 template <class Search, class T>
-ZENR_INLINE typename T::Set goOn(const T& tile, typename T::Set rays, const Floats* middle) {
+ZENR_INLINE typename T::Set goOn(const T& tile, typename T::Set rays, const Floats* middle, float latest, float best) {
+    if (latest < best) return rays;
     typename T::Set on = 0;
     for (int v = 0; v < T::kVectors; ++v) {
         const Bits bits = part(rays, v);
@@ -586,6 +631,7 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
     const Floats* tmin = tile.tmin;
     const Floats* tmax = tile.tmax;
     Bounds bounds = {};
+    bounds.best = -__builtin_inff();
     // Rays that go apart gain nothing from bounds.
     constexpr bool kBounded = T::kRays > 16;
     if (kBounded && !bound<Search>(bounds, tile, rays)) return false;
@@ -647,7 +693,7 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
             // A stop that an empty far child would see is seen at the next pending node.
             if (!isEmptyLeaf(farther)) {
                 if (isEmptyLeaf(nearer)) {
-                    active = farOnly | goOn<Search>(tile, both, middle);
+                    active = farOnly | goOn<Search>(tile, both, middle, middleBounds.high, bounds.best);
                     if (active) {
                         bounds.tmin = middleBounds;
                         tmin = middle;
@@ -664,10 +710,19 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
             active &= ~farOnly;
             node = nearer;
         }
-        const typename T::Set ended = testLeaf<Search>(node, accel, tile, active);
+        if (pending && node->w1 != 0) {
+            const ZenrKDTreeNode* next = stack[pending - 1].node;
+            if (next->w0 & kLeafBit) {
+                const LeafList later(next);
+                prefetchRecords(accel, later.list, later.count < kBatch ? int(later.count) : kBatch);
+            }
+        }
+        const typename T::Set found = testLeaf<Search>(node, accel, tile, active);
         if (Search::kSegment) {
-            alive &= ~ended;
+            alive &= ~found;
             if (!alive) return true;
+        } else if (found) {
+            bounds.best = -__builtin_inff();
         }
 
         // The interval that a ray searched last ended at the middle of the entry.
@@ -680,7 +735,7 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
             tmax = next.tmax;
             bounds.tmin = next.tminBounds;
             bounds.tmax = next.tmaxBounds;
-            active = next.always | goOn<Search>(tile, next.unless, tmin);
+            active = next.always | goOn<Search>(tile, next.unless, tmin, bounds.tmin.high, bounds.best);
             if (Search::kSegment) active &= alive;
         } while (!active);
     }

@@ -1,45 +1,19 @@
-// What is known of the elements of a row; it decides how much of the sums of them has to be checked.
+// What is known of the sizes of a row's elements; it decides how much of a row's sums has to be checked.
 #pragma once
 
 namespace zenr {
 
-// No finite element exceeds `most` in size. A `most` of 0 also says that sums are exact in double, whatever the elements.
-//
-// `least` is 0 if nothing more is known. Otherwise all elements are finite, and multiples of one power of two that is
-// not below 2^-24 * least; without `mixed` none is negative, and none but zeros falls below `least`.
+// No finite element exceeds `most` in size, and no other but 0 falls below `least`. A `most` of 0 also says that sums are
+// exact in double, whatever the elements.
 struct RowBound {
     float most;
     float least;
-    bool mixed;
 };
 
-static inline RowBound together(const RowBound& a, const RowBound& b) {
-    return {a.most > b.most ? a.most : b.most, a.least < b.least ? a.least : b.least, a.mixed || b.mixed};
-}
-
-// How far a pass may move bounds: factors of `most`, and of `least` with and without negative elements.
-struct Growth {
-    float most;
-    float positive;
-    float mixed;
-};
-static inline RowBound grown(const RowBound& b, const Growth& g) {
-    return {b.most * g.most, b.least * (b.mixed ? g.mixed : g.positive), b.mixed};
-}
-static inline Growth together(const Growth& a, const Growth& b) {
-    return {a.most > b.most ? a.most : b.most, a.positive < b.positive ? a.positive : b.positive,
-            a.mixed < b.mixed ? a.mixed : b.mixed};
-}
-
-// Elements so close to each other (and zeros) that sums with short weights are exact in double: in units of 2^-10 of
-// the least element's last place, they stay below 2^53.
+// Elements so close to each other (and zeros) that sums with short weights are exact in double: in units of 2^-10 of the
+// least element's last place, they stay below 2^53.
 static inline bool isClose(const RowBound& bound) {
     return bound.most <= bound.least * 0x1p17f;
-}
-
-// Neither an element nor a multiple of its unit is anywhere near the smallest normal float.
-static inline bool isNormal(const RowBound& bound) {
-    return bound.least >= 0x1p-100f;
 }
 
 // Weights that are multiples of 2^-10 make sums that often lie half-way between two floats.
@@ -47,12 +21,5 @@ static inline bool isShort(double w) {
     const double scaled = w * 1024;
     return scaled == double(int(scaled));
 }
-
-// What a pass has to check of its sums.
-enum class Care {
-    none,    // they are exact in double
-    halfway, // whether a half-way point between two floats is near; see presguard.h
-    full,
-};
 
 } // namespace zenr

@@ -41,17 +41,9 @@ struct Sum {
     double residue;
 };
 
-// Rows that later passes read again are kept as doubles, already rounded to float.
-static inline void putRun(float* dst, const float* run, int n) {
-    __builtin_memcpy(dst, run, unsigned(n) * sizeof(float));
-}
-static inline void putRun(double* dst, const float* run, int n) {
-    for (int i = 0; i < n; ++i) dst[i] = run[i];
-}
-
 // Elements [0, n) of a row or plane: op.sum(x) in double, op.exact(x) in extended precision.
-template <class Op, class Element>
-static inline __attribute__((always_inline)) void roundRun(const Op& op, Element* dst, int begin, int n) {
+template <class Op>
+static inline __attribute__((always_inline)) void roundRun(const Op& op, float* dst, int begin, int n) {
     constexpr int kMost = 32;
     float out[kMost];
     int doubt = 0;
@@ -71,10 +63,9 @@ static inline __attribute__((always_inline)) void roundRun(const Op& op, Element
         if (doubt)
             for (int i = 0; i < n; ++i) out[i] = float(op.exact(begin + i));
     }
-    putRun(dst + begin, out, n);
+    __builtin_memcpy(dst + begin, out, unsigned(n) * sizeof(float));
 }
-template <class Op, class Element>
-static inline __attribute__((always_inline)) void roundRow(const Op& op, Element* dst, int n) {
+template <class Op> static inline __attribute__((always_inline)) void roundRow(const Op& op, float* dst, int n) {
     constexpr int kRun = 32;
     int begin = 0;
     for (; n - begin >= kRun; begin += kRun) roundRun(op, dst, begin, kRun);
