@@ -4,6 +4,7 @@
 
 #include "frame/prmem.h"
 #include "intersect/intersect.h"
+#include "intersect/order.h"
 #include "intersect/stream.h"
 
 namespace zenr {
@@ -175,6 +176,12 @@ ZENR_INLINE void setBoxes(Block64& tile) {
     tile.reach = lessEqual(sum, sum) == kAllLanes ? greatestOfFour(size) : __builtin_inff();
 }
 
+void finishDirections(Block64& tile) {
+    setBoxes(tile);
+    for (int v = 0; v < Block64::kVectors; ++v) tile.direction[3][v] = tile.inverse[3][v] = Floats{};
+    tile.negative[3] = 0;
+}
+
 // Lanes that are not among the `rays`, which are some, follow one that is: they widen no bounds.
 void setDirections(Block64& tile, const RayBlock& block, const Place& place, Set64 rays) {
     for (int k = 0; k < 3; ++k) {
@@ -185,9 +192,7 @@ void setDirections(Block64& tile, const RayBlock& block, const Place& place, Set
                 tile.direction[k][v] = select(part(rays, v), tile.direction[k][v], one);
         }
     }
-    setBoxes(tile);
-    for (int v = 0; v < Block64::kVectors; ++v) tile.direction[3][v] = tile.inverse[3][v] = Floats{};
-    tile.negative[3] = 0;
+    finishDirections(tile);
 }
 
 void shareOrigin(Block64& tile, const float* origin) {
@@ -430,8 +435,6 @@ void addToStream(Stream& stream, int slot, Block64& tile) {
         ray.tmax = floatsOf(tile.tmax)[lane];
         ray.triangle = -1;
     }
-    stream.reach = tile.reach > stream.reach ? tile.reach : stream.reach;
-    stream.away = tile.away > stream.away ? tile.away : stream.away;
 }
 
 // Walks with all rays of a batch, octant after octant. False as for walk().
@@ -470,7 +473,6 @@ void nearest(const RayBlock& block) {
     Batch batch;
     for (size_t first = 0; first < tiling.count; first += most) {
         batch.tiles = 0;
-        stream.reach = stream.away = 0;
         size_t places[most];
         for (size_t i = first; i < tiling.count && i < first + most; ++i) {
             Place place;
@@ -512,48 +514,166 @@ void nearest(const RayBlock& block) {
     if (memory) zensFree(memory);
 }
 
-void any(const RayBlock& block) {
-    const Tiling tiling(block);
-    Block64 tile;
-    shareOrigin(tile, block.origin);
-    for (size_t i = 0; i < tiling.count; ++i) {
-        Place place;
-        tiling.place(i, place);
-        prefetchLater(block, tiling, i);
-        alignas(64) int mask[64];
-        gather(reinterpret_cast<Floats*>(mask), block.mask, place);
-        Set64 rays = place.rays;
-        for (int v = 0; v < Block64::kVectors; ++v) {
-            Ints m;
-            __builtin_memcpy(&m, mask + v * kLanes, sizeof m);
-            rays &= ~whole<Set64>(equal(m >> 31, all(int32_t(-1))), v);
-        }
-        clearHits(tile);
-        if (rays) {
-            setDirections(tile, block, place, rays);
-            for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
-            for (int v = 0; v < Block64::kVectors; ++v) {
-                tile.tmin[v] = Floats{};
-                tile.tmax[v] = all(kSegmentEnd);
-                for (int k = 0; k < 3; ++k) setAxis(tile, k, v, kParallelInverse, true);
-            }
-            if (!walkOctants<SegmentTile>(block, tile, rays)) {
-                eachRay(place, [&](size_t at) {
-                    const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at,
-                                                       block.direction[2] + at};
-                    oneRayAnyBlock(block.origin, direction, block.accel, block.root, block.triangle + at,
-                                   block.mask + at, 1);
-                });
-                continue;
-            }
-        }
-        scatter(block.triangle, reinterpret_cast<int*>(tile.triangle), place, place.rays);
-        const Set64 hit = hits(tile) & rays;
-        if (hit) {
-            for (int& m : mask) m = -1;
-            scatter(block.mask, mask, place, hit);
+// Sets segments up, and finds what blocks them. False as for walk().
+bool walkSegments(const RayBlock& block, Block64& tile, Set64 rays) {
+    for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
+    for (int v = 0; v < Block64::kVectors; ++v) {
+        tile.tmin[v] = Floats{};
+        tile.tmax[v] = all(kSegmentEnd);
+        for (int k = 0; k < 3; ++k) setAxis(tile, k, v, kParallelInverse, true);
+    }
+    return walkOctants<SegmentTile>(block, tile, rays);
+}
+
+void anyOneByOne(const RayBlock& block, size_t at) {
+    const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at, block.direction[2] + at};
+    oneRayAnyBlock(block.origin, direction, block.accel, block.root, block.triangle + at, block.mask + at, 1);
+}
+
+// The rays of a tile that are to be searched.
+Set64 unmasked(const RayBlock& block, const Place& place, int (&mask)[64]) {
+    gather(reinterpret_cast<Floats*>(mask), block.mask, place);
+    Set64 rays = place.rays;
+    for (int v = 0; v < Block64::kVectors; ++v) {
+        Ints m;
+        __builtin_memcpy(&m, mask + v * kLanes, sizeof m);
+        rays &= ~whole<Set64>(equal(m >> 31, all(int32_t(-1))), v);
+    }
+    return rays;
+}
+
+void anyInTile(const RayBlock& block, Block64& tile, const Place& place) {
+    alignas(64) int mask[64];
+    const Set64 rays = unmasked(block, place, mask);
+    clearHits(tile);
+    if (rays) {
+        setDirections(tile, block, place, rays);
+        if (!walkSegments(block, tile, rays)) {
+            eachRay(place, [&](size_t at) { anyOneByOne(block, at); });
+            return;
         }
     }
+    scatter(block.triangle, reinterpret_cast<int*>(tile.triangle), place, place.rays);
+    const Set64 hit = hits(tile) & rays;
+    if (hit) {
+        for (int& m : mask) m = -1;
+        scatter(block.mask, mask, place, hit);
+    }
+}
+
+// Rays of some tiles in the order of their directions; a ray's number is its tile's, times 64, and the lane.
+struct Order {
+    uint32_t* words; // keys, and numbers
+    size_t (*start)[kPieces];
+    int count;
+
+    size_t placeOf(int i) const {
+        const uint32_t number = words[i] & (kOrderRays - 1);
+        return start[number / 64][number % 64 / 4] + number % 4;
+    }
+};
+constexpr int kOrderTiles = kOrderRays / 64;
+constexpr float kApart = 1.3f; // tiles that span so much more than they would in order are put in order
+constexpr int kOrderBytes = int(2 * kOrderRays * sizeof(uint32_t) + kOrderTiles * sizeof(size_t[kPieces]));
+
+// Orders the rays of tiles from `first` on that are to be searched, unless they keep together where they are.
+bool orderRays(const RayBlock& block, const Tiling& tiling, size_t first, size_t count, Block64& tile, void* memory,
+               Order& order) {
+    uint32_t* const other = static_cast<uint32_t*>(memory) + kOrderRays;
+    order = {static_cast<uint32_t*>(memory), reinterpret_cast<size_t(*)[kPieces]>(other + kOrderRays), 0};
+    ChartRange range;
+    float perimeters = 0; // of the rays of each tile, weighed by their number
+    alignas(64) int mask[64];
+    Set64 sets[kOrderTiles];
+    for (size_t i = 0; i < count; ++i) {
+        Place place;
+        tiling.place(first + i, place);
+        __builtin_memcpy(order.start[i], place.start, sizeof place.start);
+        sets[i] = unmasked(block, place, mask);
+        if (!sets[i]) continue;
+        for (int k = 0; k < 3; ++k) gather(tile.direction[k], block.direction[k], place);
+        ChartRange here;
+        for (int v = 0; v < Block64::kVectors; ++v)
+            here.add(chartOf(tile.direction[0][v], tile.direction[1][v], tile.direction[2][v]), part(sets[i], v));
+        const int rays = __builtin_popcountll(sets[i]);
+        order.count += rays;
+        perimeters += float(rays) * here.perimeter();
+        range.add(here);
+    }
+    // Ordered, each sixty-four rays would have their share of the range.
+    const float share = range.perimeter() * sqrtf(64.f / float(order.count));
+    if (order.count <= 64 || !(perimeters > kApart * float(order.count) * share)) return false;
+
+    const KeyScale scale(range);
+    int at = 0;
+    for (size_t i = 0; i < count; ++i) {
+        if (!sets[i]) continue;
+        Place place;
+        tiling.place(first + i, place);
+        for (int k = 0; k < 3; ++k) gather(tile.direction[k], block.direction[k], place);
+        for (int v = 0; v < Block64::kVectors; ++v) {
+            const Ints key = scale.key(chartOf(tile.direction[0][v], tile.direction[1][v], tile.direction[2][v]));
+            for (Bits bits = part(sets[i], v); bits; bits &= bits - 1) {
+                const int lane = __builtin_ctz(bits);
+                order.words[at++] = uint32_t(key[lane]) << kOrderBits | uint32_t(int(i) * 64 + v * kLanes + lane);
+            }
+        }
+    }
+    sortByKey(order.words, other, at);
+    return true;
+}
+
+// Sixty-four after sixty-four.
+void anyInOrder(const RayBlock& block, Block64& tile, const Order& order) {
+    for (int i = 0; i < order.count; i += 64) {
+        const int count = order.count - i < 64 ? order.count - i : 64;
+        for (int lane = 0; lane < 64; ++lane) {
+            const size_t at = order.placeOf(i + (lane < count ? lane : 0));
+            for (int k = 0; k < 3; ++k) floatsOf(tile.direction[k])[lane] = block.direction[k][at];
+        }
+        finishDirections(tile);
+        clearHits(tile);
+        const Set64 rays = count == 64 ? ~Set64(0) : (Set64(1) << count) - 1;
+        if (!walkSegments(block, tile, rays)) {
+            for (int lane = 0; lane < count; ++lane) anyOneByOne(block, order.placeOf(i + lane));
+            continue;
+        }
+        for (Set64 hit = hits(tile) & rays; hit; hit &= hit - 1) {
+            const int lane = __builtin_ctzll(hit);
+            const size_t at = order.placeOf(i + lane);
+            block.triangle[at] = reinterpret_cast<const int*>(tile.triangle)[lane];
+            block.mask[at] = -1;
+        }
+    }
+}
+
+void any(const RayBlock& block) {
+    const Tiling tiling(block);
+    // Without memory rays are traced where they are.
+    void* const memory = tiling.count > 1 ? zensMalloc_32s((kOrderBytes + 3) / 4) : nullptr;
+    Block64 tile;
+    shareOrigin(tile, block.origin);
+    for (size_t first = 0; first < tiling.count; first += kOrderTiles) {
+        const size_t left = tiling.count - first, count = left < size_t(kOrderTiles) ? left : size_t(kOrderTiles);
+        Order order;
+        if (memory && orderRays(block, tiling, first, count, tile, memory, order)) {
+            for (size_t i = 0; i < count; ++i) {
+                Place place;
+                tiling.place(first + i, place);
+                clearHits(tile);
+                scatter(block.triangle, reinterpret_cast<int*>(tile.triangle), place, place.rays);
+            }
+            anyInOrder(block, tile, order);
+            continue;
+        }
+        for (size_t i = 0; i < count; ++i) {
+            Place place;
+            tiling.place(first + i, place);
+            prefetchLater(block, tiling, first + i);
+            anyInTile(block, tile, place);
+        }
+    }
+    if (memory) zensFree(memory);
 }
 
 // Layer after layer: one walk finds the next hits of all rays of a tile that have had one so far.

@@ -5,24 +5,12 @@
 //
 // As in a tile, every ray keeps its own interval and stop rule, and sees nodes and triangles in the order of its own.
 #pragma once
-#include "intersect/tile.h"
+#include "intersect/packet.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
 
 constexpr int kStreamRays = 4096;
-constexpr int kPacketRays = 16;
-typedef Tile<kPacketRays> Packet;
-
-// A ray and what it has found: one cache line.
-struct alignas(64) StreamRay {
-    float origin[3], best;
-    float direction[3], tmin; // the interval within the box
-    float inverse[3], tmax;
-    float weight[2];
-    int triangle, unused;
-};
-constexpr int kRayWords = int(sizeof(StreamRay) / sizeof(float));
 
 struct Stream {
     StreamRay* ray;
@@ -32,7 +20,6 @@ struct Stream {
     float* listMin;
     float* listMax;
     int listRoom;
-    float reach, away; // largest component of any direction and origin
 };
 
 constexpr uint32_t kStopsIfFound = 0x80000000u;
@@ -55,15 +42,6 @@ inline void layOut(Stream& stream, float* memory, int rays) {
     stream.listMax = memory + 2 * stream.listRoom;
 }
 
-// Three components and a fourth float of each lane's ray.
-ZENR_INLINE void loadRays(const float* first, const uint32_t* number, Bits lanes, Floats& x, Floats& y, Floats& z,
-                          Floats& w) {
-    const auto row = [&](int lane) {
-        return _mm_loadu_ps(first + size_t(kRayWords) * (lanes >> lane & 1 ? number[lane] : 0));
-    };
-    turnRows(row, x, y, z, w);
-}
-
 // The same float of each lane's ray.
 ZENR_INLINE Floats gatherLanes(const float* from, Ints ray) {
     const Ints at = ray * kRayWords;
@@ -76,11 +54,6 @@ ZENR_INLINE Floats gatherLanes(const float* from, Ints ray) {
 #endif
 }
 
-ZENR_INLINE Floats loadLanes(const float* from) {
-    Floats x;
-    __builtin_memcpy(&x, from, sizeof x);
-    return x;
-}
 ZENR_INLINE Ints loadLanes(const uint32_t* from) {
     Ints x;
     __builtin_memcpy(&x, from, sizeof x);
@@ -110,6 +83,7 @@ ZENR_INLINE int countOf(Bits bits) {
 struct List {
     const ZenrKDTreeNode* node;
     int begin, count;
+    int depth; // at least the entries that are pending for a ray
 };
 
 // Lanes of a list from its element `at` on that belong to it.
@@ -117,11 +91,13 @@ ZENR_INLINE Bits lanesLeft(int at, int count) {
     return count - at >= kLanes ? kAllLanes : count > at ? (Bits(1) << (count - at)) - 1 : 0;
 }
 
-// Splits a list at an interior node: the near child's rays stay in its place, the far child's go to `top`.
-ZENR_INLINE void split(const Stream& stream, const List& list, int axis, float plane, int top, int& nearCount,
-                       int& farCount) {
+// Splits a list at an interior node: the near child's rays stay in its place, the far child's go to `top`. An empty leaf
+// gets none; where the near child is one, the rays go on to the far child at once, and stay.
+template <class Search>
+ZENR_INLINE void split(const Stream& stream, const List& list, int axis, float plane, int top, bool nearEmpty,
+                       bool farEmpty, int& nearCount, int& farCount) {
     nearCount = farCount = 0;
-    const Floats tolerance = all(kSplitTolerance);
+    const Floats tolerance = all(Search::kTolerance);
     for (int i = 0; i < list.count; i += kLanes) {
         const Bits lanes = lanesLeft(i, list.count);
         const int at = list.begin + i;
@@ -133,10 +109,19 @@ ZENR_INLINE void split(const Stream& stream, const List& list, int axis, float p
         const Bits nearOnly = less(tolerance, t - tmax) & lanes & ~farOnly;
         const Bits both = lanes & ~farOnly & ~nearOnly;
         const Floats middle = larger(tmin, smaller(t, tmax));
+        if (nearEmpty) {
+            const Bits stops = both ? both & lessEqual(gatherLanes(&stream.ray->best, ray), middle) : 0;
+            const Bits alive = (farOnly | both) & ~stops;
+            pack(alive, ray, select(both, middle, tmin), tmax, stream, list.begin + farCount);
+            farCount += countOf(alive);
+            continue;
+        }
         // The far list first: the near one overwrites what was just read.
-        pack(farOnly | both, select(both, ray | all(int32_t(kStopsIfFound)), ray), select(both, middle, tmin), tmax,
-             stream, top + farCount);
-        farCount += countOf(farOnly | both);
+        if (!farEmpty) {
+            pack(farOnly | both, select(both, ray | all(int32_t(kStopsIfFound)), ray), select(both, middle, tmin), tmax,
+                 stream, top + farCount);
+            farCount += countOf(farOnly | both);
+        }
         pack(nearOnly | both, ray, tmin, select(both, middle, tmax), stream, list.begin + nearCount);
         nearCount += countOf(nearOnly | both);
     }
@@ -159,60 +144,13 @@ ZENR_INLINE int filter(const Stream& stream, const List& list) {
     return count;
 }
 
-// Up to sixteen rays of a list, and what they search below a node.
-template <class Search>
-ZENR_INLINE bool finishAsPacket(const Stream& stream, const ZenrTriangleAccel* accel, const ZenrKDTreeNode* node,
-                                int begin, int count, const int (&nearChild)[4], int room, Packet& packet) {
-    prefetchBelow(node, accel);
-    const Packet::Set rays = (Packet::Set(1) << count) - 1;
-    for (int v = 0; v < Packet::kVectors; ++v) {
-        const int at = begin + v * kLanes;
-        const Bits lanes = lanesLeft(v * kLanes, count);
-        const uint32_t* number = stream.listRay + at;
-        const float* ray = stream.ray->origin;
-        Floats unused;
-        packet.tmin[v] = loadLanes(stream.listMin + at);
-        packet.tmax[v] = loadLanes(stream.listMax + at);
-        packet.triangle[v] = all(int32_t(-1));
-        loadRays(ray, number, lanes, packet.origin[0][v], packet.origin[1][v], packet.origin[2][v], packet.best[v]);
-        loadRays(ray + 4, number, lanes, packet.direction[0][v], packet.direction[1][v], packet.direction[2][v],
-                 unused);
-        loadRays(ray + 8, number, lanes, packet.inverse[0][v], packet.inverse[1][v], packet.inverse[2][v], unused);
-        for (int k = 0; k < 3; ++k) {
-            packet.from[k][v][0] = toDoubles<0>(packet.origin[k][v]);
-            packet.from[k][v][1] = toDoubles<1>(packet.origin[k][v]);
-        }
-    }
-    for (int k = 0; k < 4; ++k) packet.negative[k] = nearChild[k] ? rays : 0;
-    if (!walk<Search>(node, accel, packet, rays, room)) return false;
-    for (int v = 0; v < Packet::kVectors; ++v) {
-        Bits hit = part(rays, v) & ~equal(packet.triangle[v], all(int32_t(-1)));
-        for (; hit; hit &= hit - 1) {
-            const int lane = __builtin_ctz(hit);
-            StreamRay& ray = stream.ray[stream.listRay[begin + v * kLanes + lane]];
-            ray.best = packet.best[v][lane];
-            ray.weight[0] = packet.weight[0][v][lane];
-            ray.weight[1] = packet.weight[1][v][lane];
-            ray.triangle = packet.triangle[v][lane];
-        }
-    }
-    return true;
-}
-
 // Searches with the rays of the list at the beginning of the arrays, which agree about near children. False as walk().
 template <class Search>
 bool walkStream(const Stream& stream, const ZenrTriangleAccel* accel, const ZenrKDTreeNode* root, int count,
                 const int (&nearChild)[4]) {
     List pendingLists[kMaxTreeDepth];
     int pending = 0;
-    List list = {root, 0, count};
-    Packet packet;
-    for (int v = 0; v < Packet::kVectors; ++v) {
-        packet.direction[3][v] = packet.inverse[3][v] = packet.origin[3][v] = Floats{};
-        packet.from[3][v][0] = packet.from[3][v][1] = Doubles{};
-    }
-    packet.reach = stream.reach;
-    packet.away = stream.away;
+    List list = {root, 0, count, 0};
     int top = count + kLanes; // a register may be written behind the end of a list
     for (;;) {
         while (list.count > kPacketRays && !(list.node->w0 & kLeafBit) && int(list.node->w0 & kAxisMask) < 3 &&
@@ -226,20 +164,28 @@ bool walkStream(const Stream& stream, const ZenrTriangleAccel* accel, const Zenr
             const ZenrKDTreeNode* farther = children + (1 - nearChild[axis]);
             prefetchBelow(nearer, accel);
             prefetchBelow(farther, accel);
+            if (list.depth == kMaxTreeDepth) return false;
+            const bool nearEmpty = isEmptyLeaf(nearer), farEmpty = isEmptyLeaf(farther);
             int nearCount, farCount;
-            split(stream, list, axis, plane, top, nearCount, farCount);
+            split<Search>(stream, list, axis, plane, top, nearEmpty, farEmpty, nearCount, farCount);
+            if (nearEmpty) {
+                list.count = farCount;
+                list.node = farther;
+                continue;
+            }
             if (farCount) {
-                if (pending == kMaxTreeDepth) return false;
-                pendingLists[pending++] = {farther, top, farCount};
+                pendingLists[pending++] = {farther, top, farCount, list.depth};
                 top += farCount + kLanes;
             }
             list.count = nearCount;
             list.node = nearer;
+            ++list.depth;
         }
         for (int i = 0; i < list.count; i += kPacketRays) {
             const int n = list.count - i < kPacketRays ? list.count - i : kPacketRays;
-            if (!finishAsPacket<Search>(stream, accel, list.node, list.begin + i, n, nearChild, kMaxTreeDepth - pending,
-                                        packet))
+            const int at = list.begin + i;
+            if (!walkPacket<Search>(stream.ray, stream.listRay + at, stream.listMin + at, stream.listMax + at, n,
+                                    list.node, accel, nearChild, kMaxTreeDepth - list.depth))
                 return false;
         }
         do {

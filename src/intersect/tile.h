@@ -109,7 +109,7 @@ ZENR_INLINE void load(Triangle& r, const ZenrTriangleAccel& from, int number, co
     r.e1B = from.e1B;
     r.e2A = from.e2A;
     r.e2B = from.e2B;
-    if (!Search::kOwnOrigins) {
+    if constexpr (!Search::kOwnOrigins) {
         r.u = r.pA - tile.sharedFrom[r.a];
         r.w = tile.sharedFrom[r.b] - r.pB;
         r.num = r.nB * (r.pB - tile.sharedFrom[r.b]) + r.nA * r.u + r.pK - tile.sharedFrom[r.k];
@@ -375,7 +375,7 @@ template <class Search, class T> ZENR_INLINE Bits takeHits(const Triangle& r, T&
     } else {
         hit &= less(t, tile.best[v]);
     }
-    if (Search::kSuccessive) {
+    if constexpr (Search::kSuccessive) {
         const Ints number = all(int32_t(r.number));
         hit &= ~equal(tile.previous[v], number);
         for (int i = 0; i < tile.recentCount; ++i) hit &= ~equal(tile.recent[i][v], number);
@@ -403,10 +403,37 @@ ZENR_INLINE void prefetchBelow(const ZenrKDTreeNode* node, const ZenrTriangleAcc
     __builtin_prefetch(at);
 }
 
+// The rays of a tile, for testRow().
+template <class T> struct TileRays {
+    T& tile;
+
+    ZENR_INLINE float& bestOf(int ray) const { return reinterpret_cast<float*>(tile.best)[ray]; }
+    ZENR_INLINE Components toward(int ray) const {
+        const float* x = reinterpret_cast<const float*>(tile.direction);
+        return componentsOf(x[ray], x[T::kRays + ray], x[2 * T::kRays + ray]);
+    }
+    ZENR_INLINE Components fromOf(int ray) const {
+        const double* x = reinterpret_cast<const double*>(tile.from);
+        return componentsOf(x[ray], x[T::kRays + ray], x[2 * T::kRays + ray]);
+    }
+    ZENR_INLINE bool passesOver(int ray, int number) const {
+        bool over = reinterpret_cast<const int*>(tile.previous)[ray] == number;
+        for (int i = 0; i < tile.recentCount; ++i) over |= reinterpret_cast<const int*>(tile.recent[i])[ray] == number;
+        return over;
+    }
+    ZENR_INLINE void block(int ray, int number) const { reinterpret_cast<int*>(tile.triangle)[ray] = number; }
+    ZENR_INLINE void take(int ray, float t, float weight0, float weight1, int number) const {
+        bestOf(ray) = t;
+        reinterpret_cast<float*>(tile.weight[0])[ray] = weight0;
+        reinterpret_cast<float*>(tile.weight[1])[ray] = weight1;
+        reinterpret_cast<int*>(tile.triangle)[ray] = number;
+    }
+};
+
 // Whether a leaf's triangles are better taken side by side than its rays; where both are as good is flat.
 template <class Search, class Set> ZENR_INLINE bool fewFor(Set rays, int triangles) {
     const int n = sizeof rays > 4 ? __builtin_popcountll(rays) : __builtin_popcount(uint32_t(rays));
-    return kFewRaysPay && n <= (Search::kOwnOrigins ? triangles + 6 : kFewShared);
+    return kHalf >= 4 && n <= (Search::kOwnOrigins ? triangles + 6 : kFewShared);
 }
 
 // The list of a leaf's triangles.
@@ -458,8 +485,12 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
         if (Search::kOwnOrigins || few) prefetchRecords(accel, list, batch);
         if (few) {
             if (!Search::kSegment) found = active;
-            for (int i = 0; i < batch && active; i += kHalf)
-                active &= ~testRow<Search>(list + i, batch - i < kHalf ? batch - i : kHalf, accel, tile, active);
+            for (int i = 0; i < batch && active; i += kHalf) {
+                Row r;
+                load(r, list + i, batch - i < kHalf ? batch - i : kHalf, accel);
+                if (!Search::kOwnOrigins) share(r, tile.sharedFrom);
+                active &= ~testRow<Search>(r, list + i, TileRays<T>{tile}, active);
+            }
             if (!active) break;
             list += batch;
             continue;

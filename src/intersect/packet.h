@@ -1,0 +1,241 @@
+// Up to sixteen rays with origins of their own through a subtree: what lists end in. The rays go apart, so that a leaf is
+// come to by few of them; nothing is gained from bounds over all of them.
+#pragma once
+#include "intersect/few.h"
+#include "intersect/tile.h"
+
+namespace zenr {
+namespace ZENR_LEVEL {
+
+constexpr int kPacketRays = 16;
+constexpr int kPacketVectors = kPacketRays / kLanes;
+typedef uint32_t PacketSet;
+
+// A ray and what it has found: one cache line.
+struct alignas(64) StreamRay {
+    float origin[3], best;
+    float direction[3], tmin; // the interval within the box
+    float inverse[3], tmax;
+    float weight[2];
+    int triangle, unused;
+};
+constexpr int kRayWords = int(sizeof(StreamRay) / sizeof(float));
+
+ZENR_INLINE Floats loadLanes(const float* from) {
+    Floats x;
+    __builtin_memcpy(&x, from, sizeof x);
+    return x;
+}
+
+// Three components and a fourth float of each lane's ray: lanes behind `count` repeat the first.
+ZENR_INLINE void loadRays(const float* first, const uint32_t* number, int at, int count, Floats (&out)[4]) {
+    const auto row = [&](int lane) {
+        return _mm_loadu_ps(first + size_t(kRayWords) * number[at + lane < count ? at + lane : 0]);
+    };
+    turnRows(row, out[0], out[1], out[2], out[3]);
+}
+
+// Rays by their numbers; and, for leaves that many of them come to, side by side.
+struct Packet {
+    static constexpr int kVectors = kPacketVectors;
+    StreamRay* first;
+    const uint32_t* number;
+    int count;
+    bool turned;           // whether directions and origins are there
+    Floats best[kVectors]; // the rays' own, once more
+    Floats direction[4][kVectors], weight[2][kVectors];
+    Doubles from[4][kVectors][2];
+    Ints triangle[kVectors];
+
+    ZENR_INLINE StreamRay& at(int ray) const { return first[number[ray]]; }
+    // For testRow().
+    ZENR_INLINE float bestOf(int ray) const { return at(ray).best; }
+    ZENR_INLINE Components toward(int ray) const { return componentsAt(at(ray).direction); }
+    ZENR_INLINE Components fromOf(int ray) const { return componentsAt(at(ray).origin); }
+    ZENR_INLINE void take(int ray, float t, float weight0, float weight1, int number) {
+        reinterpret_cast<float*>(best)[ray] = t;
+        keep(ray, t, weight0, weight1, number);
+    }
+    ZENR_INLINE void keep(int ray, float t, float weight0, float weight1, int number) {
+        StreamRay& r = at(ray);
+        r.best = t;
+        r.weight[0] = weight0;
+        r.weight[1] = weight1;
+        r.triangle = number;
+    }
+
+    void turn() {
+        turned = true;
+        for (int v = 0; v < kVectors; ++v) {
+            Floats x[4];
+            loadRays(first->direction, number, v * kLanes, count, x);
+            for (int k = 0; k < 3; ++k) direction[k][v] = x[k];
+            loadRays(first->origin, number, v * kLanes, count, x);
+            for (int k = 0; k < 3; ++k) {
+                from[k][v][0] = toDoubles<0>(x[k]);
+                from[k][v][1] = toDoubles<1>(x[k]);
+            }
+            direction[3][v] = Floats{};
+            from[3][v][0] = from[3][v][1] = Doubles{};
+        }
+    }
+
+    // Tests a triangle for the rays of a set.
+    template <class Search> ZENR_INLINE void test(const ZenrTriangleAccel* accel, int j, PacketSet rays) {
+        if (accel[j].axes == 0) return;
+        if (!turned) turn();
+        Triangle r;
+        load<Search>(r, accel[j], j, *this);
+        for (int v = 0; v < kVectors; ++v) {
+            const Bits bits = part(rays, v);
+            if (!bits) continue;
+            for (Bits hit = takeHits<Search>(r, *this, v, bits); hit; hit &= hit - 1) {
+                const int lane = __builtin_ctz(hit);
+                keep(v * kLanes + lane, best[v][lane], weight[0][v][lane], weight[1][v][lane], j);
+            }
+        }
+    }
+};
+
+struct PendingPacket {
+    const ZenrKDTreeNode* node;
+    PacketSet always; // these did not visit the near child
+    PacketSet unless; // these did, and stop there if what they found ends before tmin
+    int depth;
+    Floats tmin[kPacketVectors], tmax[kPacketVectors];
+};
+
+// The rays of `set` that have found nothing up to `t`.
+ZENR_INLINE PacketSet goOnFrom(const Floats (&best)[kPacketVectors], const Floats (&t)[kPacketVectors], PacketSet set) {
+    PacketSet stops = 0;
+    for (int v = 0; v < kPacketVectors; ++v) stops |= lessEqual(best[v], t[v]) << (v * kLanes);
+    return set & ~stops;
+}
+
+// Walks with the rays that `number` lists over their intervals; they agree about near children. False where the tree
+// needs more than `room` pending entries.
+template <class Search>
+bool walkPacket(StreamRay* first, const uint32_t* number, const float* tmins, const float* tmaxs, int count,
+                const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, const int (&nearChild)[4], int room) {
+    constexpr int kVectors = kPacketVectors;
+    PendingPacket stack[kMaxTreeDepth];
+    Packet packet;
+    packet.first = first;
+    packet.number = number;
+    packet.count = count;
+    packet.turned = false;
+    Floats origin[4][kVectors], inverse[4][kVectors], tmin[kVectors], tmax[kVectors];
+    for (int v = 0; v < kVectors; ++v) {
+        const int at = v * kLanes;
+        Floats x[4];
+        loadRays(first->origin, number, at, count, x);
+        for (int k = 0; k < 3; ++k) origin[k][v] = x[k];
+        packet.best[v] = x[3];
+        loadRays(first->inverse, number, at, count, x);
+        for (int k = 0; k < 3; ++k) inverse[k][v] = x[k];
+        origin[3][v] = inverse[3][v] = Floats{};
+        tmin[v] = loadLanes(tmins + at);
+        tmax[v] = loadLanes(tmaxs + at);
+    }
+    const Floats tolerance = all(Search::kTolerance);
+    PacketSet active = (PacketSet(1) << count) - 1;
+    int pending = 0, depth = 0; // entries, and those that were left out because their leaf is empty
+
+    for (;;) {
+        while (!(node->w0 & kLeafBit)) {
+            const int axis = int(node->w0 & kAxisMask);
+            float split;
+            __builtin_memcpy(&split, &node->w1, sizeof split);
+            const ZenrKDTreeNode* children = reinterpret_cast<const ZenrKDTreeNode*>(
+                reinterpret_cast<const char*>(node) + (node->w0 & kChildOffsetMask));
+            const ZenrKDTreeNode* nearer = children + nearChild[axis];
+            const ZenrKDTreeNode* farther = children + (1 - nearChild[axis]);
+            prefetchBelow(nearer, accel);
+            prefetchBelow(farther, accel);
+
+            Floats middle[kVectors];
+            PacketSet farOnly = 0, nearOnly = 0;
+            for (int v = 0; v < kVectors; ++v) {
+                const Floats t = (all(split) - origin[axis][v]) * inverse[axis][v];
+                farOnly |= less(tolerance, tmin[v] - t) << (v * kLanes);
+                nearOnly |= less(tolerance, t - tmax[v]) << (v * kLanes);
+                middle[v] = larger(tmin[v], smaller(t, tmax[v]));
+            }
+            farOnly &= active;
+            nearOnly &= active & ~farOnly;
+            if (nearOnly == active) {
+                node = nearer;
+                continue;
+            }
+            if (farOnly == active) {
+                node = farther;
+                continue;
+            }
+
+            const PacketSet both = active & ~farOnly & ~nearOnly;
+            if (depth == room) return false;
+            if (isEmptyLeaf(nearer)) {
+                active = farOnly | goOnFrom(packet.best, middle, both);
+                if (!active) break;
+                for (int v = 0; v < kVectors; ++v) tmin[v] = select(part(both, v), middle[v], tmin[v]);
+                node = farther;
+                continue;
+            }
+            ++depth;
+            if (!isEmptyLeaf(farther)) {
+                PendingPacket& later = stack[pending++];
+                later.node = farther;
+                later.always = farOnly;
+                later.unless = both;
+                later.depth = depth - 1;
+                for (int v = 0; v < kVectors; ++v) {
+                    later.tmin[v] = select(part(both, v), middle[v], tmin[v]);
+                    later.tmax[v] = tmax[v];
+                }
+            }
+            for (int v = 0; v < kVectors; ++v) tmax[v] = select(part(both, v), middle[v], tmax[v]);
+            active &= ~farOnly;
+            node = nearer;
+        }
+
+        if (active && (node->w0 & kLeafBit)) {
+            if (pending) {
+                const ZenrKDTreeNode* next = stack[pending - 1].node;
+                if (next->w0 & kLeafBit) {
+                    const LeafList later(next);
+                    prefetchRecords(accel, later.list, later.count < kBatch ? int(later.count) : kBatch);
+                }
+            }
+            const LeafList leaf(node);
+            int batch;
+            for (uint32_t done = 0; done < leaf.count; done += batch) {
+                batch = leaf.count - done < 8 ? int(leaf.count - done) : 8;
+                prefetchRecords(accel, leaf.list + done, batch);
+                if (!fewFor<Search>(active, batch)) {
+                    for (int i = 0; i < batch; ++i) packet.test<Search>(accel, leaf.list[int(done) + i], active);
+                    continue;
+                }
+                for (int i = 0; i < batch; i += kHalf) {
+                    Row r;
+                    load(r, leaf.list + done + i, batch - i < kHalf ? batch - i : kHalf, accel);
+                    testRow<Search>(r, leaf.list + done + i, packet, active);
+                }
+            }
+        }
+
+        do {
+            if (pending == 0) return true;
+            const PendingPacket& next = stack[--pending];
+            active = next.always | goOnFrom(packet.best, next.tmin, next.unless);
+            node = next.node;
+            depth = next.depth;
+            for (int v = 0; v < kVectors; ++v) {
+                tmin[v] = next.tmin[v];
+                tmax[v] = next.tmax[v];
+            }
+        } while (!active);
+    }
+}
+
+} // namespace ZENR_LEVEL
+} // namespace zenr
