@@ -576,44 +576,66 @@ constexpr int kOrderTiles = kOrderRays / 64;
 constexpr float kApart = 1.3f; // tiles that span so much more than they would in order are put in order
 constexpr int kOrderBytes = int(2 * kOrderRays * sizeof(uint32_t) + kOrderTiles * sizeof(size_t[kPieces]));
 
+// The rays of a tile that are to be searched, and the charts of all.
+Set64 chartTile(const RayBlock& block, const Place& place, Block64& tile, Chart (&charts)[Block64::kVectors]) {
+    alignas(64) int mask[64];
+    const Set64 rays = unmasked(block, place, mask);
+    if (!rays) return 0;
+    for (int k = 0; k < 3; ++k) gather(tile.direction[k], block.direction[k], place);
+    for (int v = 0; v < Block64::kVectors; ++v)
+        charts[v] = chartOf(tile.direction[0][v], tile.direction[1][v], tile.direction[2][v]);
+    return rays;
+}
+
+// What the directions of every so many tiles' rays range over; `perimeters` is that of each tile by itself, times its
+// rays.
+ChartRange rangeOf(const RayBlock& block, const Tiling& tiling, size_t first, size_t count, size_t step, Block64& tile,
+                   int& rays, float& perimeters) {
+    ChartRange range;
+    rays = 0;
+    perimeters = 0;
+    for (size_t i = 0; i < count; i += step) {
+        Place place;
+        tiling.place(first + i, place);
+        Chart charts[Block64::kVectors];
+        const Set64 set = chartTile(block, place, tile, charts);
+        if (!set) continue;
+        ChartRange here;
+        for (int v = 0; v < Block64::kVectors; ++v) here.add(charts[v], part(set, v));
+        rays += __builtin_popcountll(set);
+        perimeters += float(__builtin_popcountll(set)) * here.perimeter();
+        range.add(here);
+    }
+    return range;
+}
+
 // Orders the rays of tiles from `first` on that are to be searched, unless they keep together where they are.
 bool orderRays(const RayBlock& block, const Tiling& tiling, size_t first, size_t count, Block64& tile, void* memory,
                Order& order) {
-    uint32_t* const other = static_cast<uint32_t*>(memory) + kOrderRays;
-    order = {static_cast<uint32_t*>(memory), reinterpret_cast<size_t(*)[kPieces]>(other + kOrderRays), 0};
-    ChartRange range;
-    float perimeters = 0; // of the rays of each tile, weighed by their number
-    alignas(64) int mask[64];
-    Set64 sets[kOrderTiles];
+    // A look at some of the tiles: ordered, each sixty-four rays would have their share of the range.
+    constexpr size_t kStep = 5;
+    int rays;
+    float perimeters;
+    const float wide = rangeOf(block, tiling, first, count, kStep, tile, rays, perimeters).perimeter();
+    const float share = wide * sqrtf(64.f / float(kStep * size_t(rays)));
+    if (rays < 64 || !(perimeters > kApart * float(rays) * share)) return false;
+
+    const KeyScale scale(rangeOf(block, tiling, first, count, 1, tile, order.count, perimeters));
+    order.words = static_cast<uint32_t*>(memory);
+    uint32_t* const other = order.words + kOrderRays;
+    order.start = reinterpret_cast<size_t(*)[kPieces]>(other + kOrderRays);
+    int at = 0;
     for (size_t i = 0; i < count; ++i) {
         Place place;
         tiling.place(first + i, place);
         __builtin_memcpy(order.start[i], place.start, sizeof place.start);
-        sets[i] = unmasked(block, place, mask);
-        if (!sets[i]) continue;
-        for (int k = 0; k < 3; ++k) gather(tile.direction[k], block.direction[k], place);
-        ChartRange here;
-        for (int v = 0; v < Block64::kVectors; ++v)
-            here.add(chartOf(tile.direction[0][v], tile.direction[1][v], tile.direction[2][v]), part(sets[i], v));
-        const int rays = __builtin_popcountll(sets[i]);
-        order.count += rays;
-        perimeters += float(rays) * here.perimeter();
-        range.add(here);
-    }
-    // Ordered, each sixty-four rays would have their share of the range.
-    const float share = range.perimeter() * sqrtf(64.f / float(order.count));
-    if (order.count <= 64 || !(perimeters > kApart * float(order.count) * share)) return false;
-
-    const KeyScale scale(range);
-    int at = 0;
-    for (size_t i = 0; i < count; ++i) {
-        if (!sets[i]) continue;
-        Place place;
-        tiling.place(first + i, place);
-        for (int k = 0; k < 3; ++k) gather(tile.direction[k], block.direction[k], place);
+        Chart charts[Block64::kVectors];
+        const Set64 set = chartTile(block, place, tile, charts);
         for (int v = 0; v < Block64::kVectors; ++v) {
-            const Ints key = scale.key(chartOf(tile.direction[0][v], tile.direction[1][v], tile.direction[2][v]));
-            for (Bits bits = part(sets[i], v); bits; bits &= bits - 1) {
+            Bits bits = part(set, v);
+            if (!bits) continue;
+            const Ints key = scale.key(charts[v]);
+            for (; bits; bits &= bits - 1) {
                 const int lane = __builtin_ctz(bits);
                 order.words[at++] = uint32_t(key[lane]) << kOrderBits | uint32_t(int(i) * 64 + v * kLanes + lane);
             }
