@@ -152,7 +152,7 @@ def c0_as_float():
 
 def value_lines(l, m):
     """Evaluates the polynomial in z of one (l, m) and hands out its one or two values."""
-    d, base = l - m, l * l + l
+    d = l - m
     coefficients = horner_coefficients(l, m)
     name = "p%d_%d" % (l, m)
     if l == 0:
@@ -169,14 +169,17 @@ def value_lines(l, m):
             expression = "%s * z * p%d_%d - %s * p%d_%d" % (text(a), l - 1, m, text(-b), l - 2, m)
         lines.append("const V %s = %s;" % (name, expression))
     if m == 0:
-        return lines + ["out.zonal(%d, narrow(%s));" % (base, name)]
-    factor = "narrow(%s)" % name
-    if single:
-        factor = horner(coefficients, d % 2, float_text, "tf", "zf")
-        if d == 0:
-            lines.append("const auto e%d = out.powers(%s);" % (m, "xf, yf" if m == 1 else "narrow(c%d), narrow(s%d)" % (m, m)))
-            return lines + ["out.sectoral(%d, %d, %s, e%d);" % (base + m, base - m, factor, m)]
-    return lines + ["out.pair(%d, %d, %s, e%d);" % (base + m, base - m, factor, m)]
+        return lines + ["out.zonal(%d, narrow(%s));" % (l, name)]
+    powers = ("xf", "yf") if m == 1 else ("cf%d" % m, "sf%d" % m)
+    factor = "f%d_%d" % (l, m)
+    if d == 0:
+        factor = horner(coefficients, 0, float_text)
+        if m > 1:
+            lines.append("const F %s = narrow(c%d), %s = narrow(s%d);" % (powers[0], m, powers[1], m))
+    else:
+        value = horner(coefficients, d % 2, float_text, "tf", "zf") if single else "narrow(%s)" % name
+        lines.append("const F %s = %s;" % (factor, value))
+    return lines + ["out.pair(%d, %d, %s * %s, %s * %s);" % (l, m, factor, powers[0], factor, powers[1])]
 
 
 def power_line(m):
@@ -192,10 +195,10 @@ def columns(first):
     ms = range(first, first + COLUMNS)
     powers = [m for m in ms if m > 0]
     lines = ["template <class V, class F, class Out>",
-             "ZENR_SH_INLINE void shColumns%d(int L, V z, V t, F zf, F tf, %sOut out) {"
+             "ZENR_SH_INLINE void shColumns%d(int L, V z, V t, F zf, F tf, %sOut& out) {"
              % (first, "F xf, F yf, " if first == 0 else ""),
              ]
-    lines[1] = "ZENR_SH_INLINE void shColumns%d(int L, V z, V t, F zf, F tf, %sOut out) {" % (
+    lines[1] = "ZENR_SH_INLINE void shColumns%d(int L, V z, V t, F zf, F tf, %sOut& out) {" % (
         first, "".join("F xf, F yf, " if m == 1 else "V c%d, V s%d, " % (m, m) for m in powers))
     body = []
     for l in range(first, MAX_BAND + 1):
@@ -249,9 +252,8 @@ def document():
         "// within 2 units in the last place of the band's largest. A polynomial of degree up to %d in z is evaluated in" % MAX_HORNER,
         "// powers of t, one of higher degree follows from the two bands below it.",
         "//",
-        "// A receiver of a whole set has out.zonal(k, value), out.powers(c, s), which prepares the two for the column's",
-        "// out.pair(k+, k-, factor, powers), and out.sectoral() of a constant factor, the column's first. One of a band alone",
-        "// is called as out(k, value).",
+        "// A receiver of a whole set has out.zonal(l, value) of m = 0 and out.pair(l, m, value, value) of +m and -m > 0;",
+        "// one of a band alone is called as out(k, value).",
         "// clang-format off",
         "#pragma once",
         '#include "sh/prshpack.h"',
@@ -263,7 +265,7 @@ def document():
     for first in firsts:
         lines += columns(first)
     lines += ["// All values of the bands 0..L, L <= 15.",
-              "template <class F, class Out> ZENR_SH_INLINE void shBands(int L, F xf, F yf, F zf, Out out) {",
+              "template <class F, class Out> ZENR_SH_INLINE void shBands(int L, F xf, F yf, F zf, Out& out) {",
               "    const auto x = widen(xf), y = widen(yf), z = widen(zf);",
               "    using V = decltype(widen(zf));",
               "    const V t = z * z;",

@@ -21,21 +21,16 @@ struct Scratch {
     alignas(64) float turned[kLanes * kRowStride];
 };
 
-// Re and Im of (x + iy)^m in float.
-template <class F> struct Powers { F re, im; };
-
 // Receives a set of values and gives each of them to Self's operator().
 template <class Self> struct EachValue {
+    template <class F> ZENR_SH_INLINE void zonal(int l, F v) const { self()(l * l + l, v); }
+    template <class F> ZENR_SH_INLINE void pair(int l, int m, F plus, F minus) const {
+        self()(l * l + l + m, plus);
+        self()(l * l + l - m, minus);
+    }
+
+private:
     const Self& self() const { return static_cast<const Self&>(*this); }
-    template <class F> ZENR_SH_INLINE void zonal(int k, F v) const { self()(k, v); }
-    template <class F> ZENR_SH_INLINE Powers<F> powers(F re, F im) const { return {re, im}; }
-    template <class F, class Factor> ZENR_SH_INLINE void pair(int plus, int minus, Factor factor, Powers<F> p) const {
-        self()(plus, factor * p.re);
-        self()(minus, factor * p.im);
-    }
-    template <class F> ZENR_SH_INLINE void sectoral(int plus, int minus, float factor, Powers<F> p) const {
-        pair(plus, minus, factor, p);
-    }
 };
 
 struct RowsOut : EachValue<RowsOut> {
@@ -67,81 +62,70 @@ struct SingleOut : EachValue<SingleOut> {
 
 // ---- Evaluation of a block and of one direction --------------------------------------------------------------------
 
-template <class Out> void polynomialRows(int L, const float* x, const float* y, const float* z, Out out) {
-    shBands(L, loadFloats(x), loadFloats(y), loadFloats(z), out);
-}
-
-void polynomialSingle(int L, float x, float y, float z, float* dst) {
-    shBands(L, x, y, z, SingleOut(dst));
-}
-
-ZENR_SH_INLINE Floats loadRow(const float* p, Floats) {
-    return loadFloats(p);
-}
-ZENR_SH_INLINE float loadRow(const float* p, float) {
-    return *p;
-}
-
-// The recurrence; V is Floats with rows of kLanes or float with rows of 1. Values are carried from band to band as the
-// floats that are stored; every operation is rounded to float.
-template <class V, int kRow, class Out>
-ZENR_SH_INLINE void recurrence(const float* a, const float* b, int L, V x, V y, V z, V zonal0, const float* rows,
-                               Out set) {
-    const auto at = [&](int k) __attribute__((always_inline)) {
-        return loadRow(rows + ptrdiff_t(k) * kRow, V{});
+// The recurrence, a column of the same m after the other; F is Floats or float. Values are carried from band to band as
+// the floats that are stored: every operation is rounded to float.
+template <class F, class Out>
+ZENR_SH_INLINE void recurrence(const float* a, const float* b, int L, F x, F y, F z, Out& out) {
+    const auto band = [](int l) __attribute__((always_inline)) {
+        return l * (l + 1) / 2;
     };
-    set(0, zonal0);
+    F below2 = splatLike(z, a[0]);
+    out.zonal(0, below2);
     if (L == 0) return;
-    set(1, a[2] * y);
-    set(2, a[1] * z);
-    set(3, a[2] * x);
+    F below = a[1] * z;
+    out.zonal(1, below);
     for (int l = 2; l <= L; ++l) {
-        const float* al = a + l * (l + 1) / 2;
-        const float* bl = b + l * (l + 1) / 2;
-        const int here = l * l + l;
-        const int below = here - 2 * l;       // index of Y(l-1, 0)
-        const int below2 = below - 2 * l + 2; // index of Y(l-2, 0)
-        const V c = at(below + l - 1);
-        const V s = at(below - l + 1);
-        set(here + l, al[l] * (c * x - s * y));
-        set(here - l, al[l] * (s * x + c * y));
-        const V az = al[l - 1] * z;
-        set(here + l - 1, az * c);
-        set(here - l + 1, az * s);
-        set(here, al[0] * z * at(below) + bl[0] * at(below2));
-        for (int k = 1; k <= l - 2; ++k) {
-            const V f = al[k] * z;
-            set(here + k, f * at(below + k) + bl[k] * at(below2 + k));
-            set(here - k, f * at(below - k) + bl[k] * at(below2 - k));
+        const F here = a[band(l)] * z * below + b[band(l)] * below2;
+        out.zonal(l, here);
+        below2 = below;
+        below = here;
+    }
+    F re = a[2] * x, im = a[2] * y;
+    for (int m = 1; m <= L; ++m) {
+        if (m > 1) {
+            const float k = a[band(m) + m];
+            const F next = k * (re * x - im * y);
+            im = k * (im * x + re * y);
+            re = next;
+        }
+        out.pair(m, m, re, im);
+        if (m == L) break;
+        const F next = a[band(m + 1) + m] * z;
+        F re2 = re, im2 = im, re1 = next * re, im1 = next * im;
+        out.pair(m + 1, m, re1, im1);
+        for (int l = m + 2; l <= L; ++l) {
+            const F f = a[band(l) + m] * z;
+            const float g = b[band(l) + m];
+            const F reHere = f * re1 + g * re2;
+            const F imHere = f * im1 + g * im2;
+            out.pair(l, m, reHere, imHere);
+            re2 = re1;
+            re1 = reHere;
+            im2 = im1;
+            im1 = imHere;
         }
     }
 }
 
-template <class Out>
-void recurrenceRows(const ShBasis& basis, const float* x, const float* y, const float* z, Out out) {
-    recurrence<Floats, kLanes>(basis.a, basis.b, basis.order, loadFloats(x), loadFloats(y), loadFloats(z),
-                               splatFloat(basis.a[0]), out.rows, out);
+template <class F, class Out> void polynomialSet(int L, F x, F y, F z, Out& out) {
+    shBands(L, x, y, z, out);
+}
+template <class F, class Out> void recurrenceSet(const ShBasis& basis, F x, F y, F z, Out& out) {
+    recurrence(basis.a, basis.b, basis.order, x, y, z, out);
 }
 
-void recurrenceSingle(const ShBasis& basis, float x, float y, float z, float* dst) {
-    recurrence<float, 1>(basis.a, basis.b, basis.order, x, y, z, basis.a[0], dst, SingleOut(dst));
-}
-
+// A basis: values<F> hands out all of its values for the directions in a vector, or for a single one.
 struct SetOfBands {
     const ShBasis& basis;
     static constexpr int kMostValues = kShMaxValues;
+    static constexpr int kTile = kWidest;
+    int order() const { return basis.order; }
     int values() const { return (basis.order + 1) * (basis.order + 1); }
-    template <class Out> void rows(const float* x, const float* y, const float* z, Out out) const {
+    template <class F, class Out> void evaluate(F x, F y, F z, Out& out) const {
         if (basis.a)
-            recurrenceRows(basis, x, y, z, out);
+            recurrenceSet(basis, x, y, z, out);
         else
-            polynomialRows(basis.order, x, y, z, out);
-    }
-    void single(float x, float y, float z, float* dst) const {
-        if (basis.a)
-            recurrenceSingle(basis, x, y, z, dst);
-        else
-            polynomialSingle(basis.order, x, y, z, dst);
+            polynomialSet(basis.order, x, y, z, out);
     }
 };
 
@@ -149,19 +133,14 @@ struct SetOfBands {
 template <int L, bool kTables> struct SmallSet {
     const ShBasis& basis;
     static constexpr int kMostValues = (L + 1) * (L + 1);
+    static constexpr int kTile = kLanes;
+    static constexpr int order() { return L; }
     static constexpr int values() { return kMostValues; }
-    template <class Out> ZENR_SH_INLINE void rows(const float* x, const float* y, const float* z, Out out) const {
+    template <class F, class Out> ZENR_SH_INLINE void evaluate(F x, F y, F z, Out& out) const {
         if (kTables)
-            recurrence<Floats, kLanes>(basis.a, basis.b, L, loadFloats(x), loadFloats(y), loadFloats(z),
-                                       splatFloat(basis.a[0]), out.rows, out);
+            recurrence(basis.a, basis.b, L, x, y, z, out);
         else
-            shBands(L, loadFloats(x), loadFloats(y), loadFloats(z), out);
-    }
-    ZENR_SH_INLINE void single(float x, float y, float z, float* dst) const {
-        if (kTables)
-            recurrence<float, 1>(basis.a, basis.b, L, x, y, z, basis.a[0], dst, SingleOut(dst));
-        else
-            shBands(L, x, y, z, SingleOut(dst));
+            shBands(L, x, y, z, out);
     }
 };
 
@@ -196,13 +175,20 @@ template <class Use> ZENR_SH_INLINE void withSet(const ShBasis& basis, const Use
 template <int L> struct OneBand {
     static constexpr int kMostValues = 2 * L + 1;
     static constexpr int values() { return kMostValues; }
-    template <class Out> void rows(const float* x, const float* y, const float* z, Out out) const {
-        ShBand<L>::values(toDoubles(loadFloats(x)), toDoubles(loadFloats(y)), toDoubles(loadFloats(z)), out);
-    }
-    void single(float x, float y, float z, float* dst) const {
-        ShBand<L>::values(double(x), double(y), double(z), SingleOut(dst));
+    template <class F, class Out> void evaluate(F x, F y, F z, Out& out) const {
+        ShBand<L>::values(widen(x), widen(y), widen(z), out);
     }
 };
+
+// The values of kLanes directions, and of one.
+template <class Set, class Out>
+ZENR_SH_INLINE void block(const Set& set, const float* x, const float* y, const float* z, Out out) {
+    set.evaluate(loadFloats(x), loadFloats(y), loadFloats(z), out);
+}
+template <class Set> ZENR_SH_INLINE void single(const Set& set, float x, float y, float z, float* dst) {
+    SingleOut out(dst);
+    set.evaluate(x, y, z, out);
+}
 
 // The last directions of a batch, repeated to a full block.
 struct PaddedBlock {
@@ -299,10 +285,10 @@ template <class Set> void evaluate(const Set& set, const ShDirections& d, float*
         LineStream stream(dst, s.turned);
         for (; d.count - i >= kLanes; i += kLanes, dst += kLanes * n) {
             if (stream.waiting()) {
-                set.rows(d.x + i, d.y + i, d.z + i, stream.out(s.rows, n));
+                block(set, d.x + i, d.y + i, d.z + i, stream.out(s.rows, n));
                 stream.release(n / kValuesPerLine);
             } else {
-                set.rows(d.x + i, d.y + i, d.z + i, RowsOut(s.rows));
+                block(set, d.x + i, d.y + i, d.z + i, RowsOut(s.rows));
             }
             turnRows(s.rows, n, stream.next(), n);
             stream.put(kLanes * n);
@@ -310,7 +296,7 @@ template <class Set> void evaluate(const Set& set, const ShDirections& d, float*
         stream.finish();
     }
     for (; d.count - i >= kLanes; i += kLanes, dst += kLanes * n) {
-        set.rows(d.x + i, d.y + i, d.z + i, RowsOut(s.rows));
+        block(set, d.x + i, d.y + i, d.z + i, RowsOut(s.rows));
         turnRows(s.rows, n, dst, n);
     }
     // A block costs about as much as a quarter of its directions one by one.
@@ -318,11 +304,11 @@ template <class Set> void evaluate(const Set& set, const ShDirections& d, float*
     if (rest > kLanes / 4) {
         PaddedBlock p;
         p.fill(d, i);
-        set.rows(p.x, p.y, p.z, RowsOut(s.rows));
+        block(set, p.x, p.y, p.z, RowsOut(s.rows));
         turnRows(s.rows, n, s.turned, n);
         memcpy(dst, s.turned, size_t(rest) * size_t(n) * sizeof(float));
     } else {
-        for (; i < d.count; ++i, dst += n) set.single(d.x[i], d.y[i], d.z[i], dst);
+        for (; i < d.count; ++i, dst += n) single(set, d.x[i], d.y[i], d.z[i], dst);
     }
 }
 
@@ -336,80 +322,140 @@ template <int L> void band(const ShDirections& dirs, float* dst) {
 
 // ---- Forward transform ---------------------------------------------------------------------------------------------
 
-// Adds `count` samples' contributions to the coefficients, a tile of the rows at a time: it is turned in registers into
-// the coefficients of one direction after the other. Each coefficient's additions happen in the order of the samples; a
-// sample of zero contributes +0 even where a basis value is not finite.
-template <int C, bool kZeros>
-ZENR_SH_INLINE void accumulate(const float* rows, int padded, const float (&v)[3][kLanes], int count,
-                               float (*coeffs)[kRowStride]) {
-    for (int k = 0; k < padded; k += kLanes) {
-        Floats sum[C];
-        for (int c = 0; c < C; ++c) sum[c] = loadFloats(coeffs[c] + k);
-        for (int quarter = 0; quarter < kQuarters; ++quarter) {
-            Floats y[4];
-            transposeQuarter(rows + k * kLanes, quarter, y);
+// Values are added up with the coefficients of one direction in a vector, a tile of them at a time, so the rows have to
+// be transposed, four directions by four coefficients. Wide vectors do that within their parts of four floats; to have a
+// direction's values meet there, not one coefficient of eight directions is stored but two of four, twice. A slot is what
+// two coefficients take: +m and -m of a band, or m = 0 of a band of odd l and of the next. Slots are numbered through two
+// bands at a time, in order: slot 0 is the m = 0 of bands 1 and 2, slot 1 is m = 1 of band 1, then m = 1 and 2 of band 2.
+// The constant of band 0 takes the second place of the last slot of m = 0 for an odd order, and none for an even one.
+constexpr int slotsBelow(int l) { // of the two bands that l is one of
+    return (l - 1) / 2 * ((l - 1) / 2 + 1) * 2;
+}
+constexpr int pairSlot(int l, int m) {
+    return slotsBelow(l) + m + (l % 2 ? 0 : l - 1);
+}
+
+// Where the coefficients of a slot are among the sums: four first ones, four second ones.
+constexpr int placeOf(int slot, int second) {
+    return slot / 4 * 8 + second * 4 + slot % 4;
+}
+
+// Calls use(coefficient, place) for all coefficients that have a slot.
+template <class Use> ZENR_SH_INLINE void eachPlace(int L, const Use& use) {
+    for (int l = 1; l <= L; ++l) {
+        const int zonal = l * l + l;
+        use(zonal, placeOf(slotsBelow(l), l % 2 == 0));
+        for (int m = 1; m <= l; ++m) {
+            use(zonal + m, placeOf(pairSlot(l, m), 0));
+            use(zonal - m, placeOf(pairSlot(l, m), 1));
+        }
+    }
+    if (L % 2) use(0, placeOf(slotsBelow(L), 1));
+}
+
+// Takes the values of a block into slots.
+template <int kTile> class SlotsOut {
+public:
+    explicit SlotsOut(float* slots) : slots_(slots) {}
+    ZENR_SH_INLINE void zonal(int l, Floats v) {
+        if (l == 0) constant_ = v;
+        if (l > 0 && l % 2 == 0) storeSlot<kTile>(slots_, slotsBelow(l), odd_, v);
+        odd_ = v;
+    }
+    ZENR_SH_INLINE void pair(int l, int m, Floats plus, Floats minus) {
+        storeSlot<kTile>(slots_, pairSlot(l, m), plus, minus);
+    }
+    ZENR_SH_INLINE void finish(int L) {
+        if (L % 2) storeSlot<kTile>(slots_, slotsBelow(L), odd_, constant_);
+    }
+    ZENR_SH_INLINE Floats constant() const { return constant_; }
+
+private:
+    float* slots_;
+    Floats constant_;
+    Floats odd_; // of m = 0 and odd l, until the next one is there
+};
+
+// Adds the contributions of kLanes samples a channel to `places` sums. Each coefficient's additions happen in the order
+// of the samples; a sample of zero contributes +0 even where a basis value is not finite.
+template <int C, bool kZeros, int kTile>
+ZENR_SH_INLINE void accumulate(const float* slots, int places, const float (&v)[C][kLanes], float (*sums)[kRowStride]) {
+    using Tile = typename TileOf<kTile>::Vector;
+    for (int k = 0; k < places; k += kTile) {
+        Tile sum[C];
+        for (int c = 0; c < C; ++c) load(sums[c] + k, sum[c]);
+        for (int i = 0; i < kLanes; i += 4) {
+            Tile y[4];
+            for (int j = 0; j < 4; ++j) load(slots + k * kLanes + (i + j) * kTile, y[j]);
+            transposeFour(y);
             for (int j = 0; j < 4; ++j) {
-                const int i = 4 * quarter + j;
-                if (i >= count) break;
                 for (int c = 0; c < C; ++c) {
-                    if (kZeros && v[c][i] == 0.f)
-                        sum[c] = sum[c] + splatFloat(0.f);
+                    if (kZeros && v[c][i + j] == 0.f)
+                        sum[c] = sum[c] + 0.f;
                     else
-                        sum[c] = sum[c] + y[j] * splatFloat(v[c][i]);
+                        sum[c] = sum[c] + y[j] * v[c][i + j];
                 }
             }
         }
-        for (int c = 0; c < C; ++c) storeFloats(coeffs[c] + k, sum[c]);
+        for (int c = 0; c < C; ++c) store(sums[c] + k, sum[c]);
     }
-}
-
-ZENR_SH_INLINE bool anyZero(const float* v, int count) {
-    if (count == kLanes) return zeroLanes(loadFloats(v)) != 0;
-    bool any = false;
-    for (int i = 0; i < count; ++i) any |= v[i] == 0.f;
-    return any;
 }
 
 template <int C, class Set>
 void forwardChannels(const Set& set, const ShDirections& d, const ShSamples& samples, float* const coeffs[3]) {
     Scratch s;
-    alignas(64) float sums[C][kRowStride];
+    const int L = set.order();
     const int n = set.values();
-    // Whole vectors: the values beyond n are zeros that nothing reads.
-    const int padded = (n + kLanes - 1) / kLanes * kLanes;
-    for (int c = 0; c < C; ++c) {
-        memcpy(sums[c], coeffs[c], size_t(n) * sizeof(float));
-        for (int k = n; k < padded; ++k) sums[c][k] = 0.f;
-    }
-    for (int k = n * kLanes; k < padded * kLanes; ++k) s.rows[k] = 0.f;
-    for (int i = 0; i < d.count;) {
-        const int count = d.count - i < kLanes ? d.count - i : kLanes;
-        if (count == kLanes) {
-            set.rows(d.x + i, d.y + i, d.z + i, RowsOut(s.rows));
-        } else {
-            PaddedBlock p;
-            p.fill(d, i);
-            set.rows(p.x, p.y, p.z, RowsOut(s.rows));
-        }
-        float v[3][kLanes] = {};
-        bool zeros = false;
+    int i = 0;
+    if (d.count >= kLanes) {
+        alignas(64) float sums[C][kRowStride];
+        // Whole tiles: the places beyond the slots are zeros that nothing reads.
+        constexpr int kStep = Set::kTile < 8 ? 8 : Set::kTile;
+        const int places = ((L % 2 ? n : n - 1) + kStep - 1) / kStep * kStep;
+        float constant[C];
         for (int c = 0; c < C; ++c) {
-            const float* from = samples.channel[c] + ptrdiff_t(i) * samples.step;
-            if (samples.step == 1 && count == kLanes)
-                storeFloats(v[c], loadFloats(from));
-            else
-                for (int j = 0; j < count; ++j) v[c][j] = from[j * samples.step];
-            zeros |= anyZero(v[c], count);
+            for (int k = L ? places - kStep : 0; k < places; ++k) sums[c][k] = 0.f;
+            eachPlace(L, [&](int k, int place) { sums[c][place] = coeffs[c][k]; });
+            constant[c] = coeffs[c][0];
         }
-        if (zeros)
-            accumulate<C, true>(s.rows, padded, v, count, sums);
-        else if (count == kLanes)
-            accumulate<C, false>(s.rows, padded, v, kLanes, sums);
-        else
-            accumulate<C, false>(s.rows, padded, v, count, sums);
-        i += count;
+        for (int k = L ? (places - kStep) * kLanes : 0; k < places * kLanes; ++k) s.rows[k] = 0.f;
+        for (; d.count - i >= kLanes; i += kLanes) {
+            SlotsOut<Set::kTile> out(s.rows);
+            set.evaluate(loadFloats(d.x + i), loadFloats(d.y + i), loadFloats(d.z + i), out);
+            out.finish(L);
+            float v[C][kLanes];
+            bool zeros = false;
+            for (int c = 0; c < C; ++c) {
+                const float* from = samples.channel[c] + ptrdiff_t(i) * samples.step;
+                if (samples.step == 1)
+                    storeFloats(v[c], loadFloats(from));
+                else
+                    for (int j = 0; j < kLanes; ++j) v[c][j] = from[j * samples.step];
+                zeros |= zeroLanes(loadFloats(v[c])) != 0;
+            }
+            if (zeros)
+                accumulate<C, true, Set::kTile>(s.rows, places, v, sums);
+            else
+                accumulate<C, false, Set::kTile>(s.rows, places, v, sums);
+            if (L % 2) continue;
+            for (int c = 0; c < C; ++c) {
+                alignas(32) float product[kLanes];
+                storeFloats(product, loadFloats(v[c]) * out.constant());
+                for (int j = 0; j < kLanes; ++j) constant[c] += zeros && v[c][j] == 0.f ? 0.f : product[j];
+            }
+        }
+        for (int c = 0; c < C; ++c) {
+            coeffs[c][0] = constant[c];
+            eachPlace(L, [&](int k, int place) { coeffs[c][k] = sums[c][place]; });
+        }
     }
-    for (int c = 0; c < C; ++c) memcpy(coeffs[c], sums[c], size_t(n) * sizeof(float));
+    for (; i < d.count; ++i) {
+        single(set, d.x[i], d.y[i], d.z[i], s.rows);
+        for (int c = 0; c < C; ++c) {
+            const float v = samples.channel[c][ptrdiff_t(i) * samples.step];
+            for (int k = 0; k < n; ++k) coeffs[c][k] += v == 0.f ? 0.f : s.rows[k] * v;
+        }
+    }
 }
 
 void forward(const ShBasis& basis, const ShDirections& dirs, const ShSamples& samples, float* const coeffs[3]) {
@@ -466,7 +512,7 @@ void inverseChannels(const Set& set, const ShDirections& d, const float* const c
             y = padded.y;
             z = padded.z;
         }
-        set.rows(x, y, z, RowsOut(s.rows));
+        block(set, x, y, z, RowsOut(s.rows));
         Doubles sum[C][kSums];
         for (int c = 0; c < C; ++c)
             for (int u = 0; u < kSums; ++u) sum[c][u] = splat<Doubles>(0.);

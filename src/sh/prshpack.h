@@ -153,6 +153,61 @@ ZENR_SH_INLINE float narrow(double v) {
     return float(v);
 }
 
+// Four by four floats in each part of four of the vectors.
+template <int kFloats> struct TileOf;
+template <> struct TileOf<kLanes> { using Vector = Floats; };
+#if defined(ZENR_LEVEL_sse2)
+constexpr int kWidest = 4;
+ZENR_SH_INLINE void transposeFour(__m128 (&q)[4]) {
+    _MM_TRANSPOSE4_PS(q[0], q[1], q[2], q[3]);
+}
+ZENR_SH_INLINE void load(const float* p, __m128& v) {
+    v = _mm_loadu_ps(p);
+}
+ZENR_SH_INLINE void store(float* p, __m128 v) {
+    _mm_storeu_ps(p, v);
+}
+#else
+ZENR_SH_INLINE void transposeFour(__m256 (&q)[4]) {
+    const __m256d ab0 = _mm256_castps_pd(_mm256_unpacklo_ps(q[0], q[1]));
+    const __m256d ab1 = _mm256_castps_pd(_mm256_unpackhi_ps(q[0], q[1]));
+    const __m256d cd0 = _mm256_castps_pd(_mm256_unpacklo_ps(q[2], q[3]));
+    const __m256d cd1 = _mm256_castps_pd(_mm256_unpackhi_ps(q[2], q[3]));
+    q[0] = _mm256_castpd_ps(_mm256_unpacklo_pd(ab0, cd0));
+    q[1] = _mm256_castpd_ps(_mm256_unpackhi_pd(ab0, cd0));
+    q[2] = _mm256_castpd_ps(_mm256_unpacklo_pd(ab1, cd1));
+    q[3] = _mm256_castpd_ps(_mm256_unpackhi_pd(ab1, cd1));
+}
+ZENR_SH_INLINE void load(const float* p, __m256& v) {
+    v = _mm256_loadu_ps(p);
+}
+ZENR_SH_INLINE void store(float* p, __m256 v) {
+    _mm256_storeu_ps(p, v);
+}
+#if defined(ZENR_LEVEL_avx512)
+constexpr int kWidest = 16;
+template <> struct TileOf<16> { using Vector = __m512; };
+ZENR_SH_INLINE void transposeFour(__m512 (&q)[4]) {
+    const __m512d ab0 = _mm512_castps_pd(_mm512_maskz_unpacklo_ps(0xFFFF, q[0], q[1]));
+    const __m512d ab1 = _mm512_castps_pd(_mm512_maskz_unpackhi_ps(0xFFFF, q[0], q[1]));
+    const __m512d cd0 = _mm512_castps_pd(_mm512_maskz_unpacklo_ps(0xFFFF, q[2], q[3]));
+    const __m512d cd1 = _mm512_castps_pd(_mm512_maskz_unpackhi_ps(0xFFFF, q[2], q[3]));
+    q[0] = _mm512_castpd_ps(_mm512_maskz_unpacklo_pd(0xFF, ab0, cd0));
+    q[1] = _mm512_castpd_ps(_mm512_maskz_unpackhi_pd(0xFF, ab0, cd0));
+    q[2] = _mm512_castpd_ps(_mm512_maskz_unpacklo_pd(0xFF, ab1, cd1));
+    q[3] = _mm512_castpd_ps(_mm512_maskz_unpackhi_pd(0xFF, ab1, cd1));
+}
+ZENR_SH_INLINE void load(const float* p, __m512& v) {
+    v = _mm512_loadu_ps(p);
+}
+ZENR_SH_INLINE void store(float* p, __m512 v) {
+    _mm512_storeu_ps(p, v);
+}
+#else
+constexpr int kWidest = 8;
+#endif
+#endif
+
 // A tile of kLanes values (rows of kLanes directions), transposed in quarters of four directions: out[i] takes the values
 // of direction 4 * quarter + i.
 constexpr int kQuarters = kLanes / 4;
@@ -168,14 +223,24 @@ ZENR_SH_INLINE void transposeQuarter(const float* rows, int quarter, Floats out[
     Floats q[4];
     for (int j = 0; j < 4; ++j)
         q[j] = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(r + 8 * j)), _mm_loadu_ps(r + 8 * (j + 4)), 1);
-    const __m256d ab0 = _mm256_castps_pd(_mm256_unpacklo_ps(q[0], q[1]));
-    const __m256d ab1 = _mm256_castps_pd(_mm256_unpackhi_ps(q[0], q[1]));
-    const __m256d cd0 = _mm256_castps_pd(_mm256_unpacklo_ps(q[2], q[3]));
-    const __m256d cd1 = _mm256_castps_pd(_mm256_unpackhi_ps(q[2], q[3]));
-    out[0] = _mm256_castpd_ps(_mm256_unpacklo_pd(ab0, cd0));
-    out[1] = _mm256_castpd_ps(_mm256_unpackhi_pd(ab0, cd0));
-    out[2] = _mm256_castpd_ps(_mm256_unpacklo_pd(ab1, cd1));
-    out[3] = _mm256_castpd_ps(_mm256_unpackhi_pd(ab1, cd1));
+    transposeFour(q);
+    for (int j = 0; j < 4; ++j) out[j] = q[j];
+#endif
+}
+
+// Stores two coefficients' values of kLanes directions so that a tile (a vector of kTile floats for each direction) lies
+// in one piece, four directions after the other: loaded and transposed by fours it gives the coefficients of one
+// direction, the first ones of four slots, then their second ones (then those of the next four slots).
+template <int kTile> ZENR_SH_INLINE void storeSlot(float* tiles, int slot, Floats first, Floats second) {
+#if defined(ZENR_LEVEL_sse2)
+    float* p = tiles + slot / 4 * 32 + slot % 4 * 4;
+    storeFloats(p, first);
+    storeFloats(p + 16, second);
+#else
+    constexpr int kSlots = kTile / 2;
+    float* p = tiles + slot / kSlots * kSlots * 16 + slot % 4 * kTile + slot % kSlots / 4 * 8;
+    storeFloats(p, _mm256_insertf128_ps(first, _mm256_castps256_ps128(second), 1));
+    storeFloats(p + 4 * kTile, _mm256_permute2f128_ps(first, second, 0x31));
 #endif
 }
 
