@@ -224,7 +224,7 @@ int main(int argc, char** argv) {
                     else
                         zenrSHTFwd_32f_P3I(x, y, z, ps, n, pc, unsigned(L), state);
                 };
-                const auto fwdBase = [&] { shbase::forward(t, x, y, z, ps, channels, n, pm, L); };
+                const auto fwdBase = [&] { shbase::forward(t, type, x, y, z, ps, channels, n, pm, L); };
                 row("forward" + kind, n, L, {"zenr", "plain"}, {fwd, fwdBase});
                 clear(coeffs);
                 clear(more);
@@ -240,8 +240,8 @@ int main(int argc, char** argv) {
                     else
                         zenrSHTInv_32f_P3(pcc, unsigned(L), x, y, z, pr, n, state);
                 };
-                const auto invBase = [&] { shbase::inverse<long double>(t, x, y, z, pcc, channels, n, pr, L); };
-                const auto invDouble = [&] { shbase::inverse<double>(t, x, y, z, pcc, channels, n, pr, L); };
+                const auto invBase = [&] { shbase::inverse<long double>(t, type, x, y, z, pcc, channels, n, pr, L); };
+                const auto invDouble = [&] { shbase::inverse<double>(t, type, x, y, z, pcc, channels, n, pr, L); };
                 row("inverse" + kind, n, L, {"zenr", "plain", "plain in double"}, {inv, invBase, invDouble});
                 inv();
                 const std::vector<float> got = res[0];

@@ -63,55 +63,69 @@ struct SingleOut : EachValue<SingleOut> {
 // ---- Evaluation of a block and of one direction --------------------------------------------------------------------
 
 // The recurrence, a column of the same m after the other; F is Floats or float. Values are carried from band to band as
-// the floats that are stored: every operation is rounded to float.
-template <class F, class Out>
-ZENR_SH_INLINE void recurrence(const float* a, const float* b, int L, F x, F y, F z, Out& out) {
-    const auto band = [](int l) __attribute__((always_inline)) {
-        return l * (l + 1) / 2;
-    };
-    F below2 = splatLike(z, a[0]);
-    out.zonal(0, below2);
-    if (L == 0) return;
-    F below = a[1] * z;
-    out.zonal(1, below);
-    for (int l = 2; l <= L; ++l) {
-        const F here = a[band(l)] * z * below + b[band(l)] * below2;
-        out.zonal(l, here);
-        below2 = below;
-        below = here;
-    }
-    F re = a[2] * x, im = a[2] * y;
-    for (int m = 1; m <= L; ++m) {
-        if (m > 1) {
-            const float k = a[band(m) + m];
-            const F next = k * (re * x - im * y);
-            im = k * (im * x + re * y);
-            re = next;
+// the floats that are stored: every operation is rounded to float. Bands and columns are template arguments, so that
+// nothing is left of the arithmetic of places.
+template <class F> struct Recurrence {
+    const float* a;
+    const float* b;
+    int L;
+    F x, y, z;
+
+    static constexpr int group(int l) { return l * (l + 1) / 2; } // of a table, where band l begins
+
+    // From band l of column m on; of the two bands below, the nearer one is `below`.
+    template <int l, class Out> ZENR_SH_INLINE void zonals(F below, F below2, Out& out) const {
+        if constexpr (l <= kShMaxOrder) {
+            if (L < l) return;
+            const F here = a[group(l)] * z * below + b[group(l)] * below2;
+            out.zonal(l, here);
+            zonals<l + 1>(here, below, out);
         }
-        out.pair(m, m, re, im);
-        if (m == L) break;
-        const F next = a[band(m + 1) + m] * z;
-        F re2 = re, im2 = im, re1 = next * re, im1 = next * im;
-        out.pair(m + 1, m, re1, im1);
-        for (int l = m + 2; l <= L; ++l) {
-            const F f = a[band(l) + m] * z;
-            const float g = b[band(l) + m];
-            const F reHere = f * re1 + g * re2;
-            const F imHere = f * im1 + g * im2;
+    }
+    template <int l, int m, class Out> ZENR_SH_INLINE void pairs(F re, F im, F re2, F im2, Out& out) const {
+        if constexpr (l <= kShMaxOrder) {
+            if (L < l) return;
+            const F f = a[group(l) + m] * z;
+            const float g = b[group(l) + m];
+            const F reHere = f * re + g * re2;
+            const F imHere = f * im + g * im2;
             out.pair(l, m, reHere, imHere);
-            re2 = re1;
-            re1 = reHere;
-            im2 = im1;
-            im1 = imHere;
+            pairs<l + 1, m>(reHere, imHere, re, im, out);
         }
     }
+    // The columns from m on; re and im are the values of band m.
+    template <int m, class Out> ZENR_SH_INLINE void columns(F re, F im, Out& out) const {
+        out.pair(m, m, re, im);
+        if constexpr (m < kShMaxOrder) {
+            if (L == m) return;
+            const F f = a[group(m + 1) + m] * z;
+            const F reNext = f * re, imNext = f * im;
+            out.pair(m + 1, m, reNext, imNext);
+            pairs<m + 2, m>(reNext, imNext, re, im, out);
+            const float k = a[group(m + 1) + m + 1];
+            columns<m + 1>(k * (re * x - im * y), k * (im * x + re * y), out);
+        }
+    }
+    template <class Out> ZENR_SH_INLINE void values(Out& out) const {
+        const F first = splatLike(z, a[0]);
+        out.zonal(0, first);
+        if (L == 0) return;
+        const F second = a[1] * z;
+        out.zonal(1, second);
+        zonals<2>(second, first, out);
+        columns<1>(a[2] * x, a[2] * y, out);
+    }
+};
+
+template <class F, class Out> ZENR_SH_INLINE void recurrence(const ShBasis& basis, int L, F x, F y, F z, Out& out) {
+    Recurrence<F>{basis.a, basis.b, L, x, y, z}.values(out);
 }
 
 template <class F, class Out> void polynomialSet(int L, F x, F y, F z, Out& out) {
     shBands(L, x, y, z, out);
 }
 template <class F, class Out> void recurrenceSet(const ShBasis& basis, F x, F y, F z, Out& out) {
-    recurrence(basis.a, basis.b, basis.order, x, y, z, out);
+    recurrence(basis, basis.order, x, y, z, out);
 }
 
 // A basis: values<F> hands out all of its values for the directions in a vector, or for a single one.
@@ -138,7 +152,7 @@ template <int L, bool kTables> struct SmallSet {
     static constexpr int values() { return kMostValues; }
     template <class F, class Out> ZENR_SH_INLINE void evaluate(F x, F y, F z, Out& out) const {
         if (kTables)
-            recurrence(basis.a, basis.b, L, x, y, z, out);
+            recurrence(basis, L, x, y, z, out);
         else
             shBands(L, x, y, z, out);
     }
