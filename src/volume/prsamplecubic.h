@@ -3,7 +3,7 @@
 #include <immintrin.h>
 
 #include "volume/prsamplecolumn.h"
-#include "volume/prsamplevec.h"
+#include "volume/prsamplecubicvec.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
@@ -45,23 +45,27 @@ inline Double4 load4(const float* p) {
 // Weights as polynomials of the fraction. The definition's coefficients are doubles next to these, and its cancellations
 // are others: both together differ by less than 2^-49 for fractions from -1e-7 to 1 (where two weights change branch, but
 // are continuous).
-// Real may be a vector of doubles.
-template <int mode, class Real> inline void weightPolynomials(Real f, Real w[4]) {
+// Number is double, or float; Real is that or a vector of them.
+template <int mode, class Number, class Real> inline void weightPolynomials(Real f, Real w[4]) {
     const Real g = 1 - f;
     if constexpr (mode == 4) {
-        w[0] = f * g * (f - 2) * (1.0 / 6);
-        w[1] = g * (1 + f) * (1 - 0.5 * f);
-        w[2] = f * (1 + g) * (1 - 0.5 * g);
-        w[3] = f * g * (g - 2) * (1.0 / 6);
+        constexpr Number half = 0.5, sixth = Number(1.0 / 6);
+        const Real fg = f * g;
+        w[0] = fg * (f - 2) * sixth;
+        w[1] = (g + fg) * (1 - half * f);
+        w[2] = (f + fg) * (1 - half * g);
+        w[3] = fg * (g - 2) * sixth;
     } else {
         constexpr double B = mode == 5 ? 1 : mode == 6 ? 0 : 0.5, C = mode == 5 ? 0 : mode == 6 ? 0.5 : 0.3;
-        constexpr double k3 = (12 - 9 * B - 6 * C) / 6, k2 = (-18 + 12 * B + 6 * C) / 6, k0 = (6 - 2 * B) / 6;
+        constexpr Number k3 = Number((12 - 9 * B - 6 * C) / 6), k2 = Number((-18 + 12 * B + 6 * C) / 6),
+                         k0 = Number((6 - 2 * B) / 6);
         // The outer branch about t = 2: u = 2 - t.
-        constexpr double o3 = (B + 6 * C) / 6, o2 = -C;
-        w[0] = g * g * (o2 + o3 * g);
-        w[1] = k0 + f * f * (k2 + k3 * f);
-        w[2] = k0 + g * g * (k2 + k3 * g);
-        w[3] = f * f * (o2 + o3 * f);
+        constexpr Number o3 = Number((B + 6 * C) / 6), o2 = Number(-C);
+        const Real f2 = f * f, g2 = g * g;
+        w[0] = g2 * (o2 + o3 * g);
+        w[1] = k0 + f2 * (k2 + k3 * f);
+        w[2] = k0 + g2 * (k2 + k3 * g);
+        w[3] = f2 * (o2 + o3 * f);
     }
 }
 
@@ -89,7 +93,7 @@ template <int mode> inline void weighAxis(const double* fraction, double (*w)[kC
 // The weights of one fraction, as they are defined.
 template <int mode> inline void axisWeights(float f, float w[4]) {
     double v[4];
-    weightPolynomials<mode, double>(f, v);
+    weightPolynomials<mode, double>(double(f), v);
     const double e = kWeightError + (f < 0 ? -2.0 * f : 0);
     bool open = false;
     for (int t = 0; t < 4; ++t) {
@@ -233,7 +237,7 @@ template <class T, int mode> struct Cubic {
 
     static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
 #if defined(ZENR_LEVEL_avx512)
-        if (chunk16(src, at, out)) return;
+        return chunk16(src, at, out);
 #endif
         alignas(64) int base[3][kChunk];
         alignas(64) double f[3][kChunk], error[kChunk] = {};
@@ -262,14 +266,14 @@ template <class T, int mode> struct Cubic {
     }
 
 #if defined(ZENR_LEVEL_avx512)
-    // A chunk whose taps all lie inside the box, of a source with regular planes; false, and nothing done, for others.
-    static bool chunk16(const SampleSource<T>& src, const Positions& at, T* out) {
-        if (!src.regular) return false;
-        alignas(64) Real w[3][4][kChunk];
-        alignas(64) int offset[kChunk];
-        unsigned open = 0;
+    // The same in whole registers.
+    static void chunk16(const SampleSource<T>& src, const Positions& at, T* out) {
+        alignas(64) int base[3][kChunk];
+        alignas(64) T copied[kChunk][64];
+        Taps16<T> taps;
         __m512i flat = _mm512_setzero_si512();
-        __mmask16 edge = 0;
+        __mmask16 edge = src.regular ? 0 : 0xFFFF;
+        Real16 fraction[3];
         const int steps[3] = {1, int(src.step), src.planeStep}, origin[3] = {0, 0, src.low[2]};
         for (int k = 0; k < 3; ++k) {
             const auto placed = place16<Floats16>(at.s[k], src.high[k], kSnap);
@@ -277,48 +281,99 @@ template <class T, int mode> struct Cubic {
                     _mm512_cmpge_epi32_mask(placed.base, _mm512_set1_epi32(src.high[k] - 1));
             const __m512i from = _mm512_sub_epi32(placed.base, _mm512_set1_epi32(origin[k] + 1));
             flat = _mm512_add_epi32(flat, _mm512_mullo_epi32(from, _mm512_set1_epi32(steps[k])));
-            const auto f = Doubles16::of(placed.fraction.v);
-            Double8 low[4], high[4];
-            weightPolynomials<mode>(Double8(f.low), low);
-            weightPolynomials<mode>(Double8(f.high), high);
-            if constexpr (sizeof(T) == 1) {
-                for (int t = 0; t < 4; ++t) _mm512_store_ps(w[k][t], Floats16::of(__m512d(low[t]), __m512d(high[t])).v);
+            _mm512_store_si512(base[k], placed.base);
+            fraction[k] = Real16::of(placed.fraction.v);
+        }
+        if (__builtin_expect(edge != 0, 0)) {
+            copyTaps(src, base, copied);
+            for (int x = 0; x < kChunk; ++x) taps.offset[x] = 64 * x;
+            taps.first = copied[0], taps.step = 4, taps.planeStep = 16;
+        } else {
+            _mm512_store_si512(taps.offset, flat);
+            taps.first = src.planes[src.low[2]], taps.step = src.step, taps.planeStep = src.planeStep;
+        }
+        unsigned doubt;
+        if constexpr (sizeof(T) == 1) {
+            Rows16 rows;
+            stageDone();
+            collectRows16(taps, &rows);
+            stageDone();
+            Float16 w[3][4];
+            for (int k = 0; k < 3; ++k) weightPolynomials<mode, float>(Float16(fraction[k].v), w[k]);
+            const __m512 sum = sumRows16(rows, RowWeights16(w[0]), w[1], w[2]);
+            doubt = settle16(out, {_mm512_mul_ps(sum, _mm512_set1_ps(kRowUnit))}, all16(kErrorOf8), float(kHalfUp));
+        } else {
+            DoubleWeights16 weights;
+            Columns16 columns;
+            alignas(64) double open[kChunk] = {};
+            unsigned apart = 0;
+            for (int k = 0; k < 3; ++k)
+                apart |= weigh8(fraction[k].low, weights.w[k], 0) | weigh8(fraction[k].high, weights.w[k], 8);
+            if (__builtin_expect(apart != 0, 0)) weighOpen(src, at, weights.w, open);
+            stageDone();
+            sumColumns16(taps, weights.w, &columns);
+            stageDone();
+            const Doubles16 sum = {sumRows8(columns.sum, weights.w[0], 0), sumRows8(columns.sum + 8, weights.w[0], 8)};
+            const Doubles16 gap = {_mm512_load_pd(open), _mm512_load_pd(open + 8)};
+            const auto add = [](double scale, Doubles16 gap, double least) {
+                return Doubles16{_mm512_fmadd_pd(gap.low, _mm512_set1_pd(scale), _mm512_set1_pd(least)),
+                                 _mm512_fmadd_pd(gap.high, _mm512_set1_pd(scale), _mm512_set1_pd(least))};
+            };
+            if constexpr (sizeof(T) == 4) {
+                const Doubles16 size = {largest8(columns.size), largest8(columns.size + 8)};
+                const Doubles16 share = add(2, gap, 1.4210854715202004e-14); // 2^-46
+                doubt =
+                    settle16(out, sum, {_mm512_mul_pd(size.low, share.low), _mm512_mul_pd(size.high, share.high)}, 0);
+                const __m512d most = _mm512_set1_pd(kLargest);
+                doubt |= _mm512_cmp_pd_mask(size.low, most, _CMP_NLE_UQ) |
+                         unsigned(_mm512_cmp_pd_mask(size.high, most, _CMP_NLE_UQ)) << 8;
             } else {
-                for (int t = 0; t < 4; ++t)
-                    open |= unsigned(roundWeights8(__m512d(low[t]), weightError(f.low), w[k][t])) |
-                            unsigned(roundWeights8(__m512d(high[t]), weightError(f.high), w[k][t] + 8)) << 8;
+                doubt = settle16(out, sum, add(131072, gap, 2e-9), kHalfUp);
             }
         }
-        // Fractions next to 0 leave many weights open; the other way puts up with that.
-        if (edge || __builtin_popcount(open) > 2) return false;
-        _mm512_store_si512(offset, flat);
-        stageDone();
-        alignas(64) Real sums[kChunk];
-        alignas(64) float most[kChunk] = {};
-        const T* const first = src.planes[src.low[2]];
-        for (int x = 0; x < kChunk; ++x) sums[x] = cubicSum(first + offset[x], src.step, src.planeStep, w, x, &most[x]);
-        stageDone();
-        unsigned doubt = open;
-        if constexpr (sizeof(T) == 4) {
-            const __m512 size = _mm512_load_ps(most);
-            const __m512d unit = _mm512_set1_pd(1.4210854715202004e-14); // 2^-46
-            doubt |= settle16(out, {_mm512_load_pd(sums), _mm512_load_pd(sums + 8)},
-                              {_mm512_mul_pd(firstHalf(size), unit), _mm512_mul_pd(secondHalf(size), unit)}, 0);
-            doubt |= _mm512_cmp_ps_mask(size, _mm512_set1_ps(kLargest), _CMP_GT_OQ);
-        } else if constexpr (sizeof(T) == 2) {
-            doubt |= settle16(out, {_mm512_load_pd(sums), _mm512_load_pd(sums + 8)}, all16(2e-9), kHalfUp);
-        } else {
-            doubt |= settle16(out, {_mm512_load_ps(sums)}, all16(1.5e-3f), float(kHalfUp));
-        }
         if (__builtin_expect(doubt != 0, 0)) redo<Cubic>(src, at, doubt, out);
-        return true;
+    }
+    using Real16 = typename Real16Of<Real>::Type;
+
+    static unsigned weigh8(__m512d f, double (*w)[kChunk], int at) {
+        // As weighAxis has it; but weights of whole positions are known.
+        const __m512d least = _mm512_set1_pd(kWeightError), one = _mm512_set1_pd(1);
+        const __mmask8 between =
+            _mm512_cmp_pd_mask(f, _mm512_setzero_pd(), _CMP_NEQ_OQ) & _mm512_cmp_pd_mask(f, one, _CMP_NEQ_OQ);
+        const __m512d error = _mm512_maskz_max_pd(between, least, _mm512_sub_pd(least, _mm512_add_pd(f, f)));
+        Double8 v[4];
+        weightPolynomials<mode, double>(Double8(f), v);
+        return roundWeights8(v, error, w, at);
     }
 
-    // As weighAxis has it.
-    static __m512d weightError(__m512d f) {
-        const __m512d least = _mm512_set1_pd(kWeightError);
-        return _mm512_max_pd(least, _mm512_sub_pd(least, _mm512_add_pd(f, f)));
+    // Fractions next to 0 leave many weights open.
+    static __attribute__((noinline)) void weighOpen(const SampleSource<T>& src, const Positions& at,
+                                                    double (*w)[4][kChunk], double* open) {
+        alignas(64) int base[kChunk];
+        alignas(64) double f[kChunk];
+        for (int k = 0; k < 3; ++k) {
+            placeAxis(at.s[k], src.high[k], base, f);
+            weighAxis<mode>(f, w[k], open);
+        }
     }
+
+    // The taps of a chunk at the box's edges, or of a source whose planes are apart: row by row.
+    static __attribute__((noinline)) void copyTaps(const SampleSource<T>& src, const int (*base)[kChunk],
+                                                   T (*taps)[64]) {
+        for (int x = 0; x < kChunk; ++x) {
+            int tap[4];
+            for (int t = 0; t < 4; ++t) tap[t] = kept(base[0][x] - 1 + t, src.low[0], src.high[0]);
+            for (int r = 0; r < 16; ++r) {
+                const T* const row = src.planes[kept(base[2][x] - 1 + (r >> 2), src.low[2], src.high[2])] +
+                                     kept(base[1][x] - 1 + (r & 3), src.low[1], src.high[1]) * src.step;
+                for (int t = 0; t < 4; ++t) taps[x][4 * r + t] = row[tap[t]];
+            }
+        }
+    }
+    // Of sums in float: 255 * 1.5625 times what the weights of three axes may be off, 3.4e-7 together each (2.6e-7 found in
+    // 10^8 fractions of each mode); 2.7e-4 for roundings of sums of up to 498, 2^-24 of their value each; 5e-5 for the
+    // ends of the interval.
+    static constexpr float kErrorOf8 = 8e-4f;
 #endif
 
     // What settled() needs to know. The sizes of four weights sum to 1.25 at most, so the terms of the sum to twice the

@@ -41,6 +41,7 @@ struct Floats16 {
     __m512 v;
     static Floats16 of(__m512d low, __m512d high) { return {both(_mm512_cvtpd_ps(low), _mm512_cvtpd_ps(high))}; }
     static Floats16 of(__m512i v) { return {_mm512_cvtepi32_ps(v)}; }
+    static Floats16 of(__m512 v) { return {v}; }
 };
 struct Doubles16 {
     __m512d low, high;
@@ -144,82 +145,6 @@ template <class Tap> inline FloatPairs16 pairs16(const float*, const Tap& tap) {
     const __m512i odd = _mm512_add_epi32(even, _mm512_set1_epi32(1));
     const __m512 low = eightPairs(tap, 0), high = eightPairs(tap, 8);
     return {_mm512_permutex2var_ps(low, even, high), _mm512_permutex2var_ps(low, odd, high)};
-}
-
-// Cubic weights of eight fractions as weightPolynomials has them: one formula for numbers and registers.
-typedef double Double8 __attribute__((vector_size(64)));
-
-// Rounded to 24 bits. The result is the mask of those whose rounding is open, as the weights defined lie up to `error`
-// off. A weight of 0 is one within 2^-52.
-inline __mmask8 roundWeights8(__m512d w, __m512d error, double* rounded) {
-    const __m512d scaled = _mm512_mul_pd(w, _mm512_set1_pd(536870913)); // 2^29 + 1
-    const __m512d r = _mm512_sub_pd(scaled, _mm512_sub_pd(scaled, w));
-    const __m512d power = _mm512_and_pd(w, _mm512_castsi512_pd(_mm512_set1_epi64(0x7FF0000000000000)));
-    const __m512d half = _mm512_mul_pd(power, _mm512_set1_pd(5.9604644775390625e-8)); // 2^-24
-    _mm512_storeu_pd(rounded, r);
-    return _mm512_cmp_pd_mask(_mm512_abs_pd(_mm512_sub_pd(w, r)), _mm512_sub_pd(half, error), _CMP_GE_OQ) &
-           _mm512_cmp_pd_mask(w, _mm512_setzero_pd(), _CMP_NEQ_OQ);
-}
-
-// Four rows of four voxels, one below the other, as numbers.
-inline __m512 block4x4(const uint8_t* p, ptrdiff_t step) {
-    const auto four = [&](int row) {
-        int v;
-        __builtin_memcpy(&v, p + row * step, 4);
-        return v;
-    };
-    __m128i v = _mm_cvtsi32_si128(four(0));
-    v = _mm_insert_epi32(v, four(1), 1);
-    v = _mm_insert_epi32(v, four(2), 2);
-    v = _mm_insert_epi32(v, four(3), 3);
-    return _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(v));
-}
-
-// The sum of a voxel's 64 taps from p on; weights of voxel x at [axis][tap][x].
-inline float cubicSum(const uint8_t* p, ptrdiff_t step, ptrdiff_t planeStep, const float (*w)[4][16], int x, float*) {
-    const __m128 wx = _mm_setr_ps(w[0][0][x], w[0][1][x], w[0][2][x], w[0][3][x]);
-    const __m512 wy = both(_mm256_set_m128(_mm_set1_ps(w[1][1][x]), _mm_set1_ps(w[1][0][x])),
-                           _mm256_set_m128(_mm_set1_ps(w[1][3][x]), _mm_set1_ps(w[1][2][x])));
-    __m512 total = _mm512_mul_ps(block4x4(p, step), _mm512_set1_ps(w[2][0][x]));
-    for (int k = 1; k < 4; ++k)
-        total = _mm512_add_ps(total, _mm512_mul_ps(block4x4(p + k * planeStep, step), _mm512_set1_ps(w[2][k][x])));
-    total = _mm512_mul_ps(total, _mm512_mul_ps(wy, _mm512_broadcast_f32x4(wx)));
-    const __m256 half = _mm256_add_ps(_mm512_castps512_ps256(total), _mm512_extractf32x8_ps(total, 1));
-    const __m128 row = _mm_add_ps(_mm256_castps256_ps128(half), _mm256_extractf128_ps(half, 1));
-    const __m128 two = _mm_add_ps(row, _mm_movehl_ps(row, row));
-    return _mm_cvtss_f32(_mm_add_ss(two, _mm_movehdup_ps(two)));
-}
-
-inline __m256d fourDoubles(const uint16_t* p, __m128*) {
-    return _mm256_cvtepi32_pd(_mm_cvtepu16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
-}
-inline __m256d fourDoubles(const float* p, __m128* most) {
-    const __m128 v = _mm_loadu_ps(p);
-    *most = _mm_range_ps(v, *most, 0xB); // the larger in size, as a size
-    return _mm256_cvtps_pd(v);
-}
-template <class T>
-inline double cubicSum(const T* p, ptrdiff_t step, ptrdiff_t planeStep, const double (*w)[4][16], int x, float* most) {
-    const __m256d wx = _mm256_setr_pd(w[0][0][x], w[0][1][x], w[0][2][x], w[0][3][x]);
-    __m256d wy[4], total = _mm256_setzero_pd();
-    for (int j = 0; j < 4; ++j) wy[j] = _mm256_set1_pd(w[1][j][x]);
-    __m128 size = _mm_setzero_ps();
-    for (int k = 0; k < 4; ++k) {
-        const T* const q = p + k * planeStep;
-        const __m256d a = _mm256_mul_pd(wy[0], fourDoubles(q, &size)),
-                      b = _mm256_mul_pd(wy[1], fourDoubles(q + step, &size)),
-                      c = _mm256_mul_pd(wy[2], fourDoubles(q + 2 * step, &size)),
-                      d = _mm256_mul_pd(wy[3], fourDoubles(q + 3 * step, &size));
-        const __m256d sum = _mm256_add_pd(_mm256_add_pd(a, b), _mm256_add_pd(c, d));
-        total = _mm256_add_pd(total, _mm256_mul_pd(sum, _mm256_set1_pd(w[2][k][x])));
-    }
-    if constexpr (sizeof(T) == 4) {
-        size = _mm_max_ps(size, _mm_movehl_ps(size, size));
-        *most = _mm_cvtss_f32(_mm_max_ss(size, _mm_movehdup_ps(size)));
-    }
-    total = _mm256_mul_pd(total, wx);
-    const __m128d two = _mm_add_pd(_mm256_castpd256_pd128(total), _mm256_extractf128_pd(total, 1));
-    return _mm_cvtsd_f64(_mm_add_sd(two, _mm_unpackhi_pd(two, two)));
 }
 
 // Rounds sums to voxels; the result is the mask of those whose error leaves it open. As settled() for each.
