@@ -200,6 +200,7 @@ void shareOrigin(Block64& tile, const float* origin) {
         tile.sharedOrigin[k] = k < 3 ? origin[k] : 0;
         tile.sharedFrom[k] = double(tile.sharedOrigin[k]);
     }
+    tile.drift = 0;
 }
 
 void ownOrigins(Block64& tile, const RayBlock& block, const Place& place) {
@@ -704,6 +705,8 @@ void multiple(const RayBlock& block) {
     const size_t stride = size_t(block.width) * size_t(block.height);
     Block64 tile;
     shareOrigin(tile, block.origin);
+    float eye = 0; // the largest component of the shared origin
+    for (int k = 0; k < 3; ++k) eye = largerOf(eye, fabsf(block.origin[k]));
     for (size_t i = 0; i < tiling.count; ++i) {
         Place place;
         tiling.place(i, place);
@@ -725,12 +728,18 @@ void multiple(const RayBlock& block) {
             const size_t at = size_t(layer) * stride;
             tile.recentCount = layer % kRing;
             clearHits(tile);
-            tile.away = largestOf(tile.origin);
-            done = walkOctants<SuccessiveTile>(block, tile, rays);
+            if (layer == 0) {
+                done = walkOctants<FirstTile>(block, tile, rays);
+            } else {
+                // Each layer adds two roundings of coordinates up to this to an origin, and the test some more.
+                tile.drift = largerOf(largestOf(tile.origin), eye) * float(layer + 16) * 0x1p-48f;
+                done = walkOctants<SuccessiveTile>(block, tile, rays);
+            }
             if (!done) break;
             const Set64 hit = hits(tile) & rays;
             for (int v = 0; v < Block64::kVectors; ++v) {
-                const Floats t = tile.best[v];
+                // Rays that have ended stay where they are: what follows bounds all origins.
+                const Floats t = select(part(hit, v), tile.best[v], Floats{});
                 total[v] = layer > 0 ? t + total[v] : t;
                 tile.previous[v] = tile.recent[layer % kRing][v] = tile.triangle[v];
                 Floats exit = all(FLT_MAX);

@@ -51,6 +51,7 @@ template <int Rays> struct Tile {
     float low[4], high[4]; // the same of all rays, from and to
     float reach;           // largest direction component of any ray; infinite where one is NaN
     float away;            // the same of origins of their own
+    float drift; // how far off their lines through the shared origin they may be, the test's own errors included
     // The origin that all rays share, or each ray's own: for plane decisions, and for the triangle test.
     float sharedOrigin[4];
     double sharedFrom[4];
@@ -69,6 +70,9 @@ struct NearestTile {
     static constexpr bool kOwnOrigins = true, kGateDeterminant = true, kMargin = true, kSegment = false,
                           kSuccessive = false;
 };
+// Lines through a shared origin: the weights of a hit are the same from wherever on it a ray begins.
+template <class Search> constexpr bool kOneOrigin = !Search::kOwnOrigins || Search::kSuccessive;
+
 struct EyeTile {
     static constexpr float kTolerance = kSplitTolerance;
     static constexpr bool kOwnOrigins = false, kGateDeterminant = false, kMargin = false, kSegment = false,
@@ -77,6 +81,12 @@ struct EyeTile {
 struct SegmentTile {
     static constexpr float kTolerance = kSplitTolerance;
     static constexpr bool kOwnOrigins = false, kGateDeterminant = false, kMargin = false, kSegment = true,
+                          kSuccessive = false;
+};
+// The first of successive searches.
+struct FirstTile {
+    static constexpr float kTolerance = kSplitToleranceMultiple;
+    static constexpr bool kOwnOrigins = false, kGateDeterminant = false, kMargin = false, kSegment = false,
                           kSuccessive = false;
 };
 struct SuccessiveTile {
@@ -150,7 +160,7 @@ ZENR_INLINE Bits inside(const Triangle& r, const T& tile, int v, Solution& s) {
 // all errors, they tell most rays that pass outside: one weight is surely positive and another surely negative. Over an
 // interval of directions they tell it of many rays at once. Triangles are side by side, a lane each.
 constexpr int kBatch = 16;
-constexpr int kFewShared = 4; // rays of a shared origin that take the triangles of a leaf one after the other
+constexpr int kFewShared = 4; // rays with one origin that take the triangles of a leaf one after the other
 
 struct alignas(64) Outlines {
     float factor[3][3][kBatch]; // of a weight (first vertex, second, third) and a component of the direction
@@ -165,7 +175,7 @@ struct Outline {
 };
 
 ZENR_INLINE void outline(Outline& o, const ZenrTriangleAccel* accel, const int* list, int count, const float* origin,
-                         float reach) {
+                         float reach, float drift) {
     static_assert(sizeof(ZenrTriangleAccel) == 40, "a record is read as rows of four floats");
     alignas(64) int number[kLanes];
     const Ints numbers = firstOf(list, count); // lanes without a triangle read the first record, and are left out below
@@ -202,15 +212,15 @@ ZENR_INLINE void outline(Outline& o, const ZenrTriangleAccel* accel, const int* 
     // With e = 2^-24 and `size` the numerator's terms without their signs: u, w and q are within 1e of their sizes, the
     // numerator within 4e of `size`, the factors of beta and gamma together within 6e of their `terms`, those of alpha
     // within 8e of both and 2e of `normal`; products with the direction and their sums add 3e. 2^-20 is 16e. The test in
-    // double adds what is lost where coordinates along k cancel, and much less elsewhere. The last terms are for
-    // underflows.
+    // double adds what is lost where coordinates along k cancel, and much less elsewhere. Origins that are off their lines
+    // shift the numerator and u, w: `drift`. The last terms are for underflows.
     const Floats one = all(1.f);
     const Floats sizeU = absolute(u), sizeW = absolute(w);
     const Floats normal = absolute(nA) + absolute(nB) + one;
     const Floats size = about(absolute(nA), sizeU, about(absolute(nB), sizeW, absolute(q)));
     const Floats edgesA = absolute(e1A) + absolute(e2A), edgesB = absolute(e1B) + absolute(e2B);
     const Floats terms = about(edgesA, about(sizeW, normal, size), edgesB * about(sizeU, normal, size));
-    const Floats lost = about(absolute(pK) + absolute(oK), all(0x1p-48f), all(1e-37f));
+    const Floats lost = about(normal, all(drift), about(absolute(pK) + absolute(oK), all(0x1p-48f), all(1e-37f)));
     const Floats error = about(all(reach), about(terms + normal, all(0x1p-20f), (edgesA + edgesB) * lost), all(1e-37f));
     // Anything that could overflow is left to the test in double, and so are NaN and records of other axes.
     o.error = select(less(error, all(1e23f)) & (isX | isY | isZ), error, all(__builtin_inff()));
@@ -257,7 +267,7 @@ ZENR_INLINE unsigned quickTest(const ZenrTriangleAccel* accel, const int* list, 
     unsigned any = 0;
     for (int first = 0; first < count; first += kLanes) {
         Outline o;
-        outline(o, accel, list + first, count - first, tile.sharedOrigin, tile.reach);
+        outline(o, accel, list + first, count - first, tile.sharedOrigin, tile.reach, tile.drift);
         unsigned here = 0;
         for (int box = 0; box < T::kBoxes; ++box) {
             if (!(active >> (box * kBoxRays) & 0xFFFFu)) continue;
@@ -433,7 +443,7 @@ template <class T> struct TileRays {
 // Whether a leaf's triangles are better taken side by side than its rays; where both are as good is flat.
 template <class Search, class Set> ZENR_INLINE bool fewFor(Set rays, int triangles) {
     const int n = sizeof rays > 4 ? __builtin_popcountll(rays) : __builtin_popcount(uint32_t(rays));
-    return kHalf >= 4 && n <= (Search::kOwnOrigins ? triangles + 6 : kFewShared);
+    return kHalf >= 4 && n <= (kOneOrigin<Search> ? kFewShared : triangles + 6);
 }
 
 // The list of a leaf's triangles.
@@ -477,12 +487,12 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
     const uint32_t count = triangles.count;
     const typename T::Set before = active;
     typename T::Set found = 0;
-    constexpr uint32_t kMost = Search::kOwnOrigins ? kBatch / 2 : kBatch;
+    constexpr uint32_t kMost = kOneOrigin<Search> ? kBatch : kBatch / 2;
     for (uint32_t done = 0; done < count; done += kMost) {
         const int batch = int(count - done < kMost ? count - done : kMost);
         // The quick test of a shared origin begins with all records at once.
         const bool few = fewFor<Search>(active, batch);
-        if (Search::kOwnOrigins || few) prefetchRecords(accel, list, batch);
+        if (!kOneOrigin<Search> || few) prefetchRecords(accel, list, batch);
         if (few) {
             if (!Search::kSegment) found = active;
             for (int i = 0; i < batch && active; i += kHalf) {
@@ -496,10 +506,10 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
             continue;
         }
         // First the quick test. For a packet with its own origins its error bound costs as much as it saves.
-        constexpr bool kQuick = !Search::kOwnOrigins || T::kRays > 16;
+        constexpr bool kQuick = kOneOrigin<Search> || T::kRays > 16;
         typename T::Set inQuestion[kBatch];
         unsigned left = (1u << batch) - 1;
-        if constexpr (!Search::kOwnOrigins)
+        if constexpr (kOneOrigin<Search>)
             left = quickTest(accel, list, batch, tile, active, inQuestion);
         else if constexpr (kQuick)
             left = quickTestOwn(accel, list, batch, tile, active, inQuestion);
