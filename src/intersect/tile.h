@@ -165,15 +165,21 @@ constexpr int kFewShared = 4; // rays with one origin that take the triangles of
 struct alignas(64) Outlines {
     float factor[3][3][kBatch]; // of a weight (first vertex, second, third) and a component of the direction
     float error[kBatch];
+    // Of segments: the denominator's factors, and a bound that its size has to reach for the plane to lie before the end.
+    float plane[3][kBatch];
+    float reaches[kBatch];
 };
 
 // The outlines of a register of triangles.
 struct Outline {
     Floats factor[3][3];
     Floats error;
+    Floats plane[3];
+    Floats reaches;
     Bits regular; // lanes that are triangles
 };
 
+template <bool Segment>
 ZENR_INLINE void outline(Outline& o, const ZenrTriangleAccel* accel, const int* list, int count, const float* origin,
                          float reach, float drift) {
     static_assert(sizeof(ZenrTriangleAccel) == 40, "a record is read as rows of four floats");
@@ -224,6 +230,14 @@ ZENR_INLINE void outline(Outline& o, const ZenrTriangleAccel* accel, const int* 
     const Floats error = about(all(reach), about(terms + normal, all(0x1p-20f), (edgesA + edgesB) * lost), all(1e-37f));
     // Anything that could overflow is left to the test in double, and so are NaN and records of other axes.
     o.error = select(less(error, all(1e23f)) & (isX | isY | isZ), error, all(__builtin_inff()));
+    if (Segment) {
+        // A distance is at least 1 where the numerator is not smaller than the denominator. Within 4e of `size` the one, 3e
+        // of `normal` times the direction the other; 2^-21 is 8e.
+        const Floats plane[3] = {nA, nB, one};
+        inSpace(o.plane, plane);
+        const Floats unsure = about(about(all(reach), normal, size), all(0x1p-21f), lost);
+        o.reaches = select(isX | isY | isZ, absolute(num) - unsure, all(-1.f));
+    }
     o.regular = ~equal((Ints)axes, Ints{});
     o.regular &= count < kLanes ? (Bits(1) << count) - 1 : kAllLanes;
 }
@@ -248,18 +262,23 @@ template <class T> ZENR_INLINE Bits mayMeet(const Outline& o, const T& tile, int
 }
 
 // The rays of a vector of directions that may meet a triangle.
-ZENR_INLINE Bits mayBeInside(const Outlines& o, int i, Floats dX, Floats dY, Floats dZ) {
+template <bool Segment> ZENR_INLINE Bits mayBeInside(const Outlines& o, int i, Floats dX, Floats dY, Floats dZ) {
     Floats weight[3];
     for (int w = 0; w < 3; ++w)
         weight[w] = about(all(o.factor[w][0][i]), dX, about(all(o.factor[w][1][i]), dY, all(o.factor[w][2][i]) * dZ));
     // A NaN weight comes with an infinite error bound.
     const Floats low = smaller(smaller(weight[0], weight[1]), weight[2]);
     const Floats high = larger(larger(weight[0], weight[1]), weight[2]);
-    return ~(less(low, all(-o.error[i])) & less(all(o.error[i]), high)) & kAllLanes;
+    Bits outside = less(low, all(-o.error[i])) & less(all(o.error[i]), high);
+    if (Segment) {
+        const Floats det = about(all(o.plane[0][i]), dX, about(all(o.plane[1][i]), dY, all(o.plane[2][i]) * dZ));
+        outside |= less(absolute(det), all(o.reaches[i]));
+    }
+    return ~outside & kAllLanes;
 }
 
 // Finds the rays in question of each triangle of a batch; returns the triangles that have any.
-template <class T>
+template <bool Segment, class T>
 ZENR_INLINE unsigned quickTest(const ZenrTriangleAccel* accel, const int* list, int count, const T& tile,
                                typename T::Set active, typename T::Set* inQuestion) {
     Outlines outlines;
@@ -267,7 +286,7 @@ ZENR_INLINE unsigned quickTest(const ZenrTriangleAccel* accel, const int* list, 
     unsigned any = 0;
     for (int first = 0; first < count; first += kLanes) {
         Outline o;
-        outline(o, accel, list + first, count - first, tile.sharedOrigin, tile.reach, tile.drift);
+        outline<Segment>(o, accel, list + first, count - first, tile.sharedOrigin, tile.reach, tile.drift);
         unsigned here = 0;
         for (int box = 0; box < T::kBoxes; ++box) {
             if (!(active >> (box * kBoxRays) & 0xFFFFu)) continue;
@@ -281,6 +300,10 @@ ZENR_INLINE unsigned quickTest(const ZenrTriangleAccel* accel, const int* list, 
             for (int k = 0; k < 3; ++k)
                 __builtin_memcpy(&outlines.factor[w][k][first], &o.factor[w][k], sizeof(Floats));
         __builtin_memcpy(&outlines.error[first], &o.error, sizeof(Floats));
+        if (Segment) {
+            for (int k = 0; k < 3; ++k) __builtin_memcpy(&outlines.plane[k][first], &o.plane[k], sizeof(Floats));
+            __builtin_memcpy(&outlines.reaches[first], &o.reaches, sizeof(Floats));
+        }
     }
     if (!any) return 0;
     for (int i = 0; i < kBatch; ++i) inQuestion[i] = 0;
@@ -290,7 +313,7 @@ ZENR_INLINE unsigned quickTest(const ZenrTriangleAccel* accel, const int* list, 
         const Floats dX = tile.direction[0][v], dY = tile.direction[1][v], dZ = tile.direction[2][v];
         for (unsigned left = candidates[v * kLanes / kBoxRays]; left; left &= left - 1) {
             const int i = __builtin_ctz(left);
-            inQuestion[i] |= whole<typename T::Set>(bits & mayBeInside(outlines, i, dX, dY, dZ), v);
+            inQuestion[i] |= whole<typename T::Set>(bits & mayBeInside<Segment>(outlines, i, dX, dY, dZ), v);
         }
     }
     return any;
@@ -510,7 +533,7 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
         typename T::Set inQuestion[kBatch];
         unsigned left = (1u << batch) - 1;
         if constexpr (kOneOrigin<Search>)
-            left = quickTest(accel, list, batch, tile, active, inQuestion);
+            left = quickTest<Search::kSegment>(accel, list, batch, tile, active, inQuestion);
         else if constexpr (kQuick)
             left = quickTestOwn(accel, list, batch, tile, active, inQuestion);
         for (; left; left &= left - 1) {
