@@ -257,6 +257,39 @@ TEST(Packets, ScenesOfAnyScaleAndPlace) {
     }
 }
 
+TEST(Packets, SegmentsThatEndAtASurface) {
+    // Within a few roundings of it, on either side, where the quick test must not decide by itself.
+    for (int round = 0; round < rounds(60); ++round) {
+        const float scale = round % 3 == 0 ? 1.f : round % 3 == 1 ? 1e-4f : 300.f;
+        reference::Mesh mesh = round % 2 ? reference::terrain(12) : reference::soup(200, 0.3f, uint32_t(round));
+        for (float& x : mesh.vertices) x *= scale;
+        TestScene scene(mesh, 4, 20);
+        std::mt19937 random{uint32_t(round)};
+        std::uniform_real_distribution<float> part(0, 1);
+        RaySet want(512, 1);
+        for (int k = 0; k < 3; ++k) want.shared[k] = scale * 3 * (part(random) - 0.5f);
+        for (int i = 0; i < want.n; ++i) {
+            // Coherent runs of sixteen, so that some triangles are turned away for all of them.
+            const size_t t = 4 * ((random() % 4 + size_t(i) / 16 * 7) % size_t(mesh.triangleCount()));
+            const float a = part(random), b = part(random) * (1 - a);
+            const float stretch = i % 4 == 0 ? 1.f : 1 + float(int(random() % 17) - 8) * 0x1p-23f;
+            for (int k = 0; k < 3; ++k) {
+                const auto corner = [&](int v) { return mesh.vertices[size_t(3 * mesh.triangles[t + size_t(v)] + k)]; };
+                const float to = corner(0) * a + corner(1) * b + corner(2) * (1 - a - b);
+                want.planes[3 + k][size_t(i)] = (to - want.shared[k]) * stretch;
+            }
+        }
+        const RaySet rays = want;
+        trace(any, scene, want, {16, 32}, nullptr);
+        for (const zenr::Level level : levels()) {
+            RaySet got = rays;
+            trace(any, scene, got, {16, 32}, &level);
+            size_t first = 0;
+            ASSERT_EQ(differing(got, want, first), 0u) << "round " << round << " first " << first;
+        }
+    }
+}
+
 TEST(Packets, ABoxSmallerThanTheScene) {
     // Hits outside the box, behind which successive searches have reversed intervals.
     for (int round = 0; round < rounds(12); ++round) {
