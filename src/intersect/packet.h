@@ -9,6 +9,7 @@ namespace ZENR_LEVEL {
 
 constexpr int kPacketRays = 16;
 constexpr int kPacketVectors = kPacketRays / kLanes;
+constexpr uint32_t kAtOnce = 8; // triangles of a leaf
 typedef uint32_t PacketSet;
 
 // A ray and what it has found: one cache line.
@@ -207,10 +208,15 @@ bool walkPacket(StreamRay* first, const uint32_t* number, const float* tmins, co
                 }
             }
             const LeafList leaf(node);
+            const auto atMost = [&](uint32_t from, uint32_t most) {
+                return int(leaf.count - from < most ? leaf.count - from : most);
+            };
+            prefetchRecords(accel, leaf.list, atMost(0, 2 * kAtOnce));
             int batch;
             for (uint32_t done = 0; done < leaf.count; done += batch) {
-                batch = leaf.count - done < 8 ? int(leaf.count - done) : 8;
-                prefetchRecords(accel, leaf.list + done, batch);
+                batch = atMost(done, kAtOnce);
+                if (done + 2 * kAtOnce < leaf.count)
+                    prefetchRecords(accel, leaf.list + done + 2 * kAtOnce, atMost(done + 2 * kAtOnce, kAtOnce));
                 if (!fewFor<Search>(active, batch)) {
                     for (int i = 0; i < batch; ++i) packet.test<Search>(accel, leaf.list[int(done) + i], active);
                     continue;
