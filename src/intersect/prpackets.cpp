@@ -574,7 +574,7 @@ struct Order {
     }
 };
 constexpr int kOrderTiles = kOrderRays / 64;
-constexpr float kApart = 1.3f; // tiles that span so much more than they would in order are put in order
+constexpr float kApart = 1.15f; // tiles that span so much more than they would in order are put in order
 constexpr int kOrderBytes = int(2 * kOrderRays * sizeof(uint32_t) + kOrderTiles * sizeof(size_t[kPieces]));
 
 // The rays of a tile that are to be searched, and the charts of all.
