@@ -284,14 +284,9 @@ template <class T, int mode> struct Cubic {
             _mm512_store_si512(base[k], placed.base);
             fraction[k] = Real16::of(placed.fraction.v);
         }
-        if (__builtin_expect(edge != 0, 0)) {
-            copyTaps(src, base, copied);
-            for (int x = 0; x < kChunk; ++x) taps.offset[x] = 64 * x;
-            taps.first = copied[0], taps.step = 4, taps.planeStep = 16;
-        } else {
-            _mm512_store_si512(taps.offset, flat);
-            taps.first = src.planes[src.low[2]], taps.step = src.step, taps.planeStep = src.planeStep;
-        }
+        _mm512_store_si512(taps.offset, flat);
+        for (auto& group : taps.group) group = {src.planes[src.low[2]], src.step, src.planeStep};
+        if (__builtin_expect(edge != 0, 0)) copyEdges(src, base, edge, copied, &taps);
         unsigned doubt;
         if constexpr (sizeof(T) == 1) {
             Rows16 rows;
@@ -357,16 +352,17 @@ template <class T, int mode> struct Cubic {
         }
     }
 
-    // The taps of a chunk at the box's edges, or of a source whose planes are apart: row by row.
-    static __attribute__((noinline)) void copyTaps(const SampleSource<T>& src, const int (*base)[kChunk],
-                                                   T (*taps)[64]) {
-        for (int x = 0; x < kChunk; ++x) {
-            int tap[4];
-            for (int t = 0; t < 4; ++t) tap[t] = kept(base[0][x] - 1 + t, src.low[0], src.high[0]);
-            for (int r = 0; r < 16; ++r) {
-                const T* const row = src.planes[kept(base[2][x] - 1 + (r >> 2), src.low[2], src.high[2])] +
-                                     kept(base[1][x] - 1 + (r & 3), src.low[1], src.high[1]) * src.step;
-                for (int t = 0; t < 4; ++t) taps[x][4 * r + t] = row[tap[t]];
+    // Groups with voxels whose bits are set take their taps from copies.
+    static __attribute__((noinline)) void copyEdges(const SampleSource<T>& src, const int (*base)[kChunk],
+                                                    unsigned edge, T (*copied)[64], Taps16<T>* taps) {
+        constexpr unsigned kOne = (1u << kGroup) - 1;
+        for (int g = 0; g < kChunk; g += kGroup) {
+            if (!(edge >> g & kOne)) continue;
+            taps->group[g / kGroup] = {copied[0], 4, 16};
+            for (int x = g; x < g + kGroup; ++x) {
+                const int at[3] = {base[0][x], base[1][x], base[2][x]};
+                copyTaps(src, at, copied[x]);
+                taps->offset[x] = 64 * x;
             }
         }
     }

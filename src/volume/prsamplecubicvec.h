@@ -38,12 +38,69 @@ inline __mmask8 roundWeights8(const Double8 v[4], __m512d error, double (*w)[16]
     return _mm512_test_epi64_mask(apart, keep);
 }
 
-// Where the taps of a chunk are: voxel x's first at first + offset[x].
-template <class T> struct alignas(64) Taps16 {
-    int offset[16];
+// Where the taps of a chunk are. Voxel x's first is at first + offset[x] of its group of four voxels.
+constexpr int kGroup = 4;
+template <class T> struct TapGroup {
     const T* first;
     ptrdiff_t step, planeStep;
 };
+template <class T> struct alignas(64) Taps16 {
+    int offset[16];
+    TapGroup<T> group[16 / kGroup];
+};
+
+// Which of four voxels in memory are a row's taps, as bytes to shuffle: where the first, none or the last tap lies beyond
+// the box, and the one next to it stands in.
+struct RowShuffles {
+    alignas(16) uint8_t byte[3][16];
+};
+template <class T> constexpr RowShuffles rowShuffles() {
+    constexpr int kTap[3][4] = {{0, 0, 1, 2}, {0, 1, 2, 3}, {1, 2, 3, 3}};
+    RowShuffles result = {};
+    for (int way = 0; way < 3; ++way)
+        for (int i = 0; i < 16; ++i)
+            result.byte[way][i] = uint8_t(kTap[way][i / int(sizeof(T)) % 4] * int(sizeof(T)) + i % int(sizeof(T)));
+    return result;
+}
+template <class T> inline constexpr RowShuffles kRowShuffles = rowShuffles<T>();
+
+inline void copyRow(const uint8_t* from, __m128i shuffle, uint8_t* to) {
+    int v;
+    __builtin_memcpy(&v, from, 4);
+    v = _mm_cvtsi128_si32(_mm_shuffle_epi8(_mm_cvtsi32_si128(v), shuffle));
+    __builtin_memcpy(to, &v, 4);
+}
+inline void copyRow(const uint16_t* from, __m128i shuffle, uint16_t* to) {
+    const __m128i v = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(from));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(to), _mm_shuffle_epi8(v, shuffle));
+}
+inline void copyRow(const float* from, __m128i shuffle, float* to) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), _mm_shuffle_epi8(v, shuffle));
+}
+
+// The taps of a voxel at the edges of the box, or of a source whose planes are apart: row by row.
+template <class T> inline void copyTaps(const SampleSource<T>& src, const int base[3], T* taps) {
+    ptrdiff_t row[4];
+    for (int t = 0; t < 4; ++t) row[t] = kept(base[1] - 1 + t, src.low[1], src.high[1]) * src.step;
+    const auto eachRow = [&](int column, const auto& copy) {
+        for (int k = 0; k < 4; ++k) {
+            const T* const plane = src.planes[kept(base[2] - 1 + k, src.low[2], src.high[2])] + column;
+            for (int j = 0; j < 4; ++j) copy(plane + row[j], taps + 16 * k + 4 * j);
+        }
+    };
+    if (src.high[0] - src.low[0] >= 3) {
+        const int way = 1 - (base[0] - 1 < src.low[0]) + (base[0] + 2 > src.high[0]);
+        const __m128i shuffle = _mm_load_si128(reinterpret_cast<const __m128i*>(kRowShuffles<T>.byte[way]));
+        eachRow(base[0] - way, [&](const T* from, T* to) { copyRow(from, shuffle, to); });
+    } else {
+        int tap[4];
+        for (int t = 0; t < 4; ++t) tap[t] = kept(base[0] - 1 + t, src.low[0], src.high[0]);
+        eachRow(0, [&](const T* from, T* to) {
+            for (int t = 0; t < 4; ++t) to[t] = from[tap[t]];
+        });
+    }
+}
 
 // Voxel by voxel, the four columns of taps along x, summed up in y and z.
 struct alignas(64) Columns16 {
@@ -59,9 +116,10 @@ inline __m256d fourDoubles(const float* p) {
 }
 
 template <class T> inline void sumColumns16(const Taps16<T>& taps, const double (*w)[4][16], Columns16* columns) {
-    const ptrdiff_t step = taps.step, planeStep = taps.planeStep;
     for (int x = 0; x < 16; ++x) {
-        const T* p = taps.first + taps.offset[x];
+        const TapGroup<T>& group = taps.group[x / kGroup];
+        const ptrdiff_t step = group.step;
+        const T* p = group.first + taps.offset[x];
         __m256d wy[4], total = _mm256_setzero_pd(), size = _mm256_setzero_pd();
         for (int j = 0; j < 4; ++j) wy[j] = _mm256_broadcast_sd(&w[1][j][x]);
         const auto tap = [&](const T* q) {
@@ -69,7 +127,7 @@ template <class T> inline void sumColumns16(const Taps16<T>& taps, const double 
             if constexpr (sizeof(T) == 4) size = _mm256_range_pd(v, size, 0xB); // the larger in size, as a size
             return v;
         };
-        for (int k = 0; k < 4; ++k, p += planeStep) {
+        for (int k = 0; k < 4; ++k, p += group.planeStep) {
             __m256d sum = _mm256_mul_pd(wy[0], tap(p));
             sum = _mm256_fmadd_pd(wy[1], tap(p + step), sum);
             sum = _mm256_fmadd_pd(wy[2], tap(p + 2 * step), sum);
@@ -140,10 +198,12 @@ inline int fourBytes(const uint8_t* p) {
     return v;
 }
 inline void collectRows16(const Taps16<uint8_t>& taps, Rows16* rows) {
-    const ptrdiff_t step = taps.step, planeStep = taps.planeStep;
-    for (int x = 0; x < 16; x += 4) {
-        const uint8_t *a = taps.first + taps.offset[x], *b = taps.first + taps.offset[x + 1],
-                      *c = taps.first + taps.offset[x + 2], *d = taps.first + taps.offset[x + 3];
+    for (int x = 0; x < 16; x += kGroup) {
+        const TapGroup<uint8_t>& group = taps.group[x / kGroup];
+        const ptrdiff_t step = group.step, planeStep = group.planeStep;
+        const int* const offset = &taps.offset[x];
+        const uint8_t *a = group.first + offset[0], *b = group.first + offset[1], *c = group.first + offset[2],
+                      *d = group.first + offset[3];
         for (int k = 0; k < 4; ++k, a += planeStep, b += planeStep, c += planeStep, d += planeStep)
             for (int j = 0; j < 4; ++j) {
                 __m128i v = _mm_cvtsi32_si128(fourBytes(a + j * step));
