@@ -130,8 +130,8 @@ template <class T, int mode> struct Cubic {
                      kept(y.base - 1 + (r & 3), src.low[1], src.high[1]) * src.step + run.first;
             weight[r] = Real(wz[r >> 2]) * Real(wy[r & 3]);
         }
-        alignas(64) Real line[kSpan];
-        alignas(64) float size[kSpan];
+        alignas(64) Real line[kSpan + kRest];
+        alignas(64) float size[kSpan + kRest];
         const Interval in = lineInside(src, run);
         eachBlock(in, [&](int i) {
             Real sum = weight[0] * Real(row[0][i]);
@@ -150,6 +150,9 @@ template <class T, int mode> struct Cubic {
             padLine(src, run, size);
         }
         eachChunk(run, dst, [&](int x, T* out) {
+#if defined(ZENR_LEVEL_avx512)
+            if (interpolate16(src, run, x, line, size, out)) return;
+#endif
             alignas(64) int base[kChunk], doubt[kChunk];
             alignas(64) double f[kChunk], w[4][kChunk], error[kChunk] = {};
             alignas(64) Real tap[4][kChunk];
@@ -316,19 +319,59 @@ template <class T, int mode> struct Cubic {
             };
             if constexpr (sizeof(T) == 4) {
                 const Doubles16 size = {largest8(columns.size), largest8(columns.size + 8)};
-                const Doubles16 share = add(2, gap, 1.4210854715202004e-14); // 2^-46
+                const Doubles16 share = add(2, gap, kShare);
                 doubt =
                     settle16(out, sum, {_mm512_mul_pd(size.low, share.low), _mm512_mul_pd(size.high, share.high)}, 0);
                 const __m512d most = _mm512_set1_pd(kLargest);
                 doubt |= _mm512_cmp_pd_mask(size.low, most, _CMP_NLE_UQ) |
                          unsigned(_mm512_cmp_pd_mask(size.high, most, _CMP_NLE_UQ)) << 8;
             } else {
-                doubt = settle16(out, sum, add(131072, gap, 2e-9), kHalfUp);
+                doubt = settle16(out, sum, add(131072, gap, kErrorOf16), kHalfUp);
             }
         }
         if (__builtin_expect(doubt != 0, 0)) redo<Cubic>(src, at, doubt, out);
     }
     using Real16 = typename Real16Of<Real>::Type;
+
+    // A chunk of a line; false, and nothing done, where roundings of weights are open.
+    static bool interpolate16(const SampleSource<T>& src, const Aligned& run, int x, const Real* line,
+                              const float* size, T* out) {
+        const auto placed = place16<Floats16>(run.x + x, src.high[0], kSnap);
+        const Real16 fraction = Real16::of(placed.fraction.v);
+        const __m512i at = _mm512_sub_epi32(placed.base, _mm512_set1_epi32(1 + run.first));
+        unsigned doubt;
+        if constexpr (sizeof(T) == 1) {
+            Float16 w[4], tap[4];
+            weightPolynomials<mode, float>(Float16(fraction.v), w);
+            lineTaps(line, at, tap);
+            __m512 sum = __m512(tap[0] * w[0]);
+            for (int t = 1; t < 4; ++t) sum = _mm512_fmadd_ps(__m512(tap[t]), __m512(w[t]), sum);
+            doubt = settle16(out, {sum}, all16(kErrorOfLine8), float(kHalfUp));
+        } else {
+            alignas(64) double w[4][kChunk];
+            if (weigh8(fraction.low, w, 0) | weigh8(fraction.high, w, 8)) return false;
+            const Doubles16 sum = {sumLine8(line, _mm512_castsi512_si256(at), w, 0),
+                                   sumLine8(line, _mm512_extracti64x4_epi64(at, 1), w, 8)};
+            if constexpr (sizeof(T) == 4) {
+                Float16 tap[4];
+                lineTaps(size, at, tap);
+                const __m512 most = _mm512_max_ps(_mm512_max_ps(__m512(tap[0]), __m512(tap[1])),
+                                                  _mm512_max_ps(__m512(tap[2]), __m512(tap[3])));
+                const __m512d share = _mm512_set1_pd(kShare);
+                doubt = settle16(out, sum,
+                                 {_mm512_mul_pd(firstHalf(most), share), _mm512_mul_pd(secondHalf(most), share)}, 0);
+                doubt |= _mm512_cmp_ps_mask(most, _mm512_set1_ps(kLargest), _CMP_NLE_UQ);
+            } else {
+                doubt = settle16(out, sum, all16(kErrorOf16), kHalfUp);
+            }
+        }
+        if (__builtin_expect(doubt != 0, 0)) {
+            int each[kChunk];
+            for (int i = 0; i < kChunk; ++i) each[i] = int(doubt >> i & 1);
+            redoAligned<Cubic>(src, run, x, each, out);
+        }
+        return true;
+    }
 
     static unsigned weigh8(__m512d f, double (*w)[kChunk], int at) {
         // As weighAxis has it; but weights of whole positions are known.
@@ -370,6 +413,16 @@ template <class T, int mode> struct Cubic {
     // 10^8 fractions of each mode); 2.7e-4 for roundings of sums of up to 498, 2^-24 of their value each; 5e-5 for the
     // ends of the interval.
     static constexpr float kErrorOf8 = 8e-4f;
+    // Of lines likewise, with 17 roundings before those along x and the weights of one axis alone.
+    static constexpr float kErrorOfLine8 = 1e-3f;
+    // As bound() has it.
+    static constexpr double kErrorOf16 = 2e-9;
+    static constexpr double kShare = 1.4210854715202004e-14; // 2^-46, of the largest tap
+    static constexpr int kRest = kWindow;
+#endif
+
+#if !defined(ZENR_LEVEL_avx512)
+    static constexpr int kRest = 0;
 #endif
 
     // What settled() needs to know. The sizes of four weights sum to 1.25 at most, so the terms of the sum to twice the
