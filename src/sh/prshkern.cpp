@@ -390,51 +390,64 @@ private:
     Floats odd_; // of m = 0 and odd l, until the next one is there
 };
 
-// Adds the contributions of kLanes samples a channel to `places` sums. Each coefficient's additions happen in the order
+// The sums of so many values, in whole tiles and whole groups of four slots.
+template <int kTile> constexpr int placesOf(int values) {
+    constexpr int kStep = kTile < 8 ? 8 : kTile;
+    return (values / 2 * 2 + kStep - 1) / kStep * kStep;
+}
+
+// Adds the contributions of kLanes samples a channel to a tile of sums. Each coefficient's additions happen in the order
 // of the samples; a sample of zero contributes +0 even where a basis value is not finite.
-template <int C, bool kZeros, int kTile>
-ZENR_SH_INLINE void accumulate(const float* slots, int places, const float (&v)[C][kLanes], float (*sums)[kRowStride]) {
-    using Tile = typename TileOf<kTile>::Vector;
-    for (int k = 0; k < places; k += kTile) {
-        Tile sum[C];
-        for (int c = 0; c < C; ++c) load(sums[c] + k, sum[c]);
-        for (int i = 0; i < kLanes; i += 4) {
-            Tile y[4];
-            for (int j = 0; j < 4; ++j) load(slots + k * kLanes + (i + j) * kTile, y[j]);
-            transposeFour(y);
-            for (int j = 0; j < 4; ++j) {
-                for (int c = 0; c < C; ++c) {
-                    if (kZeros && v[c][i + j] == 0.f)
-                        sum[c] = sum[c] + 0.f;
-                    else
-                        sum[c] = sum[c] + y[j] * v[c][i + j];
-                }
+template <bool kZeros, int C, class Vector>
+ZENR_SH_INLINE void accumulateTile(const float* slots, const float (&v)[C][kLanes], Vector (&sum)[C]) {
+    constexpr int kTile = int(sizeof(Vector) / sizeof(float));
+    for (int i = 0; i < kLanes; i += 4) {
+        Vector y[4];
+        for (int j = 0; j < 4; ++j) load(slots + (i + j) * kTile, y[j]);
+        transposeFour(y);
+        for (int j = 0; j < 4; ++j) {
+            for (int c = 0; c < C; ++c) {
+                if (kZeros && v[c][i + j] == 0.f)
+                    sum[c] = sum[c] + 0.f;
+                else
+                    sum[c] = sum[c] + y[j] * v[c][i + j];
             }
         }
-        for (int c = 0; c < C; ++c) store(sums[c] + k, sum[c]);
+    }
+}
+
+template <int C, bool kZeros, int kTile>
+ZENR_SH_INLINE void accumulate(const float* slots, int places, const float (&v)[C][kLanes], float* sums) {
+    for (int k = 0; k < places; k += kTile) {
+        typename TileOf<kTile>::Vector sum[C];
+        for (int c = 0; c < C; ++c) load(sums + c * places + k, sum[c]);
+        accumulateTile<kZeros>(slots + k * kLanes, v, sum);
+        for (int c = 0; c < C; ++c) store(sums + c * places + k, sum[c]);
     }
 }
 
 template <int C, class Set>
 void forwardChannels(const Set& set, const ShDirections& d, const ShSamples& samples, float* const coeffs[3]) {
-    Scratch s;
+    alignas(64) float slots[kShMaxValues * (kLanes + C)];
     const int L = set.order();
     const int n = set.values();
     int i = 0;
     if (d.count >= kLanes) {
-        alignas(64) float sums[C][kRowStride];
-        // Whole tiles: the places beyond the slots are zeros that nothing reads.
-        constexpr int kStep = Set::kTile < 8 ? 8 : Set::kTile;
-        const int places = ((L % 2 ? n : n - 1) + kStep - 1) / kStep * kStep;
+        const int places = placesOf<Set::kTile>(n);
+        // Right behind the slots that are in use, so that both are not at the same place within their pages.
+        float* const sums = slots + places * kLanes;
         float constant[C];
+        // The places beyond the slots are zeros that nothing reads.
+        for (int k = places - (places < 16 ? places : 16); k < places; ++k)
+            for (int j = 0; j < kLanes; ++j) slots[k * kLanes + j] = 0.f;
         for (int c = 0; c < C; ++c) {
-            for (int k = L ? places - kStep : 0; k < places; ++k) sums[c][k] = 0.f;
-            eachPlace(L, [&](int k, int place) { sums[c][place] = coeffs[c][k]; });
+            float* const sum = sums + c * places;
+            for (int k = 0; k < places; ++k) sum[k] = 0.f;
+            eachPlace(L, [&](int k, int place) { sum[place] = coeffs[c][k]; });
             constant[c] = coeffs[c][0];
         }
-        for (int k = L ? (places - kStep) * kLanes : 0; k < places * kLanes; ++k) s.rows[k] = 0.f;
         for (; d.count - i >= kLanes; i += kLanes) {
-            SlotsOut<Set::kTile> out(s.rows);
+            SlotsOut<Set::kTile> out(slots);
             set.evaluate(loadFloats(d.x + i), loadFloats(d.y + i), loadFloats(d.z + i), out);
             out.finish(L);
             float v[C][kLanes];
@@ -448,26 +461,27 @@ void forwardChannels(const Set& set, const ShDirections& d, const ShSamples& sam
                 zeros |= zeroLanes(loadFloats(v[c])) != 0;
             }
             if (zeros)
-                accumulate<C, true, Set::kTile>(s.rows, places, v, sums);
+                accumulate<C, true, Set::kTile>(slots, places, v, sums);
             else
-                accumulate<C, false, Set::kTile>(s.rows, places, v, sums);
+                accumulate<C, false, Set::kTile>(slots, places, v, sums);
             if (L % 2) continue;
             for (int c = 0; c < C; ++c) {
                 alignas(32) float product[kLanes];
-                storeFloats(product, loadFloats(v[c]) * out.constant());
-                for (int j = 0; j < kLanes; ++j) constant[c] += zeros && v[c][j] == 0.f ? 0.f : product[j];
+                const Floats sample = loadFloats(v[c]);
+                storeFloats(product, whereNotZero(sample, sample * out.constant()));
+                for (int j = 0; j < kLanes; ++j) constant[c] += product[j];
             }
         }
         for (int c = 0; c < C; ++c) {
             coeffs[c][0] = constant[c];
-            eachPlace(L, [&](int k, int place) { coeffs[c][k] = sums[c][place]; });
+            eachPlace(L, [&](int k, int place) { coeffs[c][k] = sums[c * places + place]; });
         }
     }
     for (; i < d.count; ++i) {
-        single(set, d.x[i], d.y[i], d.z[i], s.rows);
+        single(set, d.x[i], d.y[i], d.z[i], slots);
         for (int c = 0; c < C; ++c) {
             const float v = samples.channel[c][ptrdiff_t(i) * samples.step];
-            for (int k = 0; k < n; ++k) coeffs[c][k] += v == 0.f ? 0.f : s.rows[k] * v;
+            for (int k = 0; k < n; ++k) coeffs[c][k] += v == 0.f ? 0.f : slots[k] * v;
         }
     }
 }

@@ -70,6 +70,10 @@ ZENR_SH_INLINE Floats toFloats(Doubles v) {
 ZENR_SH_INLINE unsigned zeroLanes(Floats v) {
     return unsigned(_mm_movemask_ps(_mm_cmpeq_ps(v, _mm_setzero_ps())));
 }
+// x, but +0 in the lanes where v is zero.
+ZENR_SH_INLINE Floats whereNotZero(Floats v, Floats x) {
+    return _mm_and_ps(x, _mm_cmpneq_ps(v, _mm_setzero_ps()));
+}
 // One bit per lane whose bits are equal.
 ZENR_SH_INLINE unsigned sameBits(Floats a, Floats b) {
     return unsigned(_mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(_mm_castps_si128(a), _mm_castps_si128(b)))));
@@ -92,6 +96,9 @@ ZENR_SH_INLINE void storeFloats(float* p, Floats v) {
 }
 ZENR_SH_INLINE unsigned zeroLanes(Floats v) {
     return unsigned(_mm256_movemask_ps(_mm256_cmp_ps(v, _mm256_setzero_ps(), _CMP_EQ_OQ)));
+}
+ZENR_SH_INLINE Floats whereNotZero(Floats v, Floats x) {
+    return _mm256_and_ps(x, _mm256_cmp_ps(v, _mm256_setzero_ps(), _CMP_NEQ_UQ));
 }
 ZENR_SH_INLINE unsigned sameBits(Floats a, Floats b) {
     return unsigned(
