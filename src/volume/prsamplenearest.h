@@ -19,6 +19,9 @@ template <class T> struct Nearest {
         });
     }
 
+    // The compiler would put small voxels together by shifts, which takes longer than to store them one by one.
+    static void put(T* to, T voxel) { *static_cast<volatile T*>(to) = voxel; }
+
 #if defined(ZENR_LEVEL_avx512)
     // Whole numbers as doubles: offsets are exact in them, and cost one conversion.
     static void column(const SampleSource<T>& src, const Column& at, T* out) {
@@ -33,14 +36,14 @@ template <class T> struct Nearest {
             _mm512_store_si512(offset, both(all(0), all(1)));
             stageDone();
             const T* const origin = src.planes[src.low[2]];
-            for (int x = 0; x < kChunk; ++x) out[x] = origin[offset[x]];
+            for (int x = 0; x < kChunk; ++x) put(out + x, origin[offset[x]]);
             return;
         }
         alignas(64) int plane[kChunk];
         _mm512_store_si512(plane, both(_mm512_cvttpd_epi32(whole(at.s[2][0])), _mm512_cvttpd_epi32(whole(at.s[2][1]))));
         _mm512_store_si512(offset, both(_mm512_cvttpd_epi32(flat(0)), _mm512_cvttpd_epi32(flat(1))));
         stageDone();
-        for (int x = 0; x < kChunk; ++x) out[x] = src.planes[plane[x]][offset[x]];
+        for (int x = 0; x < kChunk; ++x) put(out + x, src.planes[plane[x]][offset[x]]);
     }
     static __m512d whole(__m512d s) {
         return _mm512_roundscale_pd(_mm512_add_pd(s, _mm512_set1_pd(kHalfUp)), _MM_FROUND_TO_ZERO);
@@ -59,7 +62,7 @@ template <class T> struct Nearest {
             offset[x] = int(s[1][x] + kHalfUp) * step + int(s[0][x] + kHalfUp);
         }
         stageDone();
-        for (int x = 0; x < kChunk; ++x) out[x] = src.planes[plane[x]][offset[x]];
+        for (int x = 0; x < kChunk; ++x) put(out + x, src.planes[plane[x]][offset[x]]);
     }
 #endif
 };
