@@ -54,6 +54,16 @@ template <class T> SampleSource<T> sampleSource(const T* const* planes, int step
     return src;
 }
 
+// About how far the voxels at positions lie apart that differ by `way`, in a regular source; 0 where it does not matter.
+template <class T> ptrdiff_t voxelsAhead(const SampleSource<T>& src, const double way[3]) {
+    constexpr double kFar = 64; // what lies so far apart shares no voxels anyway
+    const ptrdiff_t steps[3] = {1, src.step, src.planeStep};
+    ptrdiff_t ahead = 0;
+    for (int k = 0; k < 3; ++k)
+        if (src.regular && way[k] > -kFar && way[k] < kFar) ahead += steps[k] * int(way[k] + (way[k] < 0 ? -0.5 : 0.5));
+    return ahead;
+}
+
 constexpr bool boxOutside(ZenrVolume volume, ZenrBox box) {
     return box.x >= volume.width || box.y >= volume.height || box.z >= volume.depth;
 }
@@ -79,6 +89,7 @@ template <class T> struct WarpTile {
     static constexpr int kMost = kTileRows * kTileSlices;
     static_assert(kMost % kSideBySide == 0);
     int rows;
+    ptrdiff_t ahead; // about how far the next slice's voxels lie ahead in a regular source; 0 for others
     T* row[kMost];
     alignas(64) double position[3][kMost];
 };

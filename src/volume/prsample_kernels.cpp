@@ -60,12 +60,12 @@ void warpRowsAlong(const SampleSource<T>& src, WarpTile<T>* tile, int x, int cou
 // Up to kChunk columns of rows side by side.
 template <class T, class Policy>
 void warpBlock(const SampleSource<T>& src, T* const* row, int rows, int x, int columns, Column* at,
-               const double advance[3]) {
+               const double advance[3], ptrdiff_t ahead) {
     alignas(64) T block[kChunk][kChunk];
     switch (whereabouts(src, *at, advance, columns, 0)) {
     case Whereabouts::inside:
         for (int c = 0; c < columns; ++c) {
-            Policy::column(src, *at, block[c]);
+            Policy::column(src, *at, {ahead, c}, block[c]);
             move(at, advance);
         }
         if (columns == kChunk && rows == kChunk) return turned(block, row, x);
@@ -76,7 +76,7 @@ void warpBlock(const SampleSource<T>& src, T* const* row, int rows, int x, int c
         for (int c = 0; c < columns; ++c) {
             Column in = *at;
             const unsigned out = putInside(src, &in);
-            if (out != kAll) Policy::column(src, in, block[c]);
+            if (out != kAll) Policy::column(src, in, {ahead, c}, block[c]);
             for (int r = 0; r < rows; ++r)
                 if (!(out >> r & 1)) row[r][x + c] = block[c][r];
             move(at, advance);
@@ -108,8 +108,8 @@ void warpRows(const SampleSource<T>& src, WarpTile<T>* tile, int x, int count, c
         Column at;
         __builtin_memcpy(&at, s, sizeof at);
         for (int c = 0; c < count; c += kChunk)
-            warpBlock<T, Policy>(src, tile->row + r, rows, x + c, count - c < kChunk ? count - c : kChunk, &at,
-                                 advance);
+            warpBlock<T, Policy>(src, tile->row + r, rows, x + c, count - c < kChunk ? count - c : kChunk, &at, advance,
+                                 tile->ahead);
         __builtin_memcpy(s, &at, sizeof s);
         for (int k = 0; k < 3; ++k)
             for (int i = 0; i < rows; ++i) tile->position[k][r + i] = s[k][i];
@@ -142,7 +142,7 @@ void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const 
         const unsigned out = putInside(src, &at);
         if (out == kAll) continue;
         T voxels[kChunk];
-        Policy::column(src, at, out ? voxels : dst + x);
+        Policy::column(src, at, {0, 0}, out ? voxels : dst + x);
         for (int i = 0; out && i < kChunk; ++i)
             if (!(out >> i & 1)) dst[x + i] = voxels[i];
     }

@@ -85,6 +85,67 @@ template <class T> inline unsigned putInside(const SampleSource<T>& src, Column*
     return bitsOf(out);
 }
 
+#if defined(ZENR_LEVEL_avx512)
+// Whole numbers as doubles: offsets are exact in them, and cost one conversion.
+inline __m512d whole(__m512d s, double add) {
+    return _mm512_roundscale_pd(_mm512_add_pd(s, _mm512_set1_pd(add)), _MM_FROUND_TO_ZERO);
+}
+template <class T> inline __m512d planeOffset(const SampleSource<T>& src, const Column& at, double add, int part) {
+    return _mm512_fmadd_pd(whole(at.s[1][part], add), _mm512_set1_pd(double(src.step)), whole(at.s[0][part], add));
+}
+#endif
+
+// Voxels of a regular source at positions that are inside, truncated after an addition: offsets from its first plane.
+template <class T> inline void regularOffsets(const SampleSource<T>& src, const Column& at, double add, int* offset) {
+#if defined(ZENR_LEVEL_avx512)
+    const __m512d planeStep = _mm512_set1_pd(src.planeStep), low = _mm512_set1_pd(src.low[2]);
+    const auto half = [&](int part) {
+        return _mm512_cvttpd_epi32(
+            _mm512_fmadd_pd(_mm512_sub_pd(whole(at.s[2][part], add), low), planeStep, planeOffset(src, at, add, part)));
+    };
+    _mm512_store_si512(offset, both(half(0), half(1)));
+#else
+    alignas(64) double s[3][kChunk];
+    __builtin_memcpy(s, &at, sizeof s);
+    const int step = int(src.step), planeStep = src.planeStep, low = src.low[2];
+    for (int x = 0; x < kChunk; ++x)
+        offset[x] = (int(s[2][x] + add) - low) * planeStep + int(s[1][x] + add) * step + int(s[0][x] + add);
+#endif
+    stageDone();
+}
+// And of any: planes, and offsets from where they start.
+template <class T>
+inline void planeOffsets(const SampleSource<T>& src, const Column& at, double add, int* plane, int* offset) {
+#if defined(ZENR_LEVEL_avx512)
+    const auto planes = [&](int part) { return _mm512_cvttpd_epi32(whole(at.s[2][part], add)); };
+    const auto flat = [&](int part) { return _mm512_cvttpd_epi32(planeOffset(src, at, add, part)); };
+    _mm512_store_si512(plane, both(planes(0), planes(1)));
+    _mm512_store_si512(offset, both(flat(0), flat(1)));
+#else
+    alignas(64) double s[3][kChunk];
+    __builtin_memcpy(s, &at, sizeof s);
+    const int step = int(src.step);
+    for (int x = 0; x < kChunk; ++x) {
+        plane[x] = int(s[2][x] + add);
+        offset[x] = int(s[1][x] + add) * step + int(s[0][x] + add);
+    }
+#endif
+    stageDone();
+}
+
+// Asks for voxels that will be needed when this slice is done: of every fourth position, as a line serves several
+// columns, and which of them changes from column to column.
+struct Ahead {
+    ptrdiff_t by; // 0: for none
+    int column;
+};
+constexpr int kAskEvery = 4;
+template <class T> inline void ask(const T* origin, const int* offset, Ahead ahead) {
+    if (!ahead.by) return;
+    const T* const at = origin + ahead.by;
+    for (int x = ahead.column % kAskEvery; x < kChunk; x += kAskEvery) __builtin_prefetch(at + offset[x]);
+}
+
 } // namespace
 } // namespace ZENR_LEVEL
 } // namespace zenr

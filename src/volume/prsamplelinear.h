@@ -80,7 +80,7 @@ template <class T> struct Linear {
         });
     }
 
-    static void column(const SampleSource<T>& src, const Column& column, T* out) {
+    static void column(const SampleSource<T>& src, const Column& column, [[maybe_unused]] Ahead ahead, T* out) {
         alignas(64) double s[3][kChunk];
         __builtin_memcpy(s, &column, sizeof s);
         const Positions at = {{s[0], s[1], s[2]}};
@@ -88,7 +88,7 @@ template <class T> struct Linear {
         for (int k = 0; k < 3; ++k)
             if (src.low[k] == src.high[k]) return redo<Linear>(src, at, kAll, out);
 #if defined(ZENR_LEVEL_avx512)
-        column16(src, column, at, out);
+        column16(src, column, at, ahead, out);
 #else
         chunk(src, at, out);
 #endif
@@ -137,7 +137,7 @@ template <class T> struct Linear {
         if (__builtin_expect(any != 0, 0)) redo<Linear>(src, at, maskOf(doubt), out);
     }
 #else
-    static void column16(const SampleSource<T>& src, const Column& column, const Positions& at, T* out) {
+    static void column16(const SampleSource<T>& src, const Column& column, const Positions& at, Ahead ahead, T* out) {
         using Real16 = typename Real16Of<Real>::Type;
         const auto x = place16<Real16>(column.s[0][0], column.s[0][1], src.high[0], kSnap),
                    y = place16<Real16>(column.s[1][0], column.s[1][1], src.high[1], kSnap),
@@ -171,6 +171,7 @@ template <class T> struct Linear {
                                _mm512_add_epi32(flat, _mm512_mullo_epi32(slice, _mm512_set1_epi32(src.planeStep))));
             stageDone();
             const T* const origin = src.planes[src.low[2]];
+            ask(origin, offset, ahead);
             const T* const row[4] = {origin, origin + src.step, origin + src.planeStep,
                                      origin + src.planeStep + src.step};
             blendAll([&](int r, int k) { return row[r] + offset[k]; });

@@ -72,6 +72,8 @@ template <class T> void warpTile(WarpRows<T>* kernel, const WarpTask<T>& task, i
     const double advance[3] = {task.inverse[0], task.inverse[4], task.inverse[8]};
     WarpTile<T> tile;
     tile.rows = 0;
+    const double slice[3] = {task.inverse[2], task.inverse[6], task.inverse[10]};
+    tile.ahead = voxelsAhead(task.src, slice);
     for (int k = z; k < z + slices; ++k)
         for (int j = y; j < y + rows; ++j, ++tile.rows) {
             tile.row[tile.rows] = task.dst[k] + ptrdiff_t(j) * task.dstStep + task.box.x;
