@@ -133,6 +133,14 @@ inline void planeOffsets(const SampleSource<T>& src, const Column& at, double ad
     stageDone();
 }
 
+// Voxels by the definition: those of a mask.
+template <class Policy, class T>
+__attribute__((noinline)) void redoColumn(const SampleSource<T>& src, Column at, unsigned mask, T* out) {
+    alignas(64) double s[3][kChunk];
+    __builtin_memcpy(s, &at, sizeof s);
+    redo<Policy>(src, {{s[0], s[1], s[2]}}, mask, out);
+}
+
 // Asks for voxels that will be needed when this slice is done: of every fourth position, as a line serves several
 // columns, and which of them changes from column to column.
 struct Ahead {

@@ -80,17 +80,17 @@ template <class T> struct Linear {
         });
     }
 
-    static void column(const SampleSource<T>& src, const Column& column, [[maybe_unused]] Ahead ahead, T* out) {
-        alignas(64) double s[3][kChunk];
-        __builtin_memcpy(s, &column, sizeof s);
-        const Positions at = {{s[0], s[1], s[2]}};
+    static void column(const SampleSource<T>& src, const Column& at, [[maybe_unused]] Ahead ahead, T* out) {
         // Along an axis of one voxel base and base + 1 would be two.
-        for (int k = 0; k < 3; ++k)
-            if (src.low[k] == src.high[k]) return redo<Linear>(src, at, kAll, out);
+        bool thin = false;
+        for (int k = 0; k < 3; ++k) thin |= src.low[k] == src.high[k];
+        if (__builtin_expect(thin, 0)) return redoColumn<Linear>(src, at, kAll, out);
 #if defined(ZENR_LEVEL_avx512)
-        column16(src, column, at, ahead, out);
+        column16(src, at, ahead, out);
 #else
-        chunk(src, at, out);
+        alignas(64) double s[3][kChunk];
+        __builtin_memcpy(s, &at, sizeof s);
+        chunk(src, {{s[0], s[1], s[2]}}, out);
 #endif
     }
 
@@ -137,11 +137,12 @@ template <class T> struct Linear {
         if (__builtin_expect(any != 0, 0)) redo<Linear>(src, at, maskOf(doubt), out);
     }
 #else
-    static void column16(const SampleSource<T>& src, const Column& column, const Positions& at, Ahead ahead, T* out) {
+    __attribute__((always_inline)) static void column16(const SampleSource<T>& src, const Column& at, Ahead ahead,
+                                                        T* out) {
         using Real16 = typename Real16Of<Real>::Type;
-        const auto x = place16<Real16>(column.s[0][0], column.s[0][1], src.high[0], kSnap),
-                   y = place16<Real16>(column.s[1][0], column.s[1][1], src.high[1], kSnap),
-                   z = place16<Real16>(column.s[2][0], column.s[2][1], src.high[2], kSnap);
+        const auto x = place16<Real16>(at.s[0][0], at.s[0][1], src.high[0], kSnap),
+                   y = place16<Real16>(at.s[1][0], at.s[1][1], src.high[1], kSnap),
+                   z = place16<Real16>(at.s[2][0], at.s[2][1], src.high[2], kSnap);
         const __m512i flat = _mm512_add_epi32(_mm512_mullo_epi32(y.base, _mm512_set1_epi32(int(src.step))), x.base);
         alignas(64) int offset[kChunk];
         unsigned doubt;
@@ -183,7 +184,7 @@ template <class T> struct Linear {
             blendAll(
                 [&](int r, int k) { return src.planes[plane[k] + (r >> 1)] + offset[k] + (r & 1 ? src.step : 0); });
         }
-        if (__builtin_expect(doubt != 0, 0)) redo<Linear>(src, at, doubt, out);
+        if (__builtin_expect(doubt != 0, 0)) redoColumn<Linear>(src, at, doubt, out);
     }
 #endif
 };

@@ -72,14 +72,15 @@ template <class Real> struct Placed16 {
     __m512i base;
     Real fraction;
 };
-inline __m256i place8(__m512d at, int high, double snap, __m512d* fraction) {
+__attribute__((always_inline)) inline __m256i place8(__m512d at, int high, double snap, __m512d* fraction) {
     const __m512d snapped = _mm512_add_pd(at, _mm512_set1_pd(snap));
     const __mmask8 last = _mm512_cmp_pd_mask(snapped, _mm512_set1_pd(high), _CMP_GE_OQ);
     const __m256i i = _mm512_cvttpd_epi32(snapped);
     *fraction = _mm512_mask_mov_pd(_mm512_sub_pd(at, _mm512_cvtepi32_pd(i)), last, _mm512_set1_pd(1));
     return _mm256_mask_mov_epi32(i, last, _mm256_set1_epi32(high - 1));
 }
-template <class Real> inline Placed16<Real> place16(__m512d low, __m512d up, int high, double snap) {
+template <class Real>
+__attribute__((always_inline)) inline Placed16<Real> place16(__m512d low, __m512d up, int high, double snap) {
     __m512d f[2];
     const __m256i a = place8(low, high, snap, &f[0]), b = place8(up, high, snap, &f[1]);
     return {both(a, b), Real::of(f[0], f[1])};
@@ -117,7 +118,7 @@ template <class Tap> inline __m128i words8(const Tap& tap, int x) {
     v = _mm_insert_epi16(v, pairAt(tap(x + 6)), 6);
     return _mm_insert_epi16(v, pairAt(tap(x + 7)), 7);
 }
-template <class Tap> inline IntPairs16 pairs16(const uint8_t*, const Tap& tap) {
+template <class Tap> __attribute__((always_inline)) inline IntPairs16 pairs16(const uint8_t*, const Tap& tap) {
     const __m512i v = _mm512_cvtepu16_epi32(_mm256_set_m128i(words8(tap, 8), words8(tap, 0)));
     return {_mm512_and_si512(v, _mm512_set1_epi32(0xFF)), _mm512_srli_epi32(v, 8)};
 }
@@ -127,7 +128,7 @@ template <class Tap> inline __m128i dwords4(const Tap& tap, int x) {
     v = _mm_insert_epi32(v, pairAt(tap(x + 2)), 2);
     return _mm_insert_epi32(v, pairAt(tap(x + 3)), 3);
 }
-template <class Tap> inline IntPairs16 pairs16(const uint16_t*, const Tap& tap) {
+template <class Tap> __attribute__((always_inline)) inline IntPairs16 pairs16(const uint16_t*, const Tap& tap) {
     const __m512i v =
         both(_mm256_set_m128i(dwords4(tap, 4), dwords4(tap, 0)), _mm256_set_m128i(dwords4(tap, 12), dwords4(tap, 8)));
     return {_mm512_and_si512(v, _mm512_set1_epi32(0xFFFF)), _mm512_srli_epi32(v, 16)};
@@ -140,7 +141,7 @@ template <class Tap> inline __m512 eightPairs(const Tap& tap, int x) {
     return both(_mm256_set_m128(twoPairs(tap, x + 2), twoPairs(tap, x)),
                 _mm256_set_m128(twoPairs(tap, x + 6), twoPairs(tap, x + 4)));
 }
-template <class Tap> inline FloatPairs16 pairs16(const float*, const Tap& tap) {
+template <class Tap> __attribute__((always_inline)) inline FloatPairs16 pairs16(const float*, const Tap& tap) {
     const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
     const __m512i odd = _mm512_add_epi32(even, _mm512_set1_epi32(1));
     const __m512 low = eightPairs(tap, 0), high = eightPairs(tap, 8);
