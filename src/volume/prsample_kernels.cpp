@@ -116,6 +116,30 @@ void warpRows(const SampleSource<T>& src, WarpTile<T>* tile, int x, int count, c
     }
 }
 
+// A chunk of a remap's row. Returns the bits of voxels that are outside, or not there; the others are at `voxels`, and if
+// there are no such ones, at dst.
+template <class T, class Policy>
+inline unsigned remapChunk(const SampleSource<T>& src, const float* const map[3], int x, int n, bool asFloats, T* dst,
+                           T* voxels) {
+    if constexpr (Policy::kFloats)
+        if (asFloats) return Policy::floats(src, map, x, kAll >> (kChunk - n), dst, voxels);
+    alignas(64) double s[3][kChunk];
+    for (int k = 0; k < 3; ++k) {
+        float padded[kChunk];
+        const float* from = map[k] + x;
+        if (n < kChunk) {
+            for (int i = 0; i < kChunk; ++i) padded[i] = i < n ? from[i] : __builtin_nanf("");
+            from = padded;
+        }
+        for (int i = 0; i < kChunk; ++i) s[k][i] = from[i];
+    }
+    Column at;
+    __builtin_memcpy(&at, s, sizeof at);
+    const unsigned out = putInside(src, &at);
+    if (out != kAll) Policy::column(src, at, {0, 0}, out ? voxels : dst);
+    return out;
+}
+
 template <class T, class Policy>
 void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const map[3]) {
     if (!src.narrow) {
@@ -125,25 +149,14 @@ void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const 
         }
         return;
     }
+    bool asFloats = src.regular;
+    if constexpr (Policy::kFloats)
+        for (int high : src.high) asFloats &= high < Policy::kBelow;
     for (int x = 0; x < count; x += kChunk) {
         const int n = count - x < kChunk ? count - x : kChunk;
-        alignas(64) double s[3][kChunk];
-        for (int k = 0; k < 3; ++k) {
-            float padded[kChunk];
-            const float* from = map[k] + x;
-            if (n < kChunk) {
-                for (int i = 0; i < kChunk; ++i) padded[i] = i < n ? from[i] : __builtin_nanf("");
-                from = padded;
-            }
-            for (int i = 0; i < kChunk; ++i) s[k][i] = from[i];
-        }
-        Column at;
-        __builtin_memcpy(&at, s, sizeof at);
-        const unsigned out = putInside(src, &at);
-        if (out == kAll) continue;
-        T voxels[kChunk];
-        Policy::column(src, at, {0, 0}, out ? voxels : dst + x);
-        for (int i = 0; out && i < kChunk; ++i)
+        alignas(64) T voxels[kChunk];
+        const unsigned out = remapChunk<T, Policy>(src, map, x, n, asFloats, dst + x, voxels);
+        for (int i = 0; out && i < n; ++i)
             if (!(out >> i & 1)) dst[x + i] = voxels[i];
     }
 }

@@ -232,6 +232,7 @@ template <class T, int mode> struct Cubic {
         return (v[0] + v[2]) + (v[1] + v[3]);
     }
 
+    static constexpr bool kFloats = false;
     static void column(const SampleSource<T>& src, const Column& at, Ahead, T* out) {
         alignas(64) double s[3][kChunk];
         __builtin_memcpy(s, &at, sizeof s);

@@ -80,6 +80,7 @@ template <class T> struct Linear {
         });
     }
 
+    static constexpr bool kFloats = false;
     static void column(const SampleSource<T>& src, const Column& at, [[maybe_unused]] Ahead ahead, T* out) {
         // Along an axis of one voxel base and base + 1 would be two.
         bool thin = false;
