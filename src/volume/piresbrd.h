@@ -10,8 +10,8 @@ constexpr int kBorderColumns = 16;
 // Columns [begin, end) of one row, through the interior's kernel: the voxels that their taps span are laid side by side
 // first, the row's end voxels standing for what lies beyond. Columns inside come out as they would by themselves.
 template <class P>
-void borderColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, const RowBound& bound,
-                   typename P::Inter* dst, int begin, int end) {
+void borderColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, const RowBound& bound, Care care,
+                   typename P::RowInter* dst, int begin, int end) {
     const AxisMap& axis = block.axis[0];
     constexpr int kMost = 128;
     typename P::Voxel voxels[kMost];
@@ -21,11 +21,18 @@ void borderColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, co
         // In a strong reduction every column stands alone: nothing but its taps is needed between its first and last.
         while (n > 1 && (long long)block.index[x + n - 1] + P::kFirstTap + P::kTaps - first > kMost) n = 1;
         const int count = block.index[x + n - 1] + P::kFirstTap + P::kTaps - first;
-        for (int i = 0; i < count; ++i) voxels[i] = src[axis.clamped(first + i)];
-        const typename P::Voxel* const row = voxels - first;
-        typename P::Inter* const out = dst + x;
-        P::row(*block.kernels, &row, &out, 1, block.index + x, block.weights + ptrdiff_t(x) * P::kWeightsPerColumn,
-               block.guarded + x, &bound, n);
+        // Those before the row, those of it, those after it.
+        const int before = first < 0 ? (-first < count ? -first : count) : 0;
+        const int rest = axis.size - first < count ? axis.size - first : count;
+        int i = 0;
+        for (; i < before; ++i) voxels[i] = src[0];
+        for (; i < rest; ++i) voxels[i] = src[first + i];
+        for (; i < count; ++i) voxels[i] = src[axis.size - 1];
+        RowBound mine = bound;
+        mine.begin -= x;
+        mine.end -= x;
+        P::row(*block.kernels, voxels - first, dst + x, block.index + x, block.weights + x, block.weightStep,
+               block.guarded + x, mine, care, n);
         x += n;
     }
 }

@@ -45,14 +45,18 @@ template <class Real> static inline Real ownpi_Cubic3Kernel(Real d) {
 // The four weights of each of n fractions, in the order of the taps (source positions i - 1 .. i + 2): 4 * n floats.
 void ownpi_CubicWeights(int mode, const float* fractions, int n, float* weights);
 
-// The passes. Row: the taps of destination column x lie at src[index[x] - 1] and on, its weights at weights[4 * x] and
-// on. guarded[x] is 0 where sums of voxels that are close to each other are exact in double, otherwise all ones.
-// Sums run in extended precision, and each pass rounds once. `bound` is RowBound's `most` for the rows.
+// The passes. Row: the taps of destination column x lie at src[index[x] - 1] and on, its weights at weights[x], and
+// weightStep further on for each next tap. guarded[x] is 0 where sums of voxels that are close to each other are exact
+// in double, otherwise all ones. Sums run in extended precision, and each pass rounds once to float; rows are kept in
+// doubles nevertheless, because the pass along y reads them several times. `bound` holds for the rows that a pass reads.
 template <class T>
-using RowCubic = void(const T* const* rows, float* const* dst, int rowCount, const int* index, const double* weights,
-                      const int* guarded, const RowBound* bounds, int n);
-using ColCubic = void(const float* const rows[4], const float* weights, float bound, float* dst, int n);
+using RowCubic = void(const T* row, double* dst, const int* index, const double* weights, int weightStep,
+                      const int* guarded, const RowBound& bound, Care care, int n);
+using ColCubic = void(const double* const rows[4], const float* weights, const RowBound& bound, Care care, float* dst,
+                      int n);
 template <class T> using DepCubic = void(const float* const planes[4], const float* weights, T* dst, int n);
+using DepCubicFloat = void(const float* const planes[4], const float* weights, const RowBound& bound, Care care,
+                           float* dst, int n);
 
 struct CubicKernels {
     RowBound (*boundOf)(const float* v, int n);
@@ -62,20 +66,46 @@ struct CubicKernels {
     ColCubic* col;
     DepCubic<uint8_t>* dep8;
     DepCubic<uint16_t>* dep16;
-    ColCubic* dep32; // the same sum, stored as it is
+    DepCubicFloat* dep32;
 };
+
+// 8-bit voxels by sums in float, which differ from the defined chain by less than 2^-11 before the last rounding:
+//
+//   With weights of at most 1 whose sizes add up to at most 1.26, sums of the three passes stay below 512, where half
+//   a last place is 2^-16. A pass has at most seven roundings: four of products below 512 (255 in the first pass, so
+//   that those four count half) and three of sums. The chain itself rounds once after each of the first two passes.
+//   Differences after the passes, in 2^-16: 5 + 1; 1.26 * 6 + 7 + 1 < 16; 1.26 * 16 + 7 < 28. Adding 1/2 with 13 fraction
+//   bits kept rounds by 4 more, at most: 32 * 2^-16.
+//
+// A voxel whose sum + 1/2 lies within 2^-11 of an integer is in doubt, and done again by the chain.
+struct QuickCubicKernels {
+    // As above, weights and rows in float.
+    void (*row)(const uint8_t* row, float* dst, const int* index, const float* weights, int weightStep, int n);
+    void (*col)(const float* const rows[4], const float* weights, float* dst, int n);
+    // Sets bit x % 64 of doubts[x / 64] for voxels in doubt; n is at most 64 * 16.
+    void (*dep)(const float* const planes[4], const float* weights, uint8_t* dst, uint64_t* doubts, int n);
+    // One voxel by the chain, out of 64: voxels[i][4 * j + k] is tap i along x, j along y and k along z.
+    uint8_t (*voxel)(const uint8_t (*voxels)[16], const float* wx, const float* wy, const float* wz);
+};
+constexpr float kMostWeights = 1.26f; // the sizes of four
 
 namespace sse2 {
 extern const CubicKernels kCubic;
-}
+extern const QuickCubicKernels kQuickCubic;
+} // namespace sse2
 namespace avx2 {
 extern const CubicKernels kCubic;
-}
+extern const QuickCubicKernels kQuickCubic;
+} // namespace avx2
 namespace avx512 {
 extern const CubicKernels kCubic;
-}
+extern const QuickCubicKernels kQuickCubic;
+} // namespace avx512
 inline const CubicKernels& cubicKernels(Level level) {
     return pick(level, sse2::kCubic, avx2::kCubic, avx512::kCubic);
+}
+inline const QuickCubicKernels& quickCubicKernels(Level level) {
+    return pick(level, sse2::kQuickCubic, avx2::kQuickCubic, avx512::kQuickCubic);
 }
 
 } // namespace zenr

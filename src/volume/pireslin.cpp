@@ -3,6 +3,7 @@
 
 #include "volume/presguard.h"
 #include "volume/presvec.h"
+#include "volume/preswindow.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
@@ -38,51 +39,52 @@ void rowFixed(const T* src, const int* index, const uint16_t* weights, uint16_t*
 struct RowLines {
     const float* s;
     const int* index;
-    const float* f;
-    const int* guarded;
+    const double* f;
     Sum sum(int x) const { return linearSum(s[index[x]], s[index[x] + 1], f[x]); }
     long double exact(int x) const {
         const long double s0 = s[index[x]];
         return s0 + (s[index[x] + 1] - s0) * f[x];
     }
-#if defined(__AVX2__)
-    // The taps of columns x and x + 1.
-    ZENR_INLINE __m128 taps(int x) const {
-        const __m128 low = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(s + index[x])));
-        return _mm_loadh_pi(low, reinterpret_cast<const __m64*>(s + index[x + 1]));
-    }
-    ZENR_INLINE __m256d firsts(int x) const {
-        return _mm256_cvtps_pd(_mm_shuffle_ps(taps(x), taps(x + 2), 0x88));
-    }
-    ZENR_INLINE __m256d seconds(int x) const {
-        return _mm256_cvtps_pd(_mm_shuffle_ps(taps(x), taps(x + 2), 0xDD));
-    }
-    ZENR_INLINE __m256d four(int x) const {
-        const __m256d s0 = firsts(x);
-        return multiplyAdd(_mm256_sub_pd(seconds(x), s0), _mm256_cvtps_pd(_mm_loadu_ps(f + x)), s0);
-    }
-    ZENR_INLINE Eight eight(int x) const {
-        return {four(x), four(x + 4)};
-    }
-    ZENR_INLINE Eight size(int x) const {
-        return plus(absolute(Eight{firsts(x), firsts(x + 4)}), absolute(Eight{seconds(x), seconds(x + 4)}));
-    }
-    ZENR_INLINE __m256 needed(int x) const {
-        return _mm256_castsi256_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x)));
-    }
-    bool zero16(int x) const {
-        return zeroRun(s + index[x], index[x + 15] + 2 - index[x]);
-    }
-#endif
 };
 
-void rowFloat(const float* src, const int* index, const float* weights, const int* guarded, const RowBound& bound,
-              float* dst, int n) {
-    const RowLines lines = {src, index, weights, guarded};
 #if defined(__AVX2__)
-    if (n >= 16) return roundTaps(lines, bound, dst, 0, n);
+struct WindowLines : RowLines {
+    static constexpr bool kInterpolates = true;
+    const int* guarded;
+    Window window;
+    WindowLines(const RowLines& lines, const int* g, const Window& w) : RowLines(lines), guarded(g), window(w) {}
+    ZENR_INLINE Eight eight(int x) const {
+        Taps t[2];
+        two8(window, x, t);
+        return halves(multiplyAdd(minus(t[1], t[0]), f + x, t[0]));
+    }
+    ZENR_INLINE Eight line8(int x) const { return eight(x); }
+    ZENR_INLINE __m256 finish(__m256 r, int) const { return r; }
+    ZENR_INLINE Eight size(int x) const {
+        Taps t[2];
+        two8(window, x, t);
+        return plus(absolute(halves(t[0])), absolute(halves(t[1])));
+    }
+    ZENR_INLINE __m256i guarded8(int x) const {
+        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x));
+    }
+    bool zero16(int x) const { return ZENR_LEVEL::zero16(window, x, 2); }
+};
 #endif
-    (void)bound;
+
+void rowFloat(const float* src, const int* index, const double* weights, const int* guarded, const RowBound& bound,
+              Care care, double* dst, int n) {
+    const RowLines lines = {src, index, weights};
+#if defined(__AVX2__)
+    if (n >= 16)
+        return throughWindows<2, double>(
+            src, index, n,
+            [&](const Window& window, int begin, int end) {
+                roundTaps(WindowLines(lines, guarded, window), bound, care, dst, begin, end);
+            },
+            [&](int begin, int count) { roundRun(lines, dst, begin, count); });
+#endif
+    (void)guarded, (void)bound, (void)care;
     roundRow(lines, dst, n);
 }
 
@@ -100,9 +102,12 @@ void blendFixed(const uint16_t* __restrict r0, const uint16_t* __restrict r1, ui
 }
 
 // r1*f + r0*(1 - f). The products are exact where 1 - f is a float; otherwise it and r0's product err by 2^-53 each.
-struct Blends {
+// Where the operands are finite, r0 + (r1 - r0)*f is the same number, and takes fewer roundings; only, two zeros below 0
+// add up to one below 0, which has to be seen to if the rows are `mixed`.
+template <bool mixed> struct Blends {
+    static constexpr bool kInterpolates = true;
     static constexpr int kRows = 2;
-    const float* rows[2];
+    const double* rows[2];
     double f, rest;
     double restError; // 0 where 1 - f is a float
     Sum sum(int x) const {
@@ -125,15 +130,30 @@ struct Blends {
     ZENR_INLINE Eight eight(int x) const {
         return multiplyAdd(widen8(rows[1] + x), _mm256_set1_pd(f), times(widen8(rows[0] + x), _mm256_set1_pd(rest)));
     }
+    ZENR_INLINE Eight line8(int x) const {
+        const Eight s0 = widen8(rows[0] + x);
+        return multiplyAdd(minus(widen8(rows[1] + x), s0), _mm256_set1_pd(f), s0);
+    }
+    ZENR_INLINE __m256 finish(__m256 r, int x) const {
+        if constexpr (!mixed) return r;
+        const __m256 both = _mm256_and_ps(floats8(rows[0] + x), floats8(rows[1] + x));
+        return _mm256_or_ps(r, _mm256_and_ps(both, _mm256_set1_ps(-0.f)));
+    }
 #endif
 };
 
-void blendFloat(const float* r0, const float* r1, float w, float bound, float* dst, int n) {
+template <bool mixed>
+void blendFloatAs(const double* r0, const double* r1, float w, const RowBound& bound, Care care, float* dst, int n) {
     const long double rest = 1 - static_cast<long double>(w);
-    roundRows(Blends{{r0, r1}, w, double(rest), rest == float(rest) ? 0. : 1.}, bound, isShort(w), dst, n);
+    roundRows(Blends<mixed>{{r0, r1}, w, double(rest), rest == float(rest) ? 0. : 1.}, bound, care, isShort(w), dst, n);
+}
+
+void blendFloat(const double* r0, const double* r1, float w, const RowBound& bound, Care care, float* dst, int n) {
+    (bound.mixed ? blendFloatAs<true> : blendFloatAs<false>)(r0, r1, w, bound, care, dst, n);
 }
 
 struct Lines {
+    static constexpr bool kInterpolates = true;
     static constexpr int kRows = 2;
     const float* rows[2];
     double f;
@@ -153,11 +173,17 @@ struct Lines {
         const Eight s0 = widen8(rows[0] + x);
         return multiplyAdd(minus(widen8(rows[1] + x), s0), _mm256_set1_pd(f), s0);
     }
+    ZENR_INLINE Eight line8(int x) const {
+        return eight(x);
+    }
+    ZENR_INLINE __m256 finish(__m256 r, int) const {
+        return r;
+    }
 #endif
 };
 
-void depthFloat(const float* p0, const float* p1, float w, float bound, float* dst, int n) {
-    roundRows(Lines{{p0, p1}, w}, bound, isShort(w), dst, n);
+void depthFloat(const float* p0, const float* p1, float w, const RowBound& bound, Care care, float* dst, int n) {
+    roundRows(Lines{{p0, p1}, w}, bound, care, isShort(w), dst, n);
 }
 
 } // namespace

@@ -24,11 +24,15 @@ constexpr uint16_t weightQ14(float fraction) {
 
 template <class T> struct LinearTypes {
     using Weight = uint16_t;
+    using RowWeight = uint16_t;
     using Inter = uint16_t;
+    using RowInter = uint16_t;
 };
 template <> struct LinearTypes<float> {
     using Weight = float;
+    using RowWeight = double;
     using Inter = float;
+    using RowInter = double;
 };
 
 template <class T> struct LinearKernels {
@@ -39,14 +43,16 @@ template <class T> struct LinearKernels {
     void (*dep)(const Inter* p0, const Inter* p1, Weight w, T* dst, int n);
 };
 
-// guarded[x] is 0 where sums of voxels that are close to each other are exact in double, otherwise all ones. `bound` is
-// RowBound's `most`.
+// Rows of 32f, once resampled along x, are doubles already rounded to float: the passes that read them again need no
+// conversion. Row weights are floats in doubles, too. guarded[x] is 0 where sums of voxels that are close to each other
+// are exact in double, otherwise all ones. `bound` holds for the rows that a pass reads; without `mixed` in it, and
+// with a Care other than `full`, no element is negative.
 template <> struct LinearKernels<float> {
     RowBound (*boundOf)(const float* v, int n);
-    void (*row)(const float* src, const int* index, const float* weights, const int* guarded, const RowBound& bound,
-                float* dst, int n);
-    void (*col)(const float* r0, const float* r1, float w, float bound, float* dst, int n);
-    void (*dep)(const float* p0, const float* p1, float w, float bound, float* dst, int n);
+    void (*row)(const float* src, const int* index, const double* weights, const int* guarded, const RowBound& bound,
+                Care care, double* dst, int n);
+    void (*col)(const double* r0, const double* r1, float w, const RowBound& bound, Care care, float* dst, int n);
+    void (*dep)(const float* p0, const float* p1, float w, const RowBound& bound, Care care, float* dst, int n);
 };
 
 struct AllLinearKernels {

@@ -1,19 +1,84 @@
-// What is known of the sizes of a row's elements; it decides how much of a row's sums has to be checked.
+// What is known of the elements of a row; it decides how much of the sums of them has to be checked.
 #pragma once
 
 namespace zenr {
 
-// No finite element exceeds `most` in size, and no other but 0 falls below `least`. A `most` of 0 also says that sums are
-// exact in double, whatever the elements.
+// No finite element exceeds `most` in size. A `most` of 0 also says that sums are exact in double, whatever the elements.
+//
+// `least` is 0 if nothing more is known. Otherwise all elements are finite, and multiples of one power of two that is
+// not below 2^-24 * least; without `mixed` none is negative, and none but zeros falls below `least`.
+//
+// Elements outside [begin, end) are 0, of either sign: sums of nothing but those are exact. The background of a scan
+// makes up much of a volume.
 struct RowBound {
     float most;
     float least;
+    bool mixed;
+    int begin, end;
 };
 
-// Elements so close to each other (and zeros) that sums with short weights are exact in double: in units of 2^-10 of the
-// least element's last place, they stay below 2^53.
+static inline RowBound together(const RowBound& a, const RowBound& b) {
+    return {a.most > b.most ? a.most : b.most, a.least < b.least ? a.least : b.least, a.mixed || b.mixed,
+            a.begin < b.begin ? a.begin : b.begin, a.end > b.end ? a.end : b.end};
+}
+
+// How far a pass may move bounds: factors of `most`, and of `least` with and without negative elements.
+struct Growth {
+    float most;
+    float positive;
+    float mixed;
+};
+static inline RowBound grown(const RowBound& b, const Growth& g) {
+    return {b.most * g.most, b.least * (b.mixed ? g.mixed : g.positive), b.mixed, b.begin, b.end};
+}
+static inline Growth together(const Growth& a, const Growth& b) {
+    return {a.most > b.most ? a.most : b.most, a.positive < b.positive ? a.positive : b.positive,
+            a.mixed < b.mixed ? a.mixed : b.mixed};
+}
+
+// Bits that are 0 for zeros alone.
+static inline unsigned sizeBits(float v) {
+    return __builtin_bit_cast(unsigned, v) << 1;
+}
+static inline unsigned sizeBits(unsigned char v) {
+    return v;
+}
+static inline unsigned sizeBits(unsigned short v) {
+    return v;
+}
+
+// The first element that is not 0, or n.
+template <class T> static inline int zerosBefore(const T* v, int n) {
+    int x = 0;
+    for (; n - x >= 64; x += 64) {
+        unsigned any = 0;
+        for (int i = 0; i < 64; ++i) any |= sizeBits(v[x + i]);
+        if (any) break;
+    }
+    while (x < n && v[x] == 0) ++x;
+    return x;
+}
+// One behind the last, or `begin`.
+template <class T> static inline int zerosAfter(const T* v, int begin, int n) {
+    int x = n;
+    for (; x - begin >= 64; x -= 64) {
+        unsigned any = 0;
+        for (int i = 0; i < 64; ++i) any |= sizeBits(v[x - 64 + i]);
+        if (any) break;
+    }
+    while (x > begin && v[x - 1] == 0) --x;
+    return x;
+}
+
+// Elements so close to each other (and zeros) that sums with short weights are exact in double: in units of 2^-10 of
+// the least element's last place, they stay below 2^53.
 static inline bool isClose(const RowBound& bound) {
     return bound.most <= bound.least * 0x1p17f;
+}
+
+// Neither an element nor a multiple of its unit is anywhere near the smallest normal float.
+static inline bool isNormal(const RowBound& bound) {
+    return bound.least >= 0x1p-100f;
 }
 
 // Weights that are multiples of 2^-10 make sums that often lie half-way between two floats.
@@ -21,5 +86,12 @@ static inline bool isShort(double w) {
     const double scaled = w * 1024;
     return scaled == double(int(scaled));
 }
+
+// What a pass has to check of its sums.
+enum class Care {
+    none,    // they are exact in double
+    halfway, // whether a half-way point between two floats is near; see presguard.h
+    full,
+};
 
 } // namespace zenr

@@ -41,9 +41,17 @@ struct Sum {
     double residue;
 };
 
+// Rows that later passes read again are kept as doubles, already rounded to float.
+static inline void putRun(float* dst, const float* run, int n) {
+    __builtin_memcpy(dst, run, unsigned(n) * sizeof(float));
+}
+static inline void putRun(double* dst, const float* run, int n) {
+    for (int i = 0; i < n; ++i) dst[i] = run[i];
+}
+
 // Elements [0, n) of a row or plane: op.sum(x) in double, op.exact(x) in extended precision.
-template <class Op>
-static inline __attribute__((always_inline)) void roundRun(const Op& op, float* dst, int begin, int n) {
+template <class Op, class Element>
+static inline __attribute__((always_inline)) void roundRun(const Op& op, Element* dst, int begin, int n) {
     constexpr int kMost = 32;
     float out[kMost];
     int doubt = 0;
@@ -63,9 +71,10 @@ static inline __attribute__((always_inline)) void roundRun(const Op& op, float* 
         if (doubt)
             for (int i = 0; i < n; ++i) out[i] = float(op.exact(begin + i));
     }
-    __builtin_memcpy(dst + begin, out, unsigned(n) * sizeof(float));
+    putRun(dst + begin, out, n);
 }
-template <class Op> static inline __attribute__((always_inline)) void roundRow(const Op& op, float* dst, int n) {
+template <class Op, class Element>
+static inline __attribute__((always_inline)) void roundRow(const Op& op, Element* dst, int n) {
     constexpr int kRun = 32;
     int begin = 0;
     for (; n - begin >= kRun; begin += kRun) roundRun(op, dst, begin, kRun);

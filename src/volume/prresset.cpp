@@ -32,7 +32,9 @@ constexpr size_t roundUp(size_t n, size_t multiple) {
 }
 
 template <class P> const typename P::Kernels& kernelsOf(Level level) {
-    if constexpr (P::kTaps == 4)
+    if constexpr (P::kDoubts)
+        return quickCubicKernels(level);
+    else if constexpr (P::kTaps == 4)
         return cubicKernels(level);
     else if constexpr (sizeof(typename P::Voxel) == 1)
         return linearKernels(level).u8;
@@ -69,13 +71,14 @@ template <class P> size_t layOut(Arena arena, int width, int height, ResizeBlock
     block->height = height;
     block->stride = int(stride);
     block->index = arena.take<int>(size_t(width));
-    block->weights = arena.take<typename P::Weight>(P::kWeightsPerColumn * size_t(width));
+    block->weightStep = int(roundUp(size_t(width), 16));
+    block->weights = arena.take<typename P::Weight>(P::kWeightsPerColumn * size_t(block->weightStep));
     block->guarded = arena.take<int>(sizeof(typename P::Inter) == 4 ? size_t(width) : 0);
     block->rowBase = arena.take<int>(size_t(height));
     block->rowWeights = arena.take<typename P::Weights>(size_t(height));
-    block->rowRing = arena.take<typename P::Inter>(P::kTaps * stride);
+    block->rowRing = arena.take<typename P::RowInter>(P::kTaps * stride);
     block->planeRing = arena.take<typename P::Inter>(P::kTaps * stride * size_t(height));
-    block->planeBounds = arena.take<float>(P::kTaps * size_t(height));
+    block->planeBounds = arena.take<RowBound>(P::kTaps * size_t(height));
     return arena.used();
 }
 
@@ -84,17 +87,57 @@ template <class P> size_t scratchBytes(int width, int height) {
     return layOut<P>(Arena(nullptr), width, height, &block);
 }
 
+// Moves begin and end of a bound from the source columns that are read to the block's columns: to those that have a tap
+// in between. Taps beyond the row are its end voxels.
+template <class P> void moveRange(const ResizeBlock<P>& block, RowBound* bound) {
+    const auto firstFrom = [&](int base) {
+        int low = 0, high = block.width; // the first column whose base index is not below `base`
+        while (low < high) {
+            const int middle = (low + high) / 2;
+            if (block.index[middle] < base)
+                low = middle + 1;
+            else
+                high = middle;
+        }
+        return low;
+    };
+    if (bound->begin >= bound->end) {
+        bound->begin = block.width;
+        bound->end = 0;
+        return;
+    }
+    const int last = block.firstColumn + block.usedColumns;
+    const int begin = block.firstColumn + bound->begin, end = block.firstColumn + bound->end;
+    bound->begin = bound->begin == 0 ? 0 : firstFrom(begin - P::kFirstTap - P::kTaps + 1);
+    bound->end = end == last ? block.width : firstFrom(end - P::kFirstTap);
+}
+
+// A source row, resampled along x; the bounds of the result.
+template <class P>
+RowBound resampleRow(const ResizeBlock<P>& block, const typename P::Voxel* src, typename P::RowInter* dst) {
+    const int interior = block.columns.interior;
+    const int trailing = block.columns.trailing;
+    RowBound bound = P::sourceBound(*block.kernels, src + block.firstColumn, block.usedColumns);
+    moveRange(block, &bound);
+    const Care care = block.exactColumns && isClose(bound) ? Care::none : P::rowCare(bound, block.columnGrowth);
+    RowBound inner = bound;
+    inner.begin -= interior;
+    inner.end -= interior;
+    if (trailing > interior)
+        P::row(*block.kernels, src, dst + interior, block.index + interior, block.weights + interior, block.weightStep,
+               block.guarded + interior, inner, care, trailing - interior);
+    borderColumns<P>(block, src, bound, care, dst, 0, interior);
+    borderColumns<P>(block, src, bound, care, dst, trailing, block.width);
+    return grown(bound, block.columnGrowth);
+}
+
 } // namespace
 
 template <class P, bool border>
 void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, int p, int begin, int end,
                RowTags<P>* tags) {
-    using Voxel = typename P::Voxel;
-    using Inter = typename P::Inter;
-    const int interior = block.columns.interior;
-    const int trailing = block.columns.trailing;
-    Inter* const plane = block.ringPlane(p);
-    float* const bounds = block.ringBounds(p);
+    typename P::Inter* const plane = block.ringPlane(p);
+    RowBound* const bounds = block.ringBounds(p);
     for (int y = begin; y < end; ++y) {
         int taps[P::kTaps];
         if (border)
@@ -103,42 +146,20 @@ void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, 
             for (int k = 0; k < P::kTaps; ++k) taps[k] = block.rowBase[y] + P::kFirstTap + k;
 
         // Rows that the last destination row left in the ring stay; the others are resampled along x.
-        const Voxel* missing[P::kTaps];
-        Inter* target[P::kTaps];
-        Inter* targetInterior[P::kTaps];
-        RowBound missingBound[P::kTaps];
-        int count = 0;
+        const typename P::RowInter* rows[P::kTaps];
+        RowBound bound{};
         for (int k = 0; k < P::kTaps; ++k) {
             const int slot = taps[k] & (P::kTaps - 1);
-            if (tags->row[slot] == taps[k]) continue;
-            tags->row[slot] = taps[k];
-            missing[count] = src.row(taps[k]);
-            target[count] = block.ringRow(taps[k]);
-            targetInterior[count] = target[count] + interior;
-            const RowBound bound =
-                P::sourceBound(*block.kernels, missing[count] + block.firstColumn, block.usedColumns);
-            missingBound[count] = block.exactColumns && isClose(bound) ? RowBound{0, 0} : bound;
-            tags->bound[slot] = P::kGrowth * bound.most;
-            ++count;
-        }
-        if (trailing > interior)
-            P::row(*block.kernels, missing, targetInterior, count, block.index + interior,
-                   block.weights + ptrdiff_t(interior) * P::kWeightsPerColumn, block.guarded + interior, missingBound,
-                   trailing - interior);
-        for (int i = 0; i < count; ++i) {
-            borderColumns<P>(block, missing[i], missingBound[i], target[i], 0, interior);
-            borderColumns<P>(block, missing[i], missingBound[i], target[i], trailing, block.width);
-        }
-
-        const Inter* rows[P::kTaps];
-        float bound = 0;
-        for (int k = 0; k < P::kTaps; ++k) {
+            if (tags->row[slot] != taps[k]) {
+                tags->row[slot] = taps[k];
+                tags->bound[slot] = resampleRow(block, src.row(taps[k]), block.ringRow(taps[k]));
+            }
             rows[k] = block.ringRow(taps[k]);
-            const float mine = tags->bound[taps[k] & (P::kTaps - 1)];
-            bound = mine > bound ? mine : bound;
+            bound = k == 0 ? tags->bound[slot] : together(bound, tags->bound[slot]);
         }
-        P::column(*block.kernels, rows, block.rowWeights[y], bound, plane + ptrdiff_t(y) * block.stride, block.width);
-        bounds[y] = P::kGrowth * bound;
+        const typename P::Weights& weights = block.rowWeights[y];
+        P::column(*block.kernels, rows, weights, bound, plane + ptrdiff_t(y) * block.stride, block.width);
+        bounds[y] = grown(bound, P::growth(weights));
     }
 }
 
@@ -157,7 +178,7 @@ template <class P> struct Routines {
     decltype(&planeRows<P, true>) borderRows;
     decltype(&depthBorder<P>) borderSlice;
 };
-template <class P> constexpr Routines<P> kRoutines{};
+template <class P> constexpr Routines<P> kRoutines = {&planeRows<P, false>, &planeRows<P, true>, &depthBorder<P>};
 template <>
 constexpr Routines<Linear<uint8_t>> kRoutines<Linear<uint8_t>> = {ownrResize8plL, ownpr_CalcBorder8plL,
                                                                   ownpr_DepBorder8plL};
@@ -189,11 +210,13 @@ template <class P> Runs divide(const int* base, int count, int size) {
 
 template <class P> void tabulateColumns(const P& policy, ResizeBlock<P>* block, int first) {
     block->exactColumns = true;
+    block->columnGrowth = {1, 1, 1};
     for (int x = 0; x < block->width; ++x) {
         const AxisMap::Sample s = block->axis[0].sample(first + x);
         block->index[x] = s.base;
         const typename P::Weights weights = policy.weights(s.fraction);
-        P::store(weights, block->weights + ptrdiff_t(x) * P::kWeightsPerColumn);
+        P::store(weights, block->weights + x, block->weightStep);
+        block->columnGrowth = together(block->columnGrowth, P::growth(weights));
         if constexpr (sizeof(typename P::Inter) == 4) {
             const bool exact = P::exactColumn(weights);
             block->guarded[x] = exact ? 0 : -1;
@@ -231,10 +254,11 @@ template <class P> void resamplePlane(const ResizeBlock<P>& block, Slice<const t
     kRoutines<P>.borderRows(block, src, p, block.rows.trailing, block.height, &tags);
 }
 
-// Destination slices [first, first + count) of a block of columns and rows.
+// Destination slices [first, first + count) of a block of columns and rows; how many of them were done. A policy that
+// leaves doubts gives up once more than a 32nd of a slice had to be done again.
 template <class P, class Source, class Destination>
-void resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& src, const Destination& dst, int firstX,
-                  int firstY, int first, int count) {
+int resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& src, const Destination& dst, int firstX,
+                 int firstY, int first, int count) {
     int tag[P::kTaps];
     for (int k = 0; k < P::kTaps; ++k) tag[k] = -1;
     const AxisMap& axis = block.axis[2];
@@ -242,29 +266,50 @@ void resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& sr
         const int z = first + i;
         const AxisMap::Sample s = axis.sample(z);
         const bool inside = tapsInside<P>(s.base, axis.size);
-        int taps[P::kTaps];
+        DepthTaps<P> taps;
+        taps.weights = policy.weights(s.fraction);
         if (inside)
-            for (int k = 0; k < P::kTaps; ++k) taps[k] = s.base + P::kFirstTap + k;
+            for (int k = 0; k < P::kTaps; ++k) taps.plane[k] = s.base + P::kFirstTap + k;
         else
-            P::borderTaps(axis, s.base, taps);
+            P::borderTaps(axis, s.base, taps.plane);
         for (int k = 0; k < P::kTaps; ++k) {
-            const int slot = taps[k] & (P::kTaps - 1);
-            if (tag[slot] != taps[k]) resamplePlane(block, src.slice(taps[k]), taps[k]);
-            tag[slot] = taps[k];
+            const int plane = taps.plane[k];
+            const int slot = plane & (P::kTaps - 1);
+            taps.src[k] = src.slice(plane);
+            if (tag[slot] != plane) resamplePlane(block, taps.src[k], plane);
+            tag[slot] = plane;
         }
         Slice<typename P::Voxel> out = dst.slice(z);
         out.base = out.row(firstY) + firstX;
-        const typename P::Weights weights = policy.weights(s.fraction);
-        if (inside)
-            depthRows(block, taps, weights, out);
-        else
-            kRoutines<P>.borderSlice(block, s.base, weights, out);
+        const int again = inside ? depthRows(block, taps, out) : kRoutines<P>.borderSlice(block, s.base, taps, out);
+        if (P::kDoubts && again > block.width * block.height / 32) return i + 1;
     }
+    return count;
 }
 
-// Blocks: rows of at most this many columns, and as many rows as keep the ring of planes in L2.
-constexpr int kMostColumns = 1024;
+// Blocks have as many rows as keep the ring of planes in L2.
 constexpr size_t kRingBytes = 256 << 10;
+
+// Columns and rows of a block, within the destination range.
+struct BlockArea {
+    int x, y, columns, rows;
+};
+
+// Slices of a share for one block; how many were done.
+template <class P, class Source, class Destination>
+int resizeBlock(const P& policy, Level level, const Source& src, ZenrVolume srcVolume, const Destination& dst,
+                const ResizeGeometry& g, const BlockArea& area, int firstSlice, int sliceCount,
+                unsigned char* scratch) {
+    ResizeBlock<P> block;
+    block.kernels = &kernelsOf<P>(level);
+    block.axis[0] = {g.inverse[0], g.offset[0], srcVolume.width};
+    block.axis[1] = {g.inverse[1], g.offset[1], srcVolume.height};
+    block.axis[2] = {g.inverse[2], g.offset[2], srcVolume.depth};
+    layOut<P>(Arena(scratch), area.columns, area.rows, &block);
+    tabulateColumns(policy, &block, g.first[0] + area.x);
+    tabulateRows(policy, &block, g.first[1] + area.y);
+    return resizeSlices(policy, block, src, dst, g.first[0] + area.x, g.first[1] + area.y, firstSlice, sliceCount);
+}
 
 // A thread's share of slices, within its share of the work memory.
 template <class P, class Source, class Destination>
@@ -279,15 +324,14 @@ void resizeShare(const P& policy, Level level, const Source& src, ZenrVolume src
 
     for (int x = 0; x < g.count[0]; x += least(columns, g.count[0] - x)) {
         for (int y = 0; y < g.count[1]; y += least(rows, g.count[1] - y)) {
-            ResizeBlock<P> block;
-            block.kernels = &kernelsOf<P>(level);
-            block.axis[0] = {g.inverse[0], g.offset[0], srcVolume.width};
-            block.axis[1] = {g.inverse[1], g.offset[1], srcVolume.height};
-            block.axis[2] = {g.inverse[2], g.offset[2], srcVolume.depth};
-            layOut<P>(Arena(scratch), least(columns, g.count[0] - x), least(rows, g.count[1] - y), &block);
-            tabulateColumns(policy, &block, g.first[0] + x);
-            tabulateRows(policy, &block, g.first[1] + y);
-            resizeSlices(policy, block, src, dst, g.first[0] + x, g.first[1] + y, firstSlice, sliceCount);
+            const BlockArea area = {x, y, least(columns, g.count[0] - x), least(rows, g.count[1] - y)};
+            int done = 0;
+            // The scratch memory of floats is smaller.
+            if constexpr (P::kTaps == 4 && sizeof(typename P::Voxel) == 1)
+                done = resizeBlock(QuickCubic{{policy.mode}}, level, src, srcVolume, dst, g, area, firstSlice,
+                                   sliceCount, scratch);
+            if (done < sliceCount)
+                resizeBlock(policy, level, src, srcVolume, dst, g, area, firstSlice + done, sliceCount - done, scratch);
         }
     }
 }

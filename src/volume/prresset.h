@@ -59,28 +59,33 @@ struct AxisMap {
     int clamped(int tap) const { return tap < 0 ? 0 : tap > size - 1 ? size - 1 : tap; }
 };
 
+// Blocks are no wider than this.
+constexpr int kMostColumns = 1024;
+
 template <class P> struct ResizeBlock;
 
 // Interpolation policies. A policy knows its number of taps, how a base index becomes taps, and how its passes are
 // called; the worker knows everything else.
 template <class T> struct Linear {
     using Voxel = T;
-    using Inter = typename LinearTypes<T>::Inter;
-    using Weight = typename LinearTypes<T>::Weight; // of a row's column, as stored
-    using Weights = Weight;                         // of a destination row or slice
+    using Inter = typename LinearTypes<T>::Inter;       // of planes resampled along x and y
+    using RowInter = typename LinearTypes<T>::RowInter; // of rows resampled along x
+    using Weight = typename LinearTypes<T>::RowWeight;  // of a row's column, as stored
+    using Weights = typename LinearTypes<T>::Weight;    // of a destination row or slice
     using Kernels = LinearKernels<T>;
     static constexpr int kTaps = 2;
     static constexpr int kFirstTap = 0; // relative to the base index
     static constexpr int kWeightsPerColumn = 1;
+    static constexpr bool kDoubts = false; // whether the depth pass leaves voxels to be done again
     int mode;
 
     Weights weights(float f) const {
-        if constexpr (sizeof(Weight) == 2)
+        if constexpr (sizeof(T) < 4)
             return weightQ14(f);
         else
             return f;
     }
-    static void store(const Weights& w, Weight* column) { *column = w; }
+    static void store(const Weights& w, Weight* column, int) { *column = w; }
 
     // The border rule: before the volume both taps are its first voxel, after it both its last.
     static void borderTaps(const AxisMap& axis, int base, int* taps) {
@@ -88,35 +93,48 @@ template <class T> struct Linear {
         taps[1] = base < 0 ? 0 : axis.clamped(base + 1);
     }
 
-    // Fixed point needs no bounds. No pass makes an element larger than its operands.
-    static constexpr float kGrowth = 1;
+    // Fixed point needs no bounds. No pass makes an element larger than its operands, nor smaller than its share of the
+    // least; sums are multiples of the last place of f, which also is that of 1 - f. Weights next to 0 and 1 do not
+    // keep the latter, and the half-way test does not serve them.
+    static Growth growth(const Weights& w) {
+        if (sizeof(T) < 4 || w == 0) return {1, 1, 1};
+        const float rest = 1 - float(w);
+        const float share = float(w) < rest ? float(w) : rest;
+        if (!(share >= 0x1p-10f)) return {1, 0, 0};
+        return {1, share * 0.99f, isShort(w) ? 0x1p-10f : float(w) * 0x1p-24f};
+    }
+    static Care columnCare(const RowBound& b, const Weights& w) {
+        if (sizeof(T) < 4) return Care::none;
+        if (isShort(w)) return isClose(b) ? Care::none : Care::full;
+        return rowCare(b, growth(w));
+    }
+    static Care rowCare(const RowBound& b, const Growth& g) {
+        return isNormal(grown(b, g)) ? Care::halfway : Care::full;
+    }
     static bool exactColumn(const Weights& w) { return isShort(w); }
     static RowBound sourceBound(const Kernels& k, const T* src, int n) {
         if constexpr (sizeof(T) == 4)
             return k.boundOf(src, n);
         else
-            return {0, 0};
+            return {0, 0, false, 0, n};
     }
-    static void row(const Kernels& k, const T* const* src, Inter* const* dst, int rowCount, const int* index,
-                    const Weight* weights, const int* guarded, const RowBound* bounds, int n) {
-        (void)guarded;
-        (void)bounds;
-        for (int r = 0; r < rowCount; ++r) {
-            if constexpr (sizeof(T) == 4)
-                k.row(src[r], index, weights, guarded, bounds[r], dst[r], n);
-            else
-                k.row(src[r], index, weights, dst[r], n);
-        }
-    }
-    static void column(const Kernels& k, const Inter* const* r, const Weights& w, float bound, Inter* dst, int n) {
+    static void row(const Kernels& k, const T* src, RowInter* dst, const int* index, const Weight* weights, int,
+                    const int* guarded, const RowBound& bound, Care care, int n) {
         if constexpr (sizeof(T) == 4)
-            k.col(r[0], r[1], w, bound, dst, n);
+            k.row(src, index, weights, guarded, bound, care, dst, n);
+        else
+            k.row(src, index, weights, dst, n);
+    }
+    static void column(const Kernels& k, const RowInter* const* r, const Weights& w, const RowBound& bound, Inter* dst,
+                       int n) {
+        if constexpr (sizeof(T) == 4)
+            k.col(r[0], r[1], w, bound, columnCare(bound, w), dst, n);
         else
             k.col(r[0], r[1], w, dst, n);
     }
-    static void depth(const Kernels& k, const Inter* const* p, const Weights& w, float bound, T* dst, int n) {
+    static void depth(const Kernels& k, const Inter* const* p, const Weights& w, const RowBound& bound, T* dst, int n) {
         if constexpr (sizeof(T) == 4)
-            k.dep(p[0], p[1], w, bound, dst, n);
+            k.dep(p[0], p[1], w, bound, columnCare(bound, w), dst, n);
         else
             k.dep(p[0], p[1], w, dst, n);
     }
@@ -125,6 +143,7 @@ template <class T> struct Linear {
 template <class T> struct Cubic {
     using Voxel = T;
     using Inter = float;
+    using RowInter = double;
     using Weight = double; // a float, in the type that sums run in
     struct Weights {
         float tap[4];
@@ -133,6 +152,7 @@ template <class T> struct Cubic {
     static constexpr int kTaps = 4;
     static constexpr int kFirstTap = -1;
     static constexpr int kWeightsPerColumn = 4;
+    static constexpr bool kDoubts = false;
     int mode;
 
     Weights weights(float f) const {
@@ -140,8 +160,8 @@ template <class T> struct Cubic {
         ownpi_CubicWeights(mode, &f, 1, w.tap);
         return w;
     }
-    static void store(const Weights& w, Weight* column) {
-        for (int k = 0; k < 4; ++k) column[k] = w.tap[k];
+    static void store(const Weights& w, Weight* column, int step) {
+        for (int k = 0; k < 4; ++k) column[ptrdiff_t(k) * step] = w.tap[k];
     }
 
     // Each tap is clamped by itself, also in a volume of fewer than four voxels.
@@ -149,8 +169,14 @@ template <class T> struct Cubic {
         for (int k = 0; k < 4; ++k) taps[k] = axis.clamped(base - 1 + k);
     }
 
-    // The sizes of four weights add up to less than this.
-    static constexpr float kGrowth = 2;
+    // The sizes of four weights add up to less than 2; as some are negative, sums may be of any size below.
+    static Growth growth(const Weights&) { return {2, 0, 0}; }
+    static Care columnCare(const RowBound& b, const Weights& w) {
+        return isClose(b) && isShort(w.tap[0]) && isShort(w.tap[1]) && isShort(w.tap[2]) && isShort(w.tap[3])
+                   ? Care::none
+                   : Care::full;
+    }
+    static Care rowCare(const RowBound&, const Growth&) { return Care::full; }
     // Integer voxels: products of 8 or 16 bits with 24 bits of a weight, in sums of less than twice the largest voxel,
     // lose none of 53 bits unless a weight is tiny.
     static bool exactColumn(const Weights& w) {
@@ -164,28 +190,52 @@ template <class T> struct Cubic {
     static RowBound sourceBound(const Kernels& k, const T* src, int n) {
         if constexpr (sizeof(T) == 4)
             return k.boundOf(src, n);
-        else
-            return {float(T(~T(0))), 1};
+        else {
+            const int begin = zerosBefore(src, n);
+            return {float(T(~T(0))), 1, false, begin, zerosAfter(src, begin, n)};
+        }
     }
-    static void row(const Kernels& k, const T* const* src, float* const* dst, int rowCount, const int* index,
-                    const double* weights, const int* guarded, const RowBound* bounds, int n) {
+    static void row(const Kernels& k, const T* src, double* dst, const int* index, const double* weights,
+                    int weightStep, const int* guarded, const RowBound& bound, Care care, int n) {
         if constexpr (sizeof(T) == 1)
-            k.row8(src, dst, rowCount, index, weights, guarded, bounds, n);
+            k.row8(src, dst, index, weights, weightStep, guarded, bound, care, n);
         else if constexpr (sizeof(T) == 2)
-            k.row16(src, dst, rowCount, index, weights, guarded, bounds, n);
+            k.row16(src, dst, index, weights, weightStep, guarded, bound, care, n);
         else
-            k.row32(src, dst, rowCount, index, weights, guarded, bounds, n);
+            k.row32(src, dst, index, weights, weightStep, guarded, bound, care, n);
     }
-    static void column(const Kernels& k, const float* const* r, const Weights& w, float bound, float* dst, int n) {
-        k.col(r, w.tap, bound, dst, n);
+    static void column(const Kernels& k, const double* const* r, const Weights& w, const RowBound& bound, float* dst,
+                       int n) {
+        k.col(r, w.tap, bound, columnCare(bound, w), dst, n);
     }
-    static void depth(const Kernels& k, const float* const* p, const Weights& w, float bound, T* dst, int n) {
+    static void depth(const Kernels& k, const float* const* p, const Weights& w, const RowBound& bound, T* dst, int n) {
         if constexpr (sizeof(T) == 1)
             k.dep8(p, w.tap, dst, n);
         else if constexpr (sizeof(T) == 2)
             k.dep16(p, w.tap, dst, n);
         else
-            k.dep32(p, w.tap, bound, dst, n);
+            k.dep32(p, w.tap, bound, columnCare(bound, w), dst, n);
+    }
+};
+
+// 8-bit voxels by sums in float, as far as those are certain.
+struct QuickCubic : Cubic<uint8_t> {
+    using RowInter = float;
+    using Weight = float;
+    using Kernels = QuickCubicKernels;
+
+    static void store(const Weights& w, float* column, int step) {
+        for (int k = 0; k < 4; ++k) column[ptrdiff_t(k) * step] = w.tap[k];
+    }
+    static constexpr bool kDoubts = true;
+    static bool exactColumn(const Weights&) { return true; }
+    static RowBound sourceBound(const Kernels&, const uint8_t*, int n) { return {0, 0, false, 0, n}; }
+    static void row(const Kernels& k, const uint8_t* src, float* dst, const int* index, const float* weights,
+                    int weightStep, const int*, const RowBound&, Care, int n) {
+        k.row(src, dst, index, weights, weightStep, n);
+    }
+    static void column(const Kernels& k, const float* const* r, const Weights& w, const RowBound&, float* dst, int n) {
+        k.col(r, w.tap, dst, n);
     }
 };
 
@@ -204,28 +254,31 @@ template <class P> constexpr bool tapsInside(int base, int size) {
 // source row r (plane p) in slot r (p) modulo the number of taps, so that what the next row or slice needs is found.
 template <class P> struct ResizeBlock {
     using Inter = typename P::Inter;
+    using RowInter = typename P::RowInter;
 
     const typename P::Kernels* kernels;
     AxisMap axis[3];
     int width;  // destination columns
     int height; // destination rows
-    int stride; // of rows of intermediates and of weight arrays, in elements
+    int stride; // of rows of intermediates, in elements
     Runs columns;
     Runs rows;
     int firstColumn; // source columns that are read
     int usedColumns;
-    int* index;                      // per column: base
-    typename P::Weight* weights;     // per column
+    int* index;                  // per column: base
+    typename P::Weight* weights; // per column; those of the next tap are weightStep further on
+    int weightStep;
     int* guarded;                    // per column, where intermediates are floats; see the row passes
     int* rowBase;                    // per row
     typename P::Weights* rowWeights; // per row
-    Inter* rowRing;
+    RowInter* rowRing;
     Inter* planeRing;
-    bool exactColumns;  // none of them is guarded
-    float* planeBounds; // per row of each plane in the ring: no element is larger in size
+    bool exactColumns;     // none of them is guarded
+    Growth columnGrowth;   // of rows resampled along x
+    RowBound* planeBounds; // per row of each plane in the ring
 
-    float* ringBounds(int p) const { return planeBounds + ptrdiff_t(p & (P::kTaps - 1)) * height; }
-    Inter* ringRow(int r) const { return rowRing + ptrdiff_t(r & (P::kTaps - 1)) * stride; }
+    RowBound* ringBounds(int p) const { return planeBounds + ptrdiff_t(p & (P::kTaps - 1)) * height; }
+    RowInter* ringRow(int r) const { return rowRing + ptrdiff_t(r & (P::kTaps - 1)) * stride; }
     Inter* ringPlane(int p) const { return planeRing + ptrdiff_t(p & (P::kTaps - 1)) * stride * height; }
 };
 

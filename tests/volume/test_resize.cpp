@@ -219,6 +219,73 @@ TEST(ResizeRounding, HalfWaySums) {
     }
 }
 
+// Floats of one sign and of both, close together and far apart, next to the smallest ones, with zeros of either sign:
+// each selects other tests of doubt.
+TEST(ResizeRounding, RangesOfFloats) {
+    zenrtest::Floats r(78);
+    const int lowest[] = {-3, -40, -95, -140, -149};
+    const double factors[] = {1.5, 2.0 / 3, 1.37, 3, 0.5};
+    for (int round = 0; round < zenrtest::rounds(60); ++round) {
+        const ZenrVolume v = {70, 5, 5};
+        TestVolume<float> src(v, 0, false, false, Guarded<float>::atEnd);
+        const int kind = round % 4, low = lowest[round / 4 % 5], spread = round % 3 == 0 ? 3 : 30;
+        for (size_t i = 0; i < src.memory().size(); ++i) {
+            const float size = ldexpf(1 + float(r.bits() % 8388608) / 8388608, low + int(r.bits() % spread));
+            const uint32_t choice = r.bits() % 8;
+            src.memory()[i] = (kind & 1) && choice < 3 ? 0.f : (kind & 2) && choice > 4 ? -size : size;
+            if ((kind & 2) && choice == 0) src.memory()[i] = -0.f;
+        }
+        const double f = factors[round % 5];
+        const ZenrVolume w = {int(70 * f), int(5 * f), int(5 * f)};
+        const Arguments a = {{0, 0, 0, 70, 5, 5},
+                             {0, 0, 0, w.width, w.height, w.depth},
+                             {f, f, f},
+                             {},
+                             round % 6 < 4 ? 2 : kModes[round % 6]};
+        TestVolume<float> dst(w, 0, false, false, Guarded<float>::atEnd);
+        checkCase(src, dst, a, true, {1}, 0);
+        if (::testing::Test::HasFatalFailure()) FAIL() << "round " << round;
+    }
+}
+
+// 8-bit volumes in which few, many or nearly all cubic sums lie half-way between two voxels.
+TEST(ResizeRounding, CubicSumsInDoubt) {
+    zenrtest::Floats r(79);
+    for (int round = 0; round < zenrtest::rounds(36); ++round) {
+        const ZenrVolume v = {67, 13, 9};
+        TestVolume<uint8_t> src(v, 0, false, false, Guarded<uint8_t>::atEnd);
+        for (int z = 0; z < v.depth; ++z)
+            for (int y = 0; y < v.height; ++y)
+                for (int x = 0; x < v.width; ++x)
+                    src.at(x, y, z) = round % 3 == 0   ? uint8_t(3 * x + z)
+                                      : round % 3 == 1 ? uint8_t(r.bits() % 2 * 255)
+                                                       : uint8_t(r.bits() % 9 ? 0 : 1 + z * 20);
+        const double f = round % 2 ? 1.5 : 2;
+        const ZenrVolume w = {int(67 * f), int(13 * f), int(9 * f)};
+        Arguments a = {
+            {0, 0, 0, 67, 13, 9}, {0, 0, 0, w.width, w.height, w.depth}, {f, f, f}, {}, kModes[2 + round / 3 % 4]};
+        if (round % 4 == 0) a.shift[0] = a.shift[1] = a.shift[2] = 0.5; // fractions 0 and 1/2
+        TestVolume<uint8_t> dst(w, 0, false, false, Guarded<uint8_t>::atEnd);
+        checkCase(src, dst, a, true, {1}, 0);
+        if (::testing::Test::HasFatalFailure()) FAIL() << "round " << round;
+    }
+}
+
+// What the error bound of those sums supposes.
+TEST(ResizeWeights, SizesAddUpToLittle) {
+    for (int mode : {4, 5, 6, 7})
+        for (int i = 0; i <= 4096; ++i) {
+            const float f = i == 4096 ? 0.99999994f : float(i) / 4096;
+            float w[4], sum = 0;
+            ownpi_CubicWeights(mode, &f, 1, w);
+            for (float x : w) {
+                EXPECT_LE(fabsf(x), 1);
+                sum += fabsf(x);
+            }
+            EXPECT_LE(sum, kMostWeights);
+        }
+}
+
 TEST(ResizeWeights, FormulasAndIntegerPositions) {
     float w[4];
     for (int mode : {4, 5, 6, 7}) {
