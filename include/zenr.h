@@ -189,8 +189,8 @@ typedef struct ZenrIntersectContext {
     const ZenrKDTreeNode* rootNode;         /* tree over the same triangles */
 } ZenrIntersectContext;
 
-/* The intersectors run on the calling thread, allocate nothing and check nothing; they always return zenStsNoErr. A
- * ray's result does not depend on which other rays are in its block.
+/* The intersectors run on the calling thread, allocate nothing and check nothing; they always return zenStsNoErr. The
+ * stack they need stays below 256 KiB. A ray's result does not depend on which other rays are in its block.
  *
  * To know: records hold edges rounded to float, so that a ray aimed exactly at the edge between two triangles can pass
  * between them. A direction component of at most 2^-23 in size takes a stand-in reciprocal. Up to 50 far children can

@@ -2,7 +2,6 @@
 // through the tree together, and their results written.
 #include "intersect/prpackets.h"
 
-#include "frame/prmem.h"
 #include "intersect/intersect.h"
 #include "intersect/order.h"
 #include "intersect/stream.h"
@@ -439,7 +438,7 @@ void addToStream(Stream& stream, int slot, Block64& tile) {
 }
 
 // Walks with all rays of a batch, octant after octant. False as for walk().
-bool walkBatch(const RayBlock& block, const Stream& stream, const Batch& batch) {
+bool walkBatch(const RayBlock& block, Stream& stream, const Batch& batch) {
     for (int octant = 0; octant < 8; ++octant) {
         const int nearChild[4] = {octant & 1, octant >> 1 & 1, octant >> 2 & 1, 0};
         int count = 0;
@@ -460,16 +459,8 @@ bool walkBatch(const RayBlock& block, const Stream& stream, const Batch& batch) 
 
 void nearest(const RayBlock& block) {
     const Tiling tiling(block);
-    // Without memory for lists all rays walk in their tiles, which is slower and finds the same.
-    const size_t most = kStreamRays / 64;
-    const int streamTiles = int(tiling.count < most ? tiling.count : most);
-    float* memory = nullptr;
+    constexpr size_t most = kStreamRays / 64;
     Stream stream;
-    if (tiling.count > 1) {
-        memory = static_cast<float*>(zensMalloc_32s(streamWords(64 * streamTiles)));
-        if (memory) layOut(stream, memory, 64 * streamTiles);
-    }
-
     Block64 tile;
     Batch batch;
     for (size_t first = 0; first < tiling.count; first += most) {
@@ -483,7 +474,7 @@ void nearest(const RayBlock& block) {
             gather(tile.best, block.distance, place);
             clearHits(tile);
             const Set64 rays = clipOwn(tile, block.box) & place.rays;
-            if (rays && memory && !keepTogether(tile, rays)) {
+            if (rays && tiling.count > 1 && !keepTogether(tile, rays)) {
                 addToStream(stream, batch.tiles, tile);
                 batch.rays[batch.tiles] = rays;
                 for (int k = 0; k < 3; ++k) batch.negative[k][batch.tiles] = tile.negative[k];
@@ -512,7 +503,6 @@ void nearest(const RayBlock& block) {
             storeNearest(block, tile, place);
         }
     }
-    if (memory) zensFree(memory);
 }
 
 // Sets segments up, and finds what blocks them. False as for walk().
@@ -563,9 +553,10 @@ void anyInTile(const RayBlock& block, Block64& tile, const Place& place) {
 }
 
 // Rays of some tiles in the order of their directions; a ray's number is its tile's, times 64, and the lane.
+constexpr int kOrderTiles = kOrderRays / 64;
 struct Order {
-    uint32_t* words; // keys, and numbers
-    size_t (*start)[kPieces];
+    uint32_t words[kOrderRays]; // keys, and numbers
+    size_t start[kOrderTiles][kPieces];
     int count;
 
     size_t placeOf(int i) const {
@@ -573,9 +564,7 @@ struct Order {
         return start[number / 64][number % 64 / 4] + number % 4;
     }
 };
-constexpr int kOrderTiles = kOrderRays / 64;
 constexpr float kApart = 1.15f; // tiles that span so much more than they would in order are put in order
-constexpr int kOrderBytes = int(2 * kOrderRays * sizeof(uint32_t) + kOrderTiles * sizeof(size_t[kPieces]));
 
 // The rays of a tile that are to be searched, and the charts of all.
 Set64 chartTile(const RayBlock& block, const Place& place, Block64& tile, Chart (&charts)[Block64::kVectors]) {
@@ -611,8 +600,7 @@ ChartRange rangeOf(const RayBlock& block, const Tiling& tiling, size_t first, si
 }
 
 // Orders the rays of tiles from `first` on that are to be searched, unless they keep together where they are.
-bool orderRays(const RayBlock& block, const Tiling& tiling, size_t first, size_t count, Block64& tile, void* memory,
-               Order& order) {
+bool orderRays(const RayBlock& block, const Tiling& tiling, size_t first, size_t count, Block64& tile, Order& order) {
     // A look at some of the tiles: ordered, each sixty-four rays would have their share of the range.
     constexpr size_t kStep = 5;
     int rays;
@@ -622,9 +610,7 @@ bool orderRays(const RayBlock& block, const Tiling& tiling, size_t first, size_t
     if (rays < 64 || !(perimeters > kApart * float(rays) * share)) return false;
 
     const KeyScale scale(rangeOf(block, tiling, first, count, 1, tile, order.count, perimeters));
-    order.words = static_cast<uint32_t*>(memory);
-    uint32_t* const other = order.words + kOrderRays;
-    order.start = reinterpret_cast<size_t(*)[kPieces]>(other + kOrderRays);
+    uint32_t other[kOrderRays];
     int at = 0;
     for (size_t i = 0; i < count; ++i) {
         Place place;
@@ -672,14 +658,12 @@ void anyInOrder(const RayBlock& block, Block64& tile, const Order& order) {
 
 void any(const RayBlock& block) {
     const Tiling tiling(block);
-    // Without memory rays are traced where they are.
-    void* const memory = tiling.count > 1 ? zensMalloc_32s((kOrderBytes + 3) / 4) : nullptr;
     Block64 tile;
     shareOrigin(tile, block.origin);
+    Order order;
     for (size_t first = 0; first < tiling.count; first += kOrderTiles) {
         const size_t left = tiling.count - first, count = left < size_t(kOrderTiles) ? left : size_t(kOrderTiles);
-        Order order;
-        if (memory && orderRays(block, tiling, first, count, tile, memory, order)) {
+        if (tiling.count > 1 && orderRays(block, tiling, first, count, tile, order)) {
             for (size_t i = 0; i < count; ++i) {
                 Place place;
                 tiling.place(first + i, place);
@@ -696,7 +680,6 @@ void any(const RayBlock& block) {
             anyInTile(block, tile, place);
         }
     }
-    if (memory) zensFree(memory);
 }
 
 // Layer after layer: one walk finds the next hits of all rays of a tile that have had one so far.

@@ -1,4 +1,4 @@
-// Rays that go apart: thousands with origins of their own walk the tree as lists. At a node a list is split into the rays
+// Rays that go apart: a thousand with origins of their own walk the tree as lists. At a node a list is split into the rays
 // of each child, packed again; what is left of a list when it has become short finishes its subtree as a packet of
 // sixteen. So a packet is made of rays that have come to the same place, wherever they set out. (Boulos and others,
 // "Adaptive Ray Packet Reordering", 2008; Tsakok, "Faster Incoherent Rays", 2009.)
@@ -10,37 +10,20 @@
 namespace zenr {
 namespace ZENR_LEVEL {
 
-constexpr int kStreamRays = 4096;
+// In the frame of whoever has the rays traced, 138 KiB: more rays would find no more company.
+constexpr int kStreamRays = 1024;
+constexpr int kListRoom = 6 * kStreamRays + 2 * kLanes;
 
 struct Stream {
-    StreamRay* ray;
+    StreamRay ray[kStreamRays];
     // Lists: the number of a ray, and its interval. In a list that is pending, kStopsIfFound marks the rays that visit the
     // near child before and stop if what they find there ends before tmin.
-    uint32_t* listRay;
-    float* listMin;
-    float* listMax;
-    int listRoom;
+    uint32_t listRay[kListRoom];
+    float listMin[kListRoom];
+    float listMax[kListRoom];
 };
 
 constexpr uint32_t kStopsIfFound = 0x80000000u;
-
-// Elements of the lists for so many rays.
-constexpr int listRoomFor(int rays) {
-    return 6 * rays + 2 * kLanes;
-}
-
-// Words of memory for so many rays, and its layout.
-constexpr int streamWords(int rays) {
-    return kRayWords * rays + 3 * listRoomFor(rays);
-}
-inline void layOut(Stream& stream, float* memory, int rays) {
-    stream.ray = reinterpret_cast<StreamRay*>(memory);
-    memory += kRayWords * rays;
-    stream.listRoom = listRoomFor(rays);
-    stream.listRay = reinterpret_cast<uint32_t*>(memory);
-    stream.listMin = memory + stream.listRoom;
-    stream.listMax = memory + 2 * stream.listRoom;
-}
 
 // The same float of each lane's ray.
 ZENR_INLINE Floats gatherLanes(const float* from, Ints ray) {
@@ -61,7 +44,7 @@ ZENR_INLINE Ints loadLanes(const uint32_t* from) {
 }
 
 // Writes the lanes of `bits` one after the other; what follows them, up to a register, is overwritten too.
-ZENR_INLINE void pack(Bits bits, Ints ray, Floats tmin, Floats tmax, const Stream& stream, int at) {
+ZENR_INLINE void pack(Bits bits, Ints ray, Floats tmin, Floats tmax, Stream& stream, int at) {
 #if defined(__AVX512BW__)
     _mm512_storeu_si512(stream.listRay + at, _mm512_maskz_compress_epi32(__mmask16(bits), (__m512i)ray));
     _mm512_storeu_ps(stream.listMin + at, _mm512_maskz_compress_ps(__mmask16(bits), (__m512)tmin));
@@ -94,8 +77,8 @@ ZENR_INLINE Bits lanesLeft(int at, int count) {
 // Splits a list at an interior node: the near child's rays stay in its place, the far child's go to `top`. An empty leaf
 // gets none; where the near child is one, the rays go on to the far child at once, and stay.
 template <class Search>
-ZENR_INLINE void split(const Stream& stream, const List& list, int axis, float plane, int top, bool nearEmpty,
-                       bool farEmpty, int& nearCount, int& farCount) {
+ZENR_INLINE void split(Stream& stream, const List& list, int axis, float plane, int top, bool nearEmpty, bool farEmpty,
+                       int& nearCount, int& farCount) {
     nearCount = farCount = 0;
     const Floats tolerance = all(Search::kTolerance);
     for (int i = 0; i < list.count; i += kLanes) {
@@ -128,7 +111,7 @@ ZENR_INLINE void split(const Stream& stream, const List& list, int axis, float p
 }
 
 // Removes the rays that stop before this list's node; clears the marks.
-ZENR_INLINE int filter(const Stream& stream, const List& list) {
+ZENR_INLINE int filter(Stream& stream, const List& list) {
     int count = 0;
     for (int i = 0; i < list.count; i += kLanes) {
         const Bits lanes = lanesLeft(i, list.count);
@@ -146,7 +129,7 @@ ZENR_INLINE int filter(const Stream& stream, const List& list) {
 
 // Searches with the rays of the list at the beginning of the arrays, which agree about near children. False as walk().
 template <class Search>
-bool walkStream(const Stream& stream, const ZenrTriangleAccel* accel, const ZenrKDTreeNode* root, int count,
+bool walkStream(Stream& stream, const ZenrTriangleAccel* accel, const ZenrKDTreeNode* root, int count,
                 const int (&nearChild)[4]) {
     List pendingLists[kMaxTreeDepth];
     int pending = 0;
@@ -154,7 +137,7 @@ bool walkStream(const Stream& stream, const ZenrTriangleAccel* accel, const Zenr
     int top = count + kLanes; // a register may be written behind the end of a list
     for (;;) {
         while (list.count > kPacketRays && !(list.node->w0 & kLeafBit) && int(list.node->w0 & kAxisMask) < 3 &&
-               top + list.count + kLanes <= stream.listRoom) {
+               top + list.count + kLanes <= kListRoom) {
             const int axis = int(list.node->w0 & kAxisMask);
             float plane;
             __builtin_memcpy(&plane, &list.node->w1, sizeof plane);
