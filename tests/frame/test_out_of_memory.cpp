@@ -77,7 +77,7 @@ TEST(OutOfMemory, IntersectorsDoNotReachTheAllocator) {
     asked = 0;
     EXPECT_EQ(zenrIntersectMO_32f(origin, direction, distance, weights, hit.data(), &scene, {64, 64}), zenStsNoErr);
     EXPECT_EQ(zenrIntersectEyeSO_32f(eye, direction, distance, weights, hit.data(), &scene, {64, 64}), zenStsNoErr);
-    EXPECT_EQ(zenrIntersectAnySO_32f(eye, direction, hit.data(), mask.data(), &scene, {64, 64}), zenStsNoErr);
+    EXPECT_EQ(zenrIntersectAnySO_32f(eye, direction, hit.data(), mask.data(), {64, 64}, &scene), zenStsNoErr);
     EXPECT_EQ(asked, 0);
     zenrKDTreeFree(tree);
     EXPECT_EQ(outstanding, 0);
