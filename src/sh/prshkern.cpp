@@ -295,7 +295,7 @@ template <class Set> void evaluate(const Set& set, const ShDirections& d, float*
     int i = 0;
     // (Byte counts of the largest batches do not fit 32 bits.)
     if (Set::kMostValues >= kStreamValues && n >= kStreamValues &&
-        uint64_t(d.count) * unsigned(n) * sizeof(float) >= kStreamBytes) {
+        uint64_t(d.count) * unsigned(n) * sizeof(float) >= kStreamBytes && uintptr_t(dst) % sizeof(float) == 0) {
         LineStream stream(dst, s.turned);
         for (; d.count - i >= kLanes; i += kLanes, dst += kLanes * n) {
             if (stream.waiting()) {
