@@ -133,7 +133,11 @@ template <class T, int mode> struct Cubic {
         alignas(64) Real line[kSpan + kRest];
         alignas(64) float size[kSpan + kRest];
         const Interval in = lineInside(src, run);
-        eachBlock(in, [&](int i) {
+        Interval rest = in;
+#if defined(ZENR_LEVEL_avx512)
+        if constexpr (sizeof(T) == 1) rest.begin = blendRows16(row, weight, in, line);
+#endif
+        eachBlock(rest, [&](int i) {
             Real sum = weight[0] * Real(row[0][i]);
 #pragma GCC unroll 16
             for (int r = 1; r < 16; ++r) sum += weight[r] * Real(row[r][i]);

@@ -241,6 +241,21 @@ inline __m512 sumRows16(const Rows16& rows, const RowWeights16& wx, const Float1
 // Room that a window may take behind the last voxel of a line.
 constexpr int kWindow = 32;
 
+// Sixteen rows become one line, as far as whole registers go; returns where they end. The compiler leaves conversions
+// from 8 bits one by one.
+inline int blendRows16(const uint8_t* const row[16], const float weight[16], Interval range, float* line) {
+    int i = range.begin;
+    for (; range.end - i >= 16; i += 16) {
+        __m512 sum = _mm512_setzero_ps();
+        for (int r = 0; r < 16; ++r) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row[r] + i));
+            sum = _mm512_fmadd_ps(_mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(v)), _mm512_set1_ps(weight[r]), sum);
+        }
+        _mm512_storeu_ps(line + i, sum);
+    }
+    return i;
+}
+
 // The four taps of eight or sixteen voxels, the first of each at line + at: from a window of a line where it is wide
 // enough, as it is for all but strong reductions.
 inline void lineTaps(const double* line, __m256i at, Double8 tap[4]) {
