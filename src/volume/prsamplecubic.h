@@ -415,7 +415,7 @@ template <class T, int mode> struct Cubic {
         }
     }
     // Of sums in float: 255 * 1.5625 times what the weights of three axes may be off, 3.4e-7 together each (2.6e-7 found in
-    // 10^8 fractions of each mode); 2.7e-4 for roundings of sums of up to 498, 2^-24 of their value each; 5e-5 for the
+    // 10^7 fractions of each mode); 2.7e-4 for roundings of sums of up to 498, 2^-24 of their value each; 5e-5 for the
     // ends of the interval.
     static constexpr float kErrorOf8 = 8e-4f;
     // Of lines likewise, with 17 roundings before those along x and the weights of one axis alone.
