@@ -77,11 +77,12 @@ struct Aligned {
 };
 
 template <class Policy, class T>
-__attribute__((noinline)) void redoAligned(const SampleSource<T>& src, const Aligned& run, int x, const int* doubt,
+__attribute__((noinline)) void redoAligned(const SampleSource<T>& src, const Aligned& run, int x, unsigned mask,
                                            T* out) {
-    for (int i = 0; i < kChunk; ++i) {
+    for (; mask; mask &= mask - 1) {
+        const int i = __builtin_ctz(mask);
         const double s[3] = {run.x[x + i], run.y, run.z};
-        if (doubt[i]) out[i] = Policy::value(src, s);
+        out[i] = Policy::value(src, s);
     }
 }
 

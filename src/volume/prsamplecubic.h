@@ -179,7 +179,7 @@ template <class T, int mode> struct Cubic {
                 out[i] = settled<T>(sum, bound(error[i], most[i]), &doubt[i]);
                 any |= doubt[i];
             }
-            if (__builtin_expect(any != 0, 0)) redoAligned<Cubic>(src, run, x, doubt, out);
+            if (__builtin_expect(any != 0, 0)) redoAligned<Cubic>(src, run, x, maskOf(doubt), out);
         });
     }
 
@@ -348,7 +348,7 @@ template <class T, int mode> struct Cubic {
         if constexpr (sizeof(T) == 1) {
             Float16 w[4], tap[4];
             weightPolynomials<mode, float>(Float16(fraction.v), w);
-            lineTaps(line, at, tap);
+            lineTaps<4>(line, at, tap);
             __m512 sum = __m512(tap[0] * w[0]);
             for (int t = 1; t < 4; ++t) sum = _mm512_fmadd_ps(__m512(tap[t]), __m512(w[t]), sum);
             doubt = settle16(out, {sum}, all16(kErrorOfLine8), float(kHalfUp));
@@ -359,7 +359,7 @@ template <class T, int mode> struct Cubic {
                                    sumLine8(line, _mm512_extracti64x4_epi64(at, 1), w, 8)};
             if constexpr (sizeof(T) == 4) {
                 Float16 tap[4];
-                lineTaps(size, at, tap);
+                lineTaps<4>(size, at, tap);
                 const __m512 most = _mm512_max_ps(_mm512_max_ps(__m512(tap[0]), __m512(tap[1])),
                                                   _mm512_max_ps(__m512(tap[2]), __m512(tap[3])));
                 const __m512d share = _mm512_set1_pd(kShare);
@@ -370,11 +370,7 @@ template <class T, int mode> struct Cubic {
                 doubt = settle16(out, sum, all16(kErrorOf16), kHalfUp);
             }
         }
-        if (__builtin_expect(doubt != 0, 0)) {
-            int each[kChunk];
-            for (int i = 0; i < kChunk; ++i) each[i] = int(doubt >> i & 1);
-            redoAligned<Cubic>(src, run, x, each, out);
-        }
+        if (__builtin_expect(doubt != 0, 0)) redoAligned<Cubic>(src, run, x, doubt, out);
         return true;
     }
 
@@ -423,7 +419,7 @@ template <class T, int mode> struct Cubic {
     // As bound() has it.
     static constexpr double kErrorOf16 = 2e-9;
     static constexpr double kShare = 1.4210854715202004e-14; // 2^-46, of the largest tap
-    static constexpr int kRest = kWindow;
+    static constexpr int kRest = kLineRest;
 #endif
 
 #if !defined(ZENR_LEVEL_avx512)

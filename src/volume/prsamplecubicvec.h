@@ -5,16 +5,12 @@
 // voxel: their conversion from memory costs no more than a load. So y and z are summed first, voxel by voxel, and the
 // four columns that remain are turned over to sixteen voxels for the sum along x.
 #pragma once
-#include "volume/prsamplevec.h"
+#include "volume/prsampleline.h"
 
 #if defined(ZENR_LEVEL_avx512)
 namespace zenr {
 namespace avx512 {
 namespace {
-
-// Weights as polynomials of the fraction: one formula for numbers and registers.
-typedef float Float16 __attribute__((vector_size(64)));
-typedef double Double8 __attribute__((vector_size(64)));
 
 // The weights of a chunk, by axis and tap. Those of x are apart for 8-bit voxels, which take them as integers.
 struct alignas(64) DoubleWeights16 {
@@ -236,56 +232,11 @@ inline __m512 sumRows16(const Rows16& rows, const RowWeights16& wx, const Float1
     return total;
 }
 
-// ---- Lines: the taps of all voxels along x lie in one row. ----
+// ---- Lines. ----
 
-// Room that a window may take behind the last voxel of a line.
-constexpr int kWindow = 32;
-
-// Sixteen rows become one line, as far as whole registers go; returns where they end. The compiler leaves conversions
-// from 8 bits one by one.
-inline int blendRows16(const uint8_t* const row[16], const float weight[16], Interval range, float* line) {
-    int i = range.begin;
-    for (; range.end - i >= 16; i += 16) {
-        __m512 sum = _mm512_setzero_ps();
-        for (int r = 0; r < 16; ++r) {
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row[r] + i));
-            sum = _mm512_fmadd_ps(_mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(v)), _mm512_set1_ps(weight[r]), sum);
-        }
-        _mm512_storeu_ps(line + i, sum);
-    }
-    return i;
-}
-
-// The four taps of eight or sixteen voxels, the first of each at line + at: from a window of a line where it is wide
-// enough, as it is for all but strong reductions.
-inline void lineTaps(const double* line, __m256i at, Double8 tap[4]) {
-    const int first = _mm_cvtsi128_si32(_mm256_castsi256_si128(at)), last = _mm256_extract_epi32(at, 7);
-    const int from = first < last ? first : last, to = first < last ? last : first;
-    if (__builtin_expect(to - from + 3 < 16, 1)) {
-        const __m512d low = _mm512_loadu_pd(line + from), high = _mm512_loadu_pd(line + from + 8);
-        const __m512i index = _mm512_cvtepi32_epi64(_mm256_sub_epi32(at, _mm256_set1_epi32(from)));
-        for (int t = 0; t < 4; ++t)
-            tap[t] = Double8(_mm512_permutex2var_pd(low, _mm512_add_epi64(index, _mm512_set1_epi64(t)), high));
-    } else {
-        for (int t = 0; t < 4; ++t) tap[t] = Double8(_mm512_i32gather_pd(at, line + t, 8));
-    }
-}
-inline void lineTaps(const float* line, __m512i at, Float16 tap[4]) {
-    const int first = _mm_cvtsi128_si32(_mm512_castsi512_si128(at)),
-              last = _mm_extract_epi32(_mm512_extracti32x4_epi32(at, 3), 3);
-    const int from = first < last ? first : last, to = first < last ? last : first;
-    if (__builtin_expect(to - from + 3 < 32, 1)) {
-        const __m512 low = _mm512_loadu_ps(line + from), high = _mm512_loadu_ps(line + from + 16);
-        const __m512i index = _mm512_sub_epi32(at, _mm512_set1_epi32(from));
-        for (int t = 0; t < 4; ++t)
-            tap[t] = Float16(_mm512_permutex2var_ps(low, _mm512_add_epi32(index, _mm512_set1_epi32(t)), high));
-    } else {
-        for (int t = 0; t < 4; ++t) tap[t] = Float16(_mm512_i32gather_ps(at, line + t, 4));
-    }
-}
 inline __m512d sumLine8(const double* line, __m256i at, const double (*w)[16], int x) {
     Double8 tap[4];
-    lineTaps(line, at, tap);
+    lineTaps<4>(line, at, tap);
     __m512d sum = _mm512_mul_pd(__m512d(tap[0]), _mm512_load_pd(w[0] + x));
     for (int t = 1; t < 4; ++t) sum = _mm512_fmadd_pd(__m512d(tap[t]), _mm512_load_pd(w[t] + x), sum);
     return sum;

@@ -1,6 +1,7 @@
 // Linear warp and remap.
 #pragma once
 #include "volume/prsamplecolumn.h"
+#include "volume/prsampleline.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
@@ -40,10 +41,14 @@ template <class T> struct Linear {
             row[r] = src.planes[kept(z.base + (r >> 1), src.low[2], src.high[2])] +
                      kept(y.base + (r & 1), src.low[1], src.high[1]) * src.step + run.first;
         const Real fy = Real(y.fraction), fz = Real(z.fraction);
-        alignas(64) Real line[kSpan];
+        alignas(64) Real line[kSpan + kRest];
         alignas(64) float size[kSpan];
         const Interval in = lineInside(src, run);
-        eachBlock(in, [&](int i) {
+        Interval rest = in;
+#if defined(ZENR_LEVEL_avx512)
+        if constexpr (sizeof(T) == 1) rest.begin = blendRows4(row, fy, fz, in, line);
+#endif
+        eachBlock(rest, [&](int i) {
             const Real a = row[0][i], b = row[1][i], c = row[2][i], d = row[3][i];
             const Real low = a + (b - a) * fy, high = c + (d - c) * fy;
             line[i] = low + (high - low) * fz;
@@ -57,6 +62,9 @@ template <class T> struct Linear {
             padLine(src, run, size);
         }
         eachChunk(run, dst, [&](int x, T* out) {
+#if defined(ZENR_LEVEL_avx512)
+            if constexpr (sizeof(T) == 1) return interpolate16(src, run, x, line, out);
+#endif
             alignas(64) int base[kChunk], doubt[kChunk];
             alignas(64) Real f[kChunk], a[kChunk], b[kChunk];
             alignas(64) float most[kChunk] = {};
@@ -76,9 +84,24 @@ template <class T> struct Linear {
                     settled<T>(a[i] + (b[i] - a[i]) * f[i], sizeof(T) == 4 ? Real(most[i]) * 4 : kError, &doubt[i]);
                 any |= doubt[i];
             }
-            if (__builtin_expect(any != 0, 0)) redoAligned<Linear>(src, run, x, doubt, out);
+            if (__builtin_expect(any != 0, 0)) redoAligned<Linear>(src, run, x, maskOf(doubt), out);
         });
     }
+
+#if defined(ZENR_LEVEL_avx512)
+    static constexpr int kRest = sizeof(T) == 1 ? kLineRest : 0;
+
+    static void interpolate16(const SampleSource<T>& src, const Aligned& run, int x, const float* line, T* out) {
+        const auto placed = place16<Floats16>(run.x + x, src.high[0], kSnap);
+        Float16 tap[2];
+        lineTaps<2>(line, _mm512_sub_epi32(placed.base, _mm512_set1_epi32(run.first)), tap);
+        const Floats16 sum = blend(Floats16{__m512(tap[0])}, Floats16{__m512(tap[1])}, placed.fraction);
+        const unsigned doubt = settle16(out, sum, all16(kError), float(kHalfUp));
+        if (__builtin_expect(doubt != 0, 0)) redoAligned<Linear>(src, run, x, doubt, out);
+    }
+#else
+    static constexpr int kRest = 0;
+#endif
 
     static constexpr bool kFloats = false;
     static void column(const SampleSource<T>& src, const Column& at, [[maybe_unused]] Ahead ahead, T* out) {
