@@ -131,6 +131,7 @@ inline unsigned remapChunk(const SampleSource<T>& src, const float* const map[3]
             for (int i = 0; i < kChunk; ++i) padded[i] = i < n ? from[i] : __builtin_nanf("");
             from = padded;
         }
+        // cppcheck-suppress uninitvar  // written above
         for (int i = 0; i < kChunk; ++i) s[k][i] = from[i];
     }
     Column at;

@@ -138,8 +138,8 @@ template <class T> void warpAll(Level level, WarpVolume<T>* routine, const WarpT
 }
 
 template <class T>
-ZenStatus warpChecked(const T* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi, T* const* pDst,
-                      int dstStep, ZenrBox dstRoi, const double* coeffs, int interpolation) {
+ZenStatus warpChecked(const T* const* pSrc, ZenrVolume srcVolume, int srcStep, const ZenrBox& srcRoi, T* const* pDst,
+                      int dstStep, const ZenrBox& dstRoi, const double* coeffs, int interpolation) {
     WarpTask<T> task;
     if (!pSrc || !pDst) return zenStsNullPtrErr;
     if (badVolume(srcVolume)) return zenStsSizeErr;
