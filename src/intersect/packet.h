@@ -144,11 +144,7 @@ bool walkPacket(StreamRay* first, const uint32_t* number, const float* tmins, co
 
     for (;;) {
         while (!(node->w0 & kLeafBit)) {
-            const int axis = int(node->w0 & kAxisMask);
-            float split;
-            __builtin_memcpy(&split, &node->w1, sizeof split);
-            const ZenrKDTreeNode* children = reinterpret_cast<const ZenrKDTreeNode*>(
-                reinterpret_cast<const char*>(node) + (node->w0 & kChildOffsetMask));
+            const auto [axis, split, children] = interiorOf(node);
             const ZenrKDTreeNode* nearer = children + nearChild[axis];
             const ZenrKDTreeNode* farther = children + (1 - nearChild[axis]);
             prefetchBelow(nearer, accel);
@@ -201,11 +197,7 @@ bool walkPacket(StreamRay* first, const uint32_t* number, const float* tmins, co
 
         if (active && (node->w0 & kLeafBit)) {
             if (pending) {
-                const ZenrKDTreeNode* next = stack[pending - 1].node;
-                if (next->w0 & kLeafBit) {
-                    const LeafList later(next);
-                    prefetchRecords(accel, later.list, later.count < kBatch ? int(later.count) : kBatch);
-                }
+                prefetchLeaf(stack[pending - 1].node, accel);
             }
             const LeafList leaf(node);
             const auto atMost = [&](uint32_t from, uint32_t most) {

@@ -138,11 +138,7 @@ bool walkStream(Stream& stream, const ZenrTriangleAccel* accel, const ZenrKDTree
     for (;;) {
         while (list.count > kPacketRays && !(list.node->w0 & kLeafBit) && int(list.node->w0 & kAxisMask) < 3 &&
                top + list.count + kLanes <= kListRoom) {
-            const int axis = int(list.node->w0 & kAxisMask);
-            float plane;
-            __builtin_memcpy(&plane, &list.node->w1, sizeof plane);
-            const ZenrKDTreeNode* children = reinterpret_cast<const ZenrKDTreeNode*>(
-                reinterpret_cast<const char*>(list.node) + (list.node->w0 & kChildOffsetMask));
+            const auto [axis, plane, children] = interiorOf(list.node);
             const ZenrKDTreeNode* nearer = children + nearChild[axis];
             const ZenrKDTreeNode* farther = children + (1 - nearChild[axis]);
             prefetchBelow(nearer, accel);

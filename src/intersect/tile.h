@@ -12,6 +12,7 @@
 
 #include "intersect/constants.h"
 #include "intersect/few.h"
+#include "intersect/interior.h"
 #include "intersect/lanes.h"
 #include "kdtree/kdtree.h"
 #include "zenr.h"
@@ -501,6 +502,13 @@ ZENR_INLINE void prefetchRecords(const ZenrTriangleAccel* accel, const int* list
     }
 }
 
+// Asks for the first records of a node that is a leaf.
+ZENR_INLINE void prefetchLeaf(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel) {
+    if (!(node->w0 & kLeafBit)) return;
+    const LeafList leaf(node);
+    prefetchRecords(accel, leaf.list, leaf.count < kBatch ? int(leaf.count) : kBatch);
+}
+
 // The triangles of a leaf in list order; returns the rays that may have found one, of segments those that have.
 template <class Search, class T>
 ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, T& tile,
@@ -528,17 +536,16 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
             list += batch;
             continue;
         }
-        // First the quick test. For a packet with its own origins its error bound costs as much as it saves.
-        constexpr bool kQuick = kOneOrigin<Search> || T::kRays > 16;
+        // First the quick test.
         typename T::Set inQuestion[kBatch];
-        unsigned left = (1u << batch) - 1;
+        unsigned left;
         if constexpr (kOneOrigin<Search>)
             left = quickTest<Search::kSegment>(accel, list, batch, tile, active, inQuestion);
-        else if constexpr (kQuick)
+        else
             left = quickTestOwn(accel, list, batch, tile, active, inQuestion);
         for (; left; left &= left - 1) {
             const int i = __builtin_ctz(left);
-            const typename T::Set rays = kQuick ? inQuestion[i] & active : active;
+            const typename T::Set rays = inQuestion[i] & active;
             const int j = list[i];
             if (!rays || accel[j].axes == 0) continue;
             Triangle r;
@@ -685,8 +692,7 @@ ZENR_INLINE typename T::Set goOn(const T& tile, typename T::Set rays, const Floa
 // Walks the tree with rays that agree about near children, each over its interval. False where the caller has to trace
 // these rays one by one: an interval is reversed, or a tree that no builder of ours makes needs a larger stack.
 template <class Search, class T>
-ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, T& tile, typename T::Set rays,
-                      int room = kMaxTreeDepth) {
+ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, T& tile, typename T::Set rays) {
     Pending<T> stack[kMaxTreeDepth];
     // Where each ray goes over from the near to the far child of the nodes on the way here at which some were split: the
     // end of its interval in the one, its beginning in the other.
@@ -696,9 +702,7 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
     const Floats* tmax = tile.tmax;
     Bounds bounds = {};
     bounds.best = -__builtin_inff();
-    // Rays that go apart gain nothing from bounds.
-    constexpr bool kBounded = T::kRays > 16;
-    if (kBounded && !bound<Search>(bounds, tile, rays)) return false;
+    if (!bound<Search>(bounds, tile, rays)) return false;
     int nearChild[4];
     for (int k = 0; k < 4; ++k) nearChild[k] = (tile.negative[k] & rays) != 0;
     typename T::Set active = rays;
@@ -706,25 +710,21 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
 
     for (;;) {
         while (!(node->w0 & kLeafBit)) {
-            const int axis = int(node->w0 & kAxisMask);
-            float split;
-            __builtin_memcpy(&split, &node->w1, sizeof split);
-            const ZenrKDTreeNode* children = reinterpret_cast<const ZenrKDTreeNode*>(
-                reinterpret_cast<const char*>(node) + (node->w0 & kChildOffsetMask));
+            const auto [axis, split, children] = interiorOf(node);
             const ZenrKDTreeNode* nearer = children + nearChild[axis];
             const ZenrKDTreeNode* farther = children + (1 - nearChild[axis]);
 
-            const Span cross = kBounded ? crossing<Search>(bounds, axis, split) : Span{};
-            if (kBounded && cross.low - bounds.tmax.high > Search::kTolerance) {
+            const Span cross = crossing<Search>(bounds, axis, split);
+            if (cross.low - bounds.tmax.high > Search::kTolerance) {
                 node = nearer;
                 continue;
             }
-            if (kBounded && bounds.tmin.low - cross.high > Search::kTolerance) {
+            if (bounds.tmin.low - cross.high > Search::kTolerance) {
                 node = farther;
                 continue;
             }
 
-            if (depth == room) return false;
+            if (depth == kMaxTreeDepth) return false;
             Floats* const middle = middles[depth];
             typename T::Set farOnly = 0, nearOnly = 0;
             prefetchBelow(nearer, accel);
@@ -775,11 +775,7 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
             node = nearer;
         }
         if (pending && node->w1 != 0) {
-            const ZenrKDTreeNode* next = stack[pending - 1].node;
-            if (next->w0 & kLeafBit) {
-                const LeafList later(next);
-                prefetchRecords(accel, later.list, later.count < kBatch ? int(later.count) : kBatch);
-            }
+            prefetchLeaf(stack[pending - 1].node, accel);
         }
         const typename T::Set found = testLeaf<Search>(node, accel, tile, active);
         if (Search::kSegment) {

@@ -9,7 +9,7 @@
 #include <stdint.h>
 
 #include "intersect/constants.h"
-#include "kdtree/kdtree.h"
+#include "intersect/interior.h"
 #include "zenr.h"
 
 namespace zenr {
@@ -117,12 +117,8 @@ inline void traverse(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel,
 
     for (;;) {
         while (!(node->w0 & kLeafBit)) {
-            const int axis = int(node->w0 & kAxisMask);
-            float split;
-            __builtin_memcpy(&split, &node->w1, sizeof split);
+            const auto [axis, split, children] = interiorOf(node);
             const float t = (split - ray.origin[axis]) * ray.inverse[axis];
-            const ZenrKDTreeNode* children = reinterpret_cast<const ZenrKDTreeNode*>(
-                reinterpret_cast<const char*>(node) + (node->w0 & kChildOffsetMask));
             const ZenrKDTreeNode* nearer = children + ray.nearChild[axis];
             const ZenrKDTreeNode* farther = children + (1 - ray.nearChild[axis]);
             if (tmin - t > Search::kTolerance) {

@@ -2,6 +2,7 @@
 #pragma once
 #include <immintrin.h>
 
+#include "frame/simd.h"
 #include "volume/prsamplechunk.h"
 #include "volume/prsamplevec.h"
 
@@ -9,16 +10,9 @@ namespace zenr {
 namespace ZENR_LEVEL {
 namespace {
 
-#if defined(ZENR_LEVEL_avx512)
-constexpr int kBytes = 64;
-#elif defined(ZENR_LEVEL_avx2)
-constexpr int kBytes = 32;
-#else
-constexpr int kBytes = 16;
-#endif
-typedef double Doubles __attribute__((vector_size(kBytes)));
-typedef int64_t Flags __attribute__((vector_size(kBytes))); // -1 or 0
-constexpr int kLanes = kBytes / int(sizeof(double));
+typedef double Doubles __attribute__((vector_size(kSimdBytes)));
+typedef int64_t Flags __attribute__((vector_size(kSimdBytes))); // -1 or 0
+constexpr int kLanes = kSimdBytes / int(sizeof(double));
 constexpr int kParts = kChunk / kLanes;
 
 struct Column {
