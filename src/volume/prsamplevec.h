@@ -108,6 +108,11 @@ inline int pairAt(const uint16_t* p) {
     __builtin_memcpy(&v, p, 4);
     return v;
 }
+inline double pairAt(const float* p) {
+    double v;
+    __builtin_memcpy(&v, p, 8);
+    return v;
+}
 template <class Tap> inline __m128i words8(const Tap& tap, int x) {
     __m128i v = _mm_cvtsi32_si128(pairAt(tap(x)));
     v = _mm_insert_epi16(v, pairAt(tap(x + 1)), 1);
@@ -134,8 +139,7 @@ template <class Tap> __attribute__((always_inline)) inline IntPairs16 pairs16(co
     return {_mm512_and_si512(v, _mm512_set1_epi32(0xFFFF)), _mm512_srli_epi32(v, 16)};
 }
 template <class Tap> inline __m128 twoPairs(const Tap& tap, int x) {
-    const __m128 v = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(tap(x))));
-    return _mm_loadh_pi(v, reinterpret_cast<const __m64*>(tap(x + 1)));
+    return _mm_castpd_ps(_mm_set_pd(pairAt(tap(x + 1)), pairAt(tap(x))));
 }
 template <class Tap> inline __m512 eightPairs(const Tap& tap, int x) {
     return both(_mm256_set_m128(twoPairs(tap, x + 2), twoPairs(tap, x)),
