@@ -10,7 +10,7 @@ constexpr int kBorderColumns = 16;
 // Columns [begin, end) of one row, through the interior's kernel: the voxels that their taps span are laid side by side
 // first, the row's end voxels standing for what lies beyond. Columns inside come out as they would by themselves.
 template <class P>
-void borderColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, const RowBound& bound, Care care,
+void borderColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, const typename P::Bound& bound, Care care,
                    typename P::RowInter* dst, int begin, int end) {
     const AxisMap& axis = block.axis[0];
     constexpr int kMost = 128;
@@ -28,11 +28,8 @@ void borderColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, co
         for (; i < before; ++i) voxels[i] = src[0];
         for (; i < rest; ++i) voxels[i] = src[first + i];
         for (; i < count; ++i) voxels[i] = src[axis.size - 1];
-        RowBound mine = bound;
-        mine.begin -= x;
-        mine.end -= x;
         P::row(*block.kernels, voxels - first, dst + x, block.index + x, block.weights + x, block.weightStep,
-               block.guarded + x, mine, care, n);
+               block.guarded + x, countedFrom(bound, x), care, n);
         x += n;
     }
 }

@@ -1,18 +1,18 @@
 // The linear passes of volume resize, once per level.
 #include "volume/pireslin.h"
 
+#include "volume/presfixed.h"
 #include "volume/presguard.h"
-#include "volume/presvec.h"
 #include "volume/preswindow.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
 namespace {
 
-// Row passes.
+// Fixed-point row passes.
 template <class T, int round, int shift>
-inline void rowFixedPlain(const T* __restrict src, const int* __restrict index, const uint16_t* __restrict weights,
-                          uint16_t* __restrict dst, int n) {
+void rowFixed(const T* __restrict src, const int* __restrict index, const uint16_t* __restrict weights,
+              uint16_t* __restrict dst, int n) {
     for (int x = 0; x < n; ++x) {
         const T* const s = src + index[x];
         const unsigned w = weights[x];
@@ -20,20 +20,23 @@ inline void rowFixedPlain(const T* __restrict src, const int* __restrict index, 
     }
 }
 
-template <class T, int round, int shift>
-void rowFixed(const T* src, const int* index, const uint16_t* weights, uint16_t* dst, int n) {
-#if defined(ZENR_LEVEL_avx512)
-    constexpr int kGroup = 16;
-    if (n >= kGroup) {
-        for (int begin = 0; begin < n; begin += kGroup) {
-            const int x = n - begin < kGroup ? n - kGroup : begin; // the last group may overlap the one before
-            if (!fixed16<T, round, shift>(src, index + x, weights + x, dst + x))
-                rowFixedPlain<T, round, shift>(src, index + x, weights + x, dst + x, kGroup);
-        }
-        return;
-    }
+inline bool hasFar(const uint8_t*, int) {
+    return false;
+}
+inline bool hasFar(const uint16_t* s, int n) {
+    uint16_t any = 0;
+    for (int i = 0; i < n; ++i) any |= s[i];
+    return any > 0x7FFF;
+}
+
+template <class T>
+bool rowGroups(const T* src, int first, int used, const FixedGroup* groups, int columns, int count, uint16_t* dst) {
+    const bool far = hasFar(src + first, used);
+#if defined(__AVX2__)
+    (columns == 8 ? groupRows<8, T> : groupRows<4, T>)(src, groups, count, far, dst);
 #endif
-    rowFixedPlain<T, round, shift>(src, index, weights, dst, n);
+    (void)groups, (void)columns, (void)count, (void)dst;
+    return far;
 }
 
 struct RowLines {
@@ -88,17 +91,40 @@ void rowFloat(const float* src, const int* index, const double* weights, const i
     roundRow(lines, dst, n);
 }
 
-// Column and depth passes.
-template <class T, bool biased, int round, int shift>
-void blendFixed(const uint16_t* __restrict r0, const uint16_t* __restrict r1, uint16_t w, T* __restrict dst, int n) {
+// Fixed-point column and depth passes.
+template <class T, int round, int shift>
+inline void blendPlain(const uint16_t* __restrict r0, const uint16_t* __restrict r1, uint16_t w, T* __restrict dst,
+                       int n) {
     const unsigned w1 = w;
     const unsigned w0 = kOneQ14 - w1;
-    int x = 0;
-#if defined(ZENR_LEVEL_avx512)
-    const __m512i pairs = weightPairs(_mm512_set1_epi32(w));
-    for (; n - x >= 32; x += 32) storeWords(dst + x, blend32<biased, round, shift>(r0 + x, r1 + x, pairs));
+    for (int x = 0; x < n; ++x) dst[x] = T((r1[x] * w1 + r0[x] * w0 + round) >> shift);
+}
+
+// Into words, and Q6 words into voxels.
+void blendWords(const uint16_t* r0, const uint16_t* r1, uint16_t w, bool far, uint16_t* dst, int n) {
+#if defined(__AVX2__)
+    if (w == kOneQ14) r0 = r1, w = 0;
+    const __m256i twice = _mm256_set1_epi16(int16_t(2 * w));
+    const auto near = [&](int x) { store16(dst + x, blendNear(load16(r0 + x), load16(r1 + x), twice)); };
+    const auto any = [&](int x) { store16(dst + x, blendFar(load16(r0 + x), load16(r1 + x), twice)); };
+    if (far ? inGroups<16>(n, any) : inGroups<16>(n, near)) return;
 #endif
-    for (; x < n; ++x) dst[x] = T((r1[x] * w1 + r0[x] * w0 + round) >> shift);
+    (void)far;
+    blendPlain<uint16_t, 8192, 14>(r0, r1, w, dst, n);
+}
+void blendVoxels(const uint16_t* p0, const uint16_t* p1, uint16_t w, bool, uint8_t* dst, int n) {
+#if defined(__AVX2__)
+    if (w == kOneQ14) p0 = p1, w = 0;
+    const __m256i twice = _mm256_set1_epi16(int16_t(2 * w));
+    const auto group = [&](int x) {
+        const __m256i low = blendLast(load16(p0 + x), load16(p1 + x), twice);
+        const __m256i high = blendLast(load16(p0 + x + 16), load16(p1 + x + 16), twice);
+        const __m256i bytes = _mm256_permute4x64_epi64(_mm256_packus_epi16(low, high), 0xD8);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), bytes);
+    };
+    if (inGroups<32>(n, group)) return;
+#endif
+    blendPlain<uint8_t, 524288, 20>(p0, p1, w, dst, n);
 }
 
 // r1*f + r0*(1 - f). The products are exact where 1 - f is a float; otherwise it and r0's product err by 2^-53 each.
@@ -192,22 +218,22 @@ constexpr auto ownpi_CoefLinear8pl = &rowFixed<uint8_t, 128, 8>;
 constexpr auto ownpi_CoefLinear16pl = &rowFixed<uint16_t, 8192, 14>;
 constexpr auto ownpi_CoefLinear32pl = &rowFloat;
 // Two Q6 rows: into Q6, or into final voxels.
-static void ownpi_SummLinear8pl(const uint16_t* r0, const uint16_t* r1, uint16_t w, uint16_t* dst, int n) {
-    blendFixed<uint16_t, false, 8192, 14>(r0, r1, w, dst, n);
+static void ownpi_SummLinear8pl(const uint16_t* r0, const uint16_t* r1, uint16_t w, bool, uint16_t* dst, int n) {
+    blendWords(r0, r1, w, false, dst, n);
 }
 static void ownpi_SummLinear8pl(const uint16_t* r0, const uint16_t* r1, uint16_t w, uint8_t* dst, int n) {
-    blendFixed<uint8_t, false, 524288, 20>(r0, r1, w, dst, n);
+    blendVoxels(r0, r1, w, false, dst, n);
 }
-constexpr auto ownpi_SummLinear16pl = &blendFixed<uint16_t, true, 8192, 14>;
+constexpr auto ownpi_SummLinear16pl = &blendWords;
 constexpr auto ownpi_SummLinear32pl = &blendFloat;
-constexpr auto ownpr_DepLinear8pl = &blendFixed<uint8_t, false, 524288, 20>;
-constexpr auto ownpr_DepLinear16pl = &blendFixed<uint16_t, true, 8192, 14>;
+constexpr auto ownpr_DepLinear8pl = &blendVoxels;
+constexpr auto ownpr_DepLinear16pl = &blendWords;
 constexpr auto ownpr_DepLinear32pl = &depthFloat;
 
 extern const AllLinearKernels kLinear;
 const AllLinearKernels kLinear = {
-    {ownpi_CoefLinear8pl, ownpi_SummLinear8pl, ownpr_DepLinear8pl},
-    {ownpi_CoefLinear16pl, ownpi_SummLinear16pl, ownpr_DepLinear16pl},
+    {groupColumns<uint8_t>, rowGroups<uint8_t>, ownpi_CoefLinear8pl, ownpi_SummLinear8pl, ownpr_DepLinear8pl},
+    {groupColumns<uint16_t>, rowGroups<uint16_t>, ownpi_CoefLinear16pl, ownpi_SummLinear16pl, ownpr_DepLinear16pl},
     {boundOf, ownpi_CoefLinear32pl, ownpi_SummLinear32pl, ownpr_DepLinear32pl},
     ownpi_SummLinear8pl,
 };

@@ -35,12 +35,27 @@ template <> struct LinearTypes<float> {
     using RowInter = double;
 };
 
+// Sixteen columns of a fixed-point row. Their taps are shuffled out of windows of sixteen bytes, each of which eight or
+// four columns share (the latter in windows 0 and 2, eight columns in all, and 1 and 3). Border columns are like others:
+// taps are clamped already.
+struct alignas(32) FixedGroup {
+    uint16_t twice[16];  // weights in Q15; 0, and the second tap for both, where 1 would not fit
+    uint8_t taps[2][32]; // bytes of the windows
+    int window[4];       // voxels that windows begin with
+};
+
+// `far` says that voxels above 32767 may occur; 8-bit rows never are.
 template <class T> struct LinearKernels {
     using Weight = typename LinearTypes<T>::Weight;
     using Inter = typename LinearTypes<T>::Inter;
+    // Fills in groups, and returns how many columns share a window; 0 where groups do not serve.
+    int (*group)(const int* base, const Weight* weights, int n, int size, FixedGroup* groups);
+    // Whole groups; returns `far` of voxels [first, first + used), those that taps lie among.
+    bool (*rowGroups)(const T* src, int first, int used, const FixedGroup* groups, int columns, int count, Inter* dst);
+    // Columns inside the row, however far apart.
     void (*row)(const T* src, const int* index, const Weight* weights, Inter* dst, int n);
-    void (*col)(const Inter* r0, const Inter* r1, Weight w, Inter* dst, int n);
-    void (*dep)(const Inter* p0, const Inter* p1, Weight w, T* dst, int n);
+    void (*col)(const Inter* r0, const Inter* r1, Weight w, bool far, Inter* dst, int n);
+    void (*dep)(const Inter* p0, const Inter* p1, Weight w, bool far, T* dst, int n);
 };
 
 // Rows of 32f, once resampled along x, are doubles already rounded to float: the passes that read them again need no

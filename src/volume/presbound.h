@@ -36,6 +36,27 @@ static inline Growth together(const Growth& a, const Growth& b) {
             a.mixed < b.mixed ? a.mixed : b.mixed};
 }
 
+// Of 16-bit voxels, only whether any may exceed 32767 is of interest.
+struct FarBound {
+    bool far;
+};
+static inline FarBound together(const FarBound& a, const FarBound& b) {
+    return {a.far || b.far};
+}
+static inline FarBound grown(const FarBound& b, const Growth&) {
+    return b;
+}
+
+// The same bounds, for elements counted from column x on.
+static inline RowBound countedFrom(RowBound b, int x) {
+    b.begin -= x;
+    b.end -= x;
+    return b;
+}
+static inline FarBound countedFrom(FarBound b, int) {
+    return b;
+}
+
 // Bits that are 0 for zeros alone.
 static inline unsigned sizeBits(float v) {
     return __builtin_bit_cast(unsigned, v) << 1;

@@ -7,7 +7,7 @@ namespace zenr {
 // What the slots of the ring of rows hold: a source row, -1 for none, and the bound of its elements.
 template <class P> struct RowTags {
     int row[P::kTaps];
-    RowBound bound[P::kTaps];
+    typename P::Bound bound[P::kTaps];
 };
 
 // Rows [begin, end) of the block, resampled from source plane p along x and y into its slot of the ring of planes.
@@ -58,7 +58,7 @@ template <class P> int depthRows(const ResizeBlock<P>& block, const DepthTaps<P>
     int again = 0;
     for (int y = 0; y < block.height; ++y) {
         const typename P::Inter* rows[P::kTaps];
-        RowBound bound = block.ringBounds(taps.plane[0])[y];
+        typename P::Bound bound = block.ringBounds(taps.plane[0])[y];
         for (int k = 0; k < P::kTaps; ++k) {
             rows[k] = block.ringPlane(taps.plane[k]) + ptrdiff_t(y) * block.stride;
             bound = together(bound, block.ringBounds(taps.plane[k])[y]);

@@ -78,7 +78,8 @@ template <class P> size_t layOut(Arena arena, int width, int height, ResizeBlock
     block->rowWeights = arena.take<typename P::Weights>(size_t(height));
     block->rowRing = arena.take<typename P::RowInter>(P::kTaps * stride);
     block->planeRing = arena.take<typename P::Inter>(P::kTaps * stride * size_t(height));
-    block->planeBounds = arena.take<RowBound>(P::kTaps * size_t(height));
+    block->groups = arena.take<FixedGroup>(P::kGroups ? roundUp(size_t(width), 16) / 16 : 0);
+    block->planeBounds = arena.take<typename P::Bound>(P::kTaps * size_t(height));
     return arena.used();
 }
 
@@ -111,21 +112,23 @@ template <class P> void moveRange(const ResizeBlock<P>& block, RowBound* bound) 
     bound->begin = bound->begin == 0 ? 0 : firstFrom(begin - P::kFirstTap - P::kTaps + 1);
     bound->end = end == last ? block.width : firstFrom(end - P::kFirstTap);
 }
+template <class P> void moveRange(const ResizeBlock<P>&, FarBound*) {}
 
 // A source row, resampled along x; the bounds of the result.
 template <class P>
-RowBound resampleRow(const ResizeBlock<P>& block, const typename P::Voxel* src, typename P::RowInter* dst) {
+typename P::Bound resampleRow(const ResizeBlock<P>& block, const typename P::Voxel* src, typename P::RowInter* dst) {
+    if constexpr (P::kGroups)
+        if (block.groupWidth)
+            return {block.kernels->rowGroups(src, block.firstColumn, block.usedColumns, block.groups, block.groupWidth,
+                                             (block.width + 15) / 16, dst)};
     const int interior = block.columns.interior;
     const int trailing = block.columns.trailing;
-    RowBound bound = P::sourceBound(*block.kernels, src + block.firstColumn, block.usedColumns);
+    typename P::Bound bound = P::sourceBound(*block.kernels, src + block.firstColumn, block.usedColumns);
     moveRange(block, &bound);
-    const Care care = block.exactColumns && isClose(bound) ? Care::none : P::rowCare(bound, block.columnGrowth);
-    RowBound inner = bound;
-    inner.begin -= interior;
-    inner.end -= interior;
+    const Care care = P::rowCare(bound, block.exactColumns, block.columnGrowth);
     if (trailing > interior)
         P::row(*block.kernels, src, dst + interior, block.index + interior, block.weights + interior, block.weightStep,
-               block.guarded + interior, inner, care, trailing - interior);
+               block.guarded + interior, countedFrom(bound, interior), care, trailing - interior);
     borderColumns<P>(block, src, bound, care, dst, 0, interior);
     borderColumns<P>(block, src, bound, care, dst, trailing, block.width);
     return grown(bound, block.columnGrowth);
@@ -137,7 +140,7 @@ template <class P, bool border>
 void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, int p, int begin, int end,
                RowTags<P>* tags) {
     typename P::Inter* const plane = block.ringPlane(p);
-    RowBound* const bounds = block.ringBounds(p);
+    typename P::Bound* const bounds = block.ringBounds(p);
     for (int y = begin; y < end; ++y) {
         int taps[P::kTaps];
         if (border)
@@ -147,7 +150,7 @@ void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, 
 
         // Rows that the last destination row left in the ring stay; the others are resampled along x.
         const typename P::RowInter* rows[P::kTaps];
-        RowBound bound{};
+        typename P::Bound bound{};
         for (int k = 0; k < P::kTaps; ++k) {
             const int slot = taps[k] & (P::kTaps - 1);
             if (tags->row[slot] != taps[k]) {
@@ -234,6 +237,8 @@ template <class P> void tabulateColumns(const P& policy, ResizeBlock<P>* block, 
     block->firstColumn = axis.clamped(block->index[0] + P::kFirstTap);
     const int last = axis.clamped(block->index[block->width - 1] + P::kFirstTap + P::kTaps - 1);
     block->usedColumns = last - block->firstColumn + 1;
+    if constexpr (P::kGroups)
+        block->groupWidth = block->kernels->group(block->index, block->weights, block->width, axis.size, block->groups);
 }
 
 template <class P> void tabulateRows(const P& policy, ResizeBlock<P>* block, int first) {

@@ -66,77 +66,99 @@ template <class P> struct ResizeBlock;
 
 // Interpolation policies. A policy knows its number of taps, how a base index becomes taps, and how its passes are
 // called; the worker knows everything else.
+// The border rule of linear taps: before the volume both are its first voxel, after it both its last.
+inline void linearBorderTaps(const AxisMap& axis, int base, int* taps) {
+    taps[0] = axis.clamped(base);
+    taps[1] = base < 0 ? 0 : axis.clamped(base + 1);
+}
+
+// Integers in fixed point.
 template <class T> struct Linear {
     using Voxel = T;
-    using Inter = typename LinearTypes<T>::Inter;       // of planes resampled along x and y
-    using RowInter = typename LinearTypes<T>::RowInter; // of rows resampled along x
-    using Weight = typename LinearTypes<T>::RowWeight;  // of a row's column, as stored
-    using Weights = typename LinearTypes<T>::Weight;    // of a destination row or slice
+    using Inter = uint16_t;    // of planes resampled along x and y
+    using RowInter = uint16_t; // of rows resampled along x
+    using Weight = uint16_t;   // of a row's column, as stored
+    using Weights = uint16_t;  // of a destination row or slice
+    using Bound = FarBound;
     using Kernels = LinearKernels<T>;
     static constexpr int kTaps = 2;
     static constexpr int kFirstTap = 0; // relative to the base index
     static constexpr int kWeightsPerColumn = 1;
     static constexpr bool kDoubts = false; // whether the depth pass leaves voxels to be done again
+    static constexpr bool kGroups = true;  // whether a row's columns may be done in groups, border included
     int mode;
 
-    Weights weights(float f) const {
-        if constexpr (sizeof(T) < 4)
-            return weightQ14(f);
-        else
-            return f;
-    }
+    Weights weights(float f) const { return weightQ14(f); }
     static void store(const Weights& w, Weight* column, int) { *column = w; }
-
-    // The border rule: before the volume both taps are its first voxel, after it both its last.
-    static void borderTaps(const AxisMap& axis, int base, int* taps) {
-        taps[0] = axis.clamped(base);
-        taps[1] = base < 0 ? 0 : axis.clamped(base + 1);
+    static void borderTaps(const AxisMap& axis, int base, int* taps) { linearBorderTaps(axis, base, taps); }
+    static Growth growth(const Weights&) { return {1, 1, 1}; }
+    static Care rowCare(const Bound&, bool, const Growth&) { return Care::none; }
+    static Bound sourceBound(const Kernels&, const T*, int) { return {sizeof(T) == 2}; }
+    static void row(const Kernels& k, const T* src, RowInter* dst, const int* index, const Weight* weights, int,
+                    const int*, const Bound&, Care, int n) {
+        k.row(src, index, weights, dst, n);
     }
+    static void column(const Kernels& k, const RowInter* const* r, const Weights& w, const Bound& bound, Inter* dst,
+                       int n) {
+        k.col(r[0], r[1], w, bound.far, dst, n);
+    }
+    static void depth(const Kernels& k, const Inter* const* p, const Weights& w, const Bound& bound, T* dst, int n) {
+        k.dep(p[0], p[1], w, bound.far, dst, n);
+    }
+};
 
-    // Fixed point needs no bounds. No pass makes an element larger than its operands, nor smaller than its share of the
-    // least; sums are multiples of the last place of f, which also is that of 1 - f. Weights next to 0 and 1 do not
-    // keep the latter, and the half-way test does not serve them.
+template <> struct Linear<float> {
+    using Voxel = float;
+    using Inter = float;
+    using RowInter = double;
+    using Weight = double;
+    using Weights = float;
+    using Bound = RowBound;
+    using Kernels = LinearKernels<float>;
+    static constexpr int kTaps = 2;
+    static constexpr int kFirstTap = 0;
+    static constexpr int kWeightsPerColumn = 1;
+    static constexpr bool kDoubts = false;
+    static constexpr bool kGroups = false;
+    int mode;
+
+    Weights weights(float f) const { return f; }
+    static void store(const Weights& w, Weight* column, int) { *column = w; }
+    static void borderTaps(const AxisMap& axis, int base, int* taps) { linearBorderTaps(axis, base, taps); }
+
+    // No pass makes an element larger than its operands, nor smaller than its share of the least; sums are multiples of
+    // the last place of f, which also is that of 1 - f. Weights next to 0 and 1 do not keep the latter, and the half-way
+    // test does not serve them.
     static Growth growth(const Weights& w) {
-        if (sizeof(T) < 4 || w == 0) return {1, 1, 1};
-        const float rest = 1 - float(w);
-        const float share = float(w) < rest ? float(w) : rest;
+        if (w == 0) return {1, 1, 1};
+        const float rest = 1 - w;
+        const float share = w < rest ? w : rest;
         if (!(share >= 0x1p-10f)) return {1, 0, 0};
-        return {1, share * 0.99f, isShort(w) ? 0x1p-10f : float(w) * 0x1p-24f};
+        return {1, share * 0.99f, isShort(w) ? 0x1p-10f : w * 0x1p-24f};
     }
-    static Care columnCare(const RowBound& b, const Weights& w) {
-        if (sizeof(T) < 4) return Care::none;
-        if (isShort(w)) return isClose(b) ? Care::none : Care::full;
-        return rowCare(b, growth(w));
-    }
-    static Care rowCare(const RowBound& b, const Growth& g) {
+    static Care halfwayCare(const Bound& b, const Growth& g) {
         return isNormal(grown(b, g)) ? Care::halfway : Care::full;
     }
+    static Care columnCare(const Bound& b, const Weights& w) {
+        if (isShort(w)) return isClose(b) ? Care::none : Care::full;
+        return halfwayCare(b, growth(w));
+    }
+    static Care rowCare(const Bound& b, bool exactColumns, const Growth& g) {
+        return exactColumns && isClose(b) ? Care::none : halfwayCare(b, g);
+    }
     static bool exactColumn(const Weights& w) { return isShort(w); }
-    static RowBound sourceBound(const Kernels& k, const T* src, int n) {
-        if constexpr (sizeof(T) == 4)
-            return k.boundOf(src, n);
-        else
-            return {0, 0, false, 0, n};
+    static Bound sourceBound(const Kernels& k, const float* src, int n) { return k.boundOf(src, n); }
+    static void row(const Kernels& k, const float* src, RowInter* dst, const int* index, const Weight* weights, int,
+                    const int* guarded, const Bound& bound, Care care, int n) {
+        k.row(src, index, weights, guarded, bound, care, dst, n);
     }
-    static void row(const Kernels& k, const T* src, RowInter* dst, const int* index, const Weight* weights, int,
-                    const int* guarded, const RowBound& bound, Care care, int n) {
-        if constexpr (sizeof(T) == 4)
-            k.row(src, index, weights, guarded, bound, care, dst, n);
-        else
-            k.row(src, index, weights, dst, n);
-    }
-    static void column(const Kernels& k, const RowInter* const* r, const Weights& w, const RowBound& bound, Inter* dst,
+    static void column(const Kernels& k, const RowInter* const* r, const Weights& w, const Bound& bound, Inter* dst,
                        int n) {
-        if constexpr (sizeof(T) == 4)
-            k.col(r[0], r[1], w, bound, columnCare(bound, w), dst, n);
-        else
-            k.col(r[0], r[1], w, dst, n);
+        k.col(r[0], r[1], w, bound, columnCare(bound, w), dst, n);
     }
-    static void depth(const Kernels& k, const Inter* const* p, const Weights& w, const RowBound& bound, T* dst, int n) {
-        if constexpr (sizeof(T) == 4)
-            k.dep(p[0], p[1], w, bound, columnCare(bound, w), dst, n);
-        else
-            k.dep(p[0], p[1], w, dst, n);
+    static void depth(const Kernels& k, const Inter* const* p, const Weights& w, const Bound& bound, float* dst,
+                      int n) {
+        k.dep(p[0], p[1], w, bound, columnCare(bound, w), dst, n);
     }
 };
 
@@ -152,7 +174,9 @@ template <class T> struct Cubic {
     static constexpr int kTaps = 4;
     static constexpr int kFirstTap = -1;
     static constexpr int kWeightsPerColumn = 4;
+    using Bound = RowBound;
     static constexpr bool kDoubts = false;
+    static constexpr bool kGroups = false;
     int mode;
 
     Weights weights(float f) const {
@@ -176,7 +200,9 @@ template <class T> struct Cubic {
                    ? Care::none
                    : Care::full;
     }
-    static Care rowCare(const RowBound&, const Growth&) { return Care::full; }
+    static Care rowCare(const RowBound& b, bool exactColumns, const Growth&) {
+        return exactColumns && isClose(b) ? Care::none : Care::full;
+    }
     // Integer voxels: products of 8 or 16 bits with 24 bits of a weight, in sums of less than twice the largest voxel,
     // lose none of 53 bits unless a weight is tiny.
     static bool exactColumn(const Weights& w) {
@@ -255,6 +281,7 @@ template <class P> constexpr bool tapsInside(int base, int size) {
 template <class P> struct ResizeBlock {
     using Inter = typename P::Inter;
     using RowInter = typename P::RowInter;
+    using Bound = typename P::Bound;
 
     const typename P::Kernels* kernels;
     AxisMap axis[3];
@@ -273,11 +300,13 @@ template <class P> struct ResizeBlock {
     typename P::Weights* rowWeights; // per row
     RowInter* rowRing;
     Inter* planeRing;
-    bool exactColumns;     // none of them is guarded
-    Growth columnGrowth;   // of rows resampled along x
-    RowBound* planeBounds; // per row of each plane in the ring
+    bool exactColumns;   // none of them is guarded
+    Growth columnGrowth; // of rows resampled along x
+    FixedGroup* groups;  // of columns, if groupWidth is not 0
+    int groupWidth;      // columns that share a window
+    Bound* planeBounds;  // per row of each plane in the ring
 
-    RowBound* ringBounds(int p) const { return planeBounds + ptrdiff_t(p & (P::kTaps - 1)) * height; }
+    Bound* ringBounds(int p) const { return planeBounds + ptrdiff_t(p & (P::kTaps - 1)) * height; }
     RowInter* ringRow(int r) const { return rowRing + ptrdiff_t(r & (P::kTaps - 1)) * stride; }
     Inter* ringPlane(int p) const { return planeRing + ptrdiff_t(p & (P::kTaps - 1)) * stride * height; }
 };

@@ -359,26 +359,26 @@ TEST(ResizeRounding, FixedPointStages) {
     for (Level level : zenrtest::levels()) {
         const AllLinearKernels& k = linearKernels(level);
         for (int w = 0; w <= 16384; w += zenrtest::rounds(30) == 1 ? 2048 : w < 16 || w > 16368 ? 1 : 13) {
-            for (int limit : {16320, 65535}) {
+            for (int limit : {16320, 32767, 65535}) {
                 for (int i = 0; i < n; ++i) {
                     a[i] = uint16_t(i % 3 ? r.bits() % (limit + 1) : r.bits() % 2 * limit);
                     b[i] = uint16_t(i % 5 ? r.bits() % (limit + 1) : r.bits() % 2 * limit);
                 }
                 const auto sum = [&](int i) { return (long long)b[i] * w + (long long)a[i] * (16384 - w); };
                 if (limit == 16320) {
-                    k.u8.col(a.data(), b.data(), uint16_t(w), out16.data(), n);
+                    k.u8.col(a.data(), b.data(), uint16_t(w), false, out16.data(), n);
                     for (int i = 0; i < n; ++i)
                         ASSERT_EQ(out16[i], (sum(i) + 8192) >> 14) << w << ' ' << a[i] << ' ' << b[i];
-                    k.u8.dep(a.data(), b.data(), uint16_t(w), out8.data(), n);
+                    k.u8.dep(a.data(), b.data(), uint16_t(w), false, out8.data(), n);
                     for (int i = 0; i < n; ++i)
                         ASSERT_EQ(out8[i], (sum(i) + 524288) >> 20) << w << ' ' << a[i] << ' ' << b[i];
                     k.plane8(a.data(), b.data(), uint16_t(w), out8.data(), n);
                     for (int i = 0; i < n; ++i) ASSERT_EQ(out8[i], (sum(i) + 524288) >> 20);
                 } else {
-                    k.u16.col(a.data(), b.data(), uint16_t(w), out16.data(), n);
+                    k.u16.col(a.data(), b.data(), uint16_t(w), limit > 32767, out16.data(), n);
                     for (int i = 0; i < n; ++i)
                         ASSERT_EQ(out16[i], (sum(i) + 8192) >> 14) << w << ' ' << a[i] << ' ' << b[i];
-                    k.u16.dep(a.data(), b.data(), uint16_t(w), out16.data(), n);
+                    k.u16.dep(a.data(), b.data(), uint16_t(w), limit > 32767, out16.data(), n);
                     for (int i = 0; i < n; ++i) ASSERT_EQ(out16[i], (sum(i) + 8192) >> 14);
                 }
             }
