@@ -2,6 +2,7 @@
 #include "volume/pirescub.h"
 
 #include "volume/presguard.h"
+#include "volume/presscan.h"
 #include "volume/preswindow.h"
 
 namespace zenr {
@@ -340,8 +341,8 @@ constexpr auto ownpr_DepCubic32pl = &colCubic<float>;
 
 extern const CubicKernels kCubic;
 const CubicKernels kCubic = {
-    boundOf,           ownpi_RowCubic8pl,  ownpi_RowCubic16pl, ownpi_RowCubic32pl, ownpi_ColCubic32pl,
-    ownpr_DepCubic8pl, ownpr_DepCubic16pl, ownpr_DepCubic32pl};
+    boundOf<uint8_t>,   boundOf<uint16_t>,  boundOf,           ownpi_RowCubic8pl,  ownpi_RowCubic16pl,
+    ownpi_RowCubic32pl, ownpi_ColCubic32pl, ownpr_DepCubic8pl, ownpr_DepCubic16pl, ownpr_DepCubic32pl};
 
 extern const QuickCubicKernels kQuickCubic;
 const QuickCubicKernels kQuickCubic = {quickRow, quickColumn, quickDepth, quickVoxel};

@@ -3,6 +3,7 @@
 
 #include "volume/presfixed.h"
 #include "volume/presguard.h"
+#include "volume/presscan.h"
 #include "volume/preswindow.h"
 
 namespace zenr {

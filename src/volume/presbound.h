@@ -57,40 +57,6 @@ static inline FarBound countedFrom(FarBound b, int) {
     return b;
 }
 
-// Bits that are 0 for zeros alone.
-static inline unsigned sizeBits(float v) {
-    return __builtin_bit_cast(unsigned, v) << 1;
-}
-static inline unsigned sizeBits(unsigned char v) {
-    return v;
-}
-static inline unsigned sizeBits(unsigned short v) {
-    return v;
-}
-
-// The first element that is not 0, or n.
-template <class T> static inline int zerosBefore(const T* v, int n) {
-    int x = 0;
-    for (; n - x >= 64; x += 64) {
-        unsigned any = 0;
-        for (int i = 0; i < 64; ++i) any |= sizeBits(v[x + i]);
-        if (any) break;
-    }
-    while (x < n && v[x] == 0) ++x;
-    return x;
-}
-// One behind the last, or `begin`.
-template <class T> static inline int zerosAfter(const T* v, int begin, int n) {
-    int x = n;
-    for (; x - begin >= 64; x -= 64) {
-        unsigned any = 0;
-        for (int i = 0; i < 64; ++i) any |= sizeBits(v[x - 64 + i]);
-        if (any) break;
-    }
-    while (x > begin && v[x - 1] == 0) --x;
-    return x;
-}
-
 // Elements so close to each other (and zeros) that sums with short weights are exact in double: in units of 2^-10 of
 // the least element's last place, they stay below 2^53.
 static inline bool isClose(const RowBound& bound) {

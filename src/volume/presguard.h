@@ -27,39 +27,6 @@ namespace zenr {
 namespace ZENR_LEVEL {
 namespace {
 
-// The bounds of a row of voxels. Infinities and NaNs are left out of `most`: sums with those are the same in any
-// precision.
-inline RowBound boundOf(const float* v, int n) {
-#if defined(__AVX2__)
-    unsigned most = 0;
-    unsigned least = ~0u; // of nonzero ones, less 1: zeros wrap to the largest number
-    unsigned any = 0;
-    for (int i = 0; i < n; ++i) {
-        const unsigned bits = unsigned(bitsOf(v[i]));
-        const unsigned size = bits << 1;
-        any |= bits;
-        most = size > most ? size : most;
-        least = size - 1 < least ? size - 1 : least;
-    }
-    const bool mixed = any >> 31;
-    const int begin = zerosBefore(v, n), end = zerosAfter(v, begin, n);
-    if (most == 0) return {0, 0x1p100f, mixed, begin, end};
-    if (most < 0xFF000000u)
-        return {__builtin_bit_cast(float, most >> 1), __builtin_bit_cast(float, (least + 1) >> 1), mixed, begin, end};
-    int finiteMost = 0x00800000;
-    for (int i = 0; i < n; ++i) {
-        const int size = bitsOf(v[i]) & 0x7FFFFFFF;
-        const int finite = size < 0x7F800000 ? size : 0;
-        finiteMost = finite > finiteMost ? finite : finiteMost;
-    }
-    return {__builtin_bit_cast(float, finiteMost), 0, true, begin, end};
-#else
-    // Nobody asks at this level.
-    (void)v;
-    return {1, 0, true, 0, n};
-#endif
-}
-
 #if defined(__AVX2__)
 struct Eight {
     __m256d low, high;

@@ -88,29 +88,46 @@ template <class P> size_t scratchBytes(int width, int height) {
     return layOut<P>(Arena(nullptr), width, height, &block);
 }
 
+// The first column whose base index is not below `base`.
+inline int firstFrom(const int* index, int width, int base) {
+    int low = 0, high = width;
+    while (low < high) {
+        const int middle = (low + high) / 2;
+        if (index[middle] < base)
+            low = middle + 1;
+        else
+            high = middle;
+    }
+    return low;
+}
+
 // Moves begin and end of a bound from the source columns that are read to the block's columns: to those that have a tap
-// in between. Taps beyond the row are its end voxels.
+// in between, or a few more. Taps beyond the row are its end voxels.
 template <class P> void moveRange(const ResizeBlock<P>& block, RowBound* bound) {
-    const auto firstFrom = [&](int base) {
-        int low = 0, high = block.width; // the first column whose base index is not below `base`
-        while (low < high) {
-            const int middle = (low + high) / 2;
-            if (block.index[middle] < base)
-                low = middle + 1;
-            else
-                high = middle;
-        }
-        return low;
-    };
+    const int* const index = block.index;
+    const int width = block.width;
     if (bound->begin >= bound->end) {
-        bound->begin = block.width;
+        bound->begin = width;
         bound->end = 0;
         return;
     }
-    const int last = block.firstColumn + block.usedColumns;
-    const int begin = block.firstColumn + bound->begin, end = block.firstColumn + bound->end;
-    bound->begin = bound->begin == 0 ? 0 : firstFrom(begin - P::kFirstTap - P::kTaps + 1);
-    bound->end = end == last ? block.width : firstFrom(end - P::kFirstTap);
+    // Columns lie evenly, but for rounding.
+    const auto about = [&](int base) { return int((double(base) - index[0]) * block.columnsPerVoxel); };
+    const int margin = int(block.columnsPerVoxel) + 2;
+    if (bound->begin > 0) {
+        const int base = block.firstColumn + bound->begin - P::kFirstTap - P::kTaps + 1;
+        int x = about(base) - margin;
+        x = x < 0 ? 0 : x < width ? x : width;
+        bound->begin = x == 0 || index[x - 1] < base ? x : firstFrom(index, width, base);
+    }
+    if (bound->end < block.usedColumns) {
+        const int base = block.firstColumn + bound->end - P::kFirstTap;
+        int x = about(base) + margin;
+        x = x < 0 ? 0 : x < width ? x : width;
+        bound->end = x == width || index[x] >= base ? x : firstFrom(index, width, base);
+    } else {
+        bound->end = width;
+    }
 }
 template <class P> void moveRange(const ResizeBlock<P>&, FarBound*) {}
 
@@ -237,6 +254,8 @@ template <class P> void tabulateColumns(const P& policy, ResizeBlock<P>* block, 
     block->firstColumn = axis.clamped(block->index[0] + P::kFirstTap);
     const int last = axis.clamped(block->index[block->width - 1] + P::kFirstTap + P::kTaps - 1);
     block->usedColumns = last - block->firstColumn + 1;
+    const int voxels = block->index[block->width - 1] - block->index[0];
+    block->columnsPerVoxel = voxels > 0 ? (block->width - 1) / double(voxels) : 0;
     if constexpr (P::kGroups)
         block->groupWidth = block->kernels->group(block->index, block->weights, block->width, axis.size, block->groups);
 }

@@ -214,12 +214,12 @@ template <class T> struct Cubic {
         return true;
     }
     static RowBound sourceBound(const Kernels& k, const T* src, int n) {
-        if constexpr (sizeof(T) == 4)
-            return k.boundOf(src, n);
-        else {
-            const int begin = zerosBefore(src, n);
-            return {float(T(~T(0))), 1, false, begin, zerosAfter(src, begin, n)};
-        }
+        if constexpr (sizeof(T) == 1)
+            return k.bound8(src, n);
+        else if constexpr (sizeof(T) == 2)
+            return k.bound16(src, n);
+        else
+            return k.bound32(src, n);
     }
     static void row(const Kernels& k, const T* src, double* dst, const int* index, const double* weights,
                     int weightStep, const int* guarded, const RowBound& bound, Care care, int n) {
@@ -290,6 +290,7 @@ template <class P> struct ResizeBlock {
     int stride; // of rows of intermediates, in elements
     Runs columns;
     Runs rows;
+    double columnsPerVoxel;
     int firstColumn; // source columns that are read
     int usedColumns;
     int* index;                  // per column: base
