@@ -59,9 +59,9 @@ using DepCubicFloat = void(const float* const planes[4], const float* weights, c
                            float* dst, int n);
 
 struct CubicKernels {
-    RowBound (*bound8)(const uint8_t* v, int n);
-    RowBound (*bound16)(const uint16_t* v, int n);
-    RowBound (*bound32)(const float* v, int n);
+    void (*bound8)(const uint8_t* v, int n, RowBound* bound);
+    void (*bound16)(const uint16_t* v, int n, RowBound* bound);
+    void (*bound32)(const float* v, int n, RowBound* bound);
     RowCubic<uint8_t>* row8;
     RowCubic<uint16_t>* row16;
     RowCubic<float>* row32;

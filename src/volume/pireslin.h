@@ -63,7 +63,7 @@ template <class T> struct LinearKernels {
 // are exact in double, otherwise all ones. `bound` holds for the rows that a pass reads; without `mixed` in it, and
 // with a Care other than `full`, no element is negative.
 template <> struct LinearKernels<float> {
-    RowBound (*boundOf)(const float* v, int n);
+    void (*boundOf)(const float* v, int n, RowBound* bound);
     void (*row)(const float* src, const int* index, const double* weights, const int* guarded, const RowBound& bound,
                 Care care, double* dst, int n);
     void (*col)(const double* r0, const double* r1, float w, const RowBound& bound, Care care, float* dst, int n);

@@ -11,16 +11,16 @@ namespace zenr {
 // Elements outside [begin, end) are 0, of either sign: sums of nothing but those are exact. The background of a scan
 // makes up much of a volume.
 struct RowBound {
-    float most;
-    float least;
-    bool mixed;
-    int begin, end;
+    float most = 0;
+    float least = 0x1p127f;
+    bool mixed = false;
+    int begin = 0x7FFFFFFF, end = 0; // as it stands, a bound of nothing
 };
 
-static inline RowBound together(const RowBound& a, const RowBound& b) {
-    return {a.most > b.most ? a.most : b.most, a.least < b.least ? a.least : b.least, a.mixed || b.mixed,
-            a.begin < b.begin ? a.begin : b.begin, a.end > b.end ? a.end : b.end};
-}
+// Of 16-bit voxels, only whether any may exceed 32767 is of interest.
+struct FarBound {
+    bool far = false;
+};
 
 // How far a pass may move bounds: factors of `most`, and of `least` with and without negative elements.
 struct Growth {
@@ -28,32 +28,41 @@ struct Growth {
     float positive;
     float mixed;
 };
-static inline RowBound grown(const RowBound& b, const Growth& g) {
-    return {b.most * g.most, b.least * (b.mixed ? g.mixed : g.positive), b.mixed, b.begin, b.end};
-}
 static inline Growth together(const Growth& a, const Growth& b) {
     return {a.most > b.most ? a.most : b.most, a.positive < b.positive ? a.positive : b.positive,
             a.mixed < b.mixed ? a.mixed : b.mixed};
 }
 
-// Of 16-bit voxels, only whether any may exceed 32767 is of interest.
-struct FarBound {
-    bool far;
-};
-static inline FarBound together(const FarBound& a, const FarBound& b) {
-    return {a.far || b.far};
+// Bounds are changed field by field: a copy of a whole record waits until the stores of its fields are through.
+static inline void join(RowBound* a, const RowBound& b) {
+    a->most = a->most > b.most ? a->most : b.most;
+    a->least = a->least < b.least ? a->least : b.least;
+    a->mixed = a->mixed || b.mixed;
+    a->begin = a->begin < b.begin ? a->begin : b.begin;
+    a->end = a->end > b.end ? a->end : b.end;
 }
-static inline FarBound grown(const FarBound& b, const Growth&) {
-    return b;
+static inline void join(FarBound* a, const FarBound& b) {
+    a->far = a->far || b.far;
+}
+static inline float grownLeast(const RowBound& b, const Growth& g) {
+    return b.least * (b.mixed ? g.mixed : g.positive);
+}
+static inline void grow(const RowBound& b, const Growth& g, RowBound* to) {
+    to->most = b.most * g.most;
+    to->least = grownLeast(b, g);
+    to->mixed = b.mixed;
+    to->begin = b.begin;
+    to->end = b.end;
+}
+static inline void grow(const FarBound& b, const Growth&, FarBound* to) {
+    to->far = b.far;
 }
 
 // The same bounds, for elements counted from column x on.
-static inline RowBound countedFrom(RowBound b, int x) {
-    b.begin -= x;
-    b.end -= x;
-    return b;
+static inline RowBound countedFrom(const RowBound& b, int x) {
+    return {b.most, b.least, b.mixed, b.begin - x, b.end - x};
 }
-static inline FarBound countedFrom(FarBound b, int) {
+static inline FarBound countedFrom(const FarBound& b, int) {
     return b;
 }
 
@@ -64,8 +73,8 @@ static inline bool isClose(const RowBound& bound) {
 }
 
 // Neither an element nor a multiple of its unit is anywhere near the smallest normal float.
-static inline bool isNormal(const RowBound& bound) {
-    return bound.least >= 0x1p-100f;
+static inline bool isNormal(float least) {
+    return least >= 0x1p-100f;
 }
 
 // Weights that are multiples of 2^-10 make sums that often lie half-way between two floats.

@@ -47,7 +47,7 @@ ZENR_INLINE Largest largest(__m256i a, __m256i b) {
 }
 
 // Infinities and NaNs are left out of `most`: sums with those are the same in any precision.
-inline RowBound boundOf(const float* v, int n) {
+inline void boundOf(const float* v, int n, RowBound* bound) {
     const Middle middle = middleOf(v, n);
     const int begin = middle.begin, end = middle.end;
     // Sizes are bits without the sign, doubled. Negated as unsigned numbers they keep their order the other way round,
@@ -66,26 +66,38 @@ inline RowBound boundOf(const float* v, int n) {
         for (int x = begin; x < end; ++x) take(_mm256_set1_epi32(bitsOf(v[x])));
     const bool mixed = _mm256_movemask_ps(_mm256_castsi256_ps(any)) != 0;
     const Largest size = largest(most, least);
-    if (size.a == 0) return {0, 0x1p100f, mixed, begin, end};
-    if (size.a < 0xFF000000u)
-        return {__builtin_bit_cast(float, size.a >> 1), __builtin_bit_cast(float, -size.b >> 1), mixed, begin, end};
+    bound->begin = begin;
+    bound->end = end;
+    bound->mixed = mixed;
+    if (size.a == 0) {
+        bound->most = 0;
+        bound->least = 0x1p100f;
+        return;
+    }
+    if (size.a < 0xFF000000u) {
+        bound->most = __builtin_bit_cast(float, size.a >> 1);
+        bound->least = __builtin_bit_cast(float, -size.b >> 1);
+        return;
+    }
     int finiteMost = 0x00800000;
     for (int i = begin; i < end; ++i) {
         const int bits = bitsOf(v[i]) & 0x7FFFFFFF;
         const int finite = bits < 0x7F800000 ? bits : 0;
         finiteMost = finite > finiteMost ? finite : finiteMost;
     }
-    return {__builtin_bit_cast(float, finiteMost), 0, true, begin, end};
+    bound->most = __builtin_bit_cast(float, finiteMost);
+    bound->least = 0;
+    bound->mixed = true;
 }
 // Integers differ in their zeros only.
-template <class T> RowBound boundOf(const T* v, int n) {
+template <class T> void boundOf(const T* v, int n, RowBound* bound) {
     const Middle middle = middleOf(v, n);
-    return {float(T(~T(0))), 1, false, middle.begin, middle.end};
+    *bound = {float(T(~T(0))), 1, false, middle.begin, middle.end};
 }
 #else
 // Nobody asks at this level.
-template <class T> RowBound boundOf(const T*, int n) {
-    return {1, 0, true, 0, n};
+template <class T> void boundOf(const T*, int n, RowBound* bound) {
+    *bound = {1, 0, true, 0, n};
 }
 #endif
 

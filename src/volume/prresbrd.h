@@ -58,10 +58,10 @@ template <class P> int depthRows(const ResizeBlock<P>& block, const DepthTaps<P>
     int again = 0;
     for (int y = 0; y < block.height; ++y) {
         const typename P::Inter* rows[P::kTaps];
-        typename P::Bound bound = block.ringBounds(taps.plane[0])[y];
+        typename P::Bound bound;
         for (int k = 0; k < P::kTaps; ++k) {
             rows[k] = block.ringPlane(taps.plane[k]) + ptrdiff_t(y) * block.stride;
-            bound = together(bound, block.ringBounds(taps.plane[k])[y]);
+            join(&bound, block.ringBounds(taps.plane[k])[y]);
         }
         if constexpr (P::kDoubts) {
             uint64_t doubts[kMostColumns / 64];

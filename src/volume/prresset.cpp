@@ -131,24 +131,30 @@ template <class P> void moveRange(const ResizeBlock<P>& block, RowBound* bound) 
 }
 template <class P> void moveRange(const ResizeBlock<P>&, FarBound*) {}
 
-// A source row, resampled along x; the bounds of the result.
+// A source row, resampled along x, and the bounds of the result. (Bounds are written in place: a copy of a record waits
+// until the stores of its fields are through.)
 template <class P>
-typename P::Bound resampleRow(const ResizeBlock<P>& block, const typename P::Voxel* src, typename P::RowInter* dst) {
-    if constexpr (P::kGroups)
-        if (block.groupWidth)
-            return {block.kernels->rowGroups(src, block.firstColumn, block.usedColumns, block.groups, block.groupWidth,
-                                             (block.width + 15) / 16, dst)};
+void resampleRow(const ResizeBlock<P>& block, const typename P::Voxel* src, typename P::RowInter* dst,
+                 typename P::Bound* bound) {
+    if constexpr (P::kGroups) {
+        if (block.groupWidth) {
+            bound->far = block.kernels->rowGroups(src, block.firstColumn, block.usedColumns, block.groups,
+                                                  block.groupWidth, (block.width + 15) / 16, dst);
+            return;
+        }
+    }
     const int interior = block.columns.interior;
     const int trailing = block.columns.trailing;
-    typename P::Bound bound = P::sourceBound(*block.kernels, src + block.firstColumn, block.usedColumns);
-    moveRange(block, &bound);
-    const Care care = P::rowCare(bound, block.exactColumns, block.columnGrowth);
-    if (trailing > interior)
+    P::sourceBound(*block.kernels, src + block.firstColumn, block.usedColumns, bound);
+    moveRange(block, bound);
+    const Care care = P::rowCare(*bound, block.exactColumns, block.columnGrowth);
+    if (trailing > interior) {
         P::row(*block.kernels, src, dst + interior, block.index + interior, block.weights + interior, block.weightStep,
-               block.guarded + interior, countedFrom(bound, interior), care, trailing - interior);
-    borderColumns<P>(block, src, bound, care, dst, 0, interior);
-    borderColumns<P>(block, src, bound, care, dst, trailing, block.width);
-    return grown(bound, block.columnGrowth);
+               block.guarded + interior, countedFrom(*bound, interior), care, trailing - interior);
+    }
+    borderColumns<P>(block, src, *bound, care, dst, 0, interior);
+    borderColumns<P>(block, src, *bound, care, dst, trailing, block.width);
+    grow(*bound, block.columnGrowth, bound);
 }
 
 } // namespace
@@ -167,19 +173,19 @@ void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, 
 
         // Rows that the last destination row left in the ring stay; the others are resampled along x.
         const typename P::RowInter* rows[P::kTaps];
-        typename P::Bound bound{};
+        typename P::Bound bound;
         for (int k = 0; k < P::kTaps; ++k) {
             const int slot = taps[k] & (P::kTaps - 1);
             if (tags->row[slot] != taps[k]) {
                 tags->row[slot] = taps[k];
-                tags->bound[slot] = resampleRow(block, src.row(taps[k]), block.ringRow(taps[k]));
+                resampleRow(block, src.row(taps[k]), block.ringRow(taps[k]), &tags->bound[slot]);
             }
             rows[k] = block.ringRow(taps[k]);
-            bound = k == 0 ? tags->bound[slot] : together(bound, tags->bound[slot]);
+            join(&bound, tags->bound[slot]);
         }
         const typename P::Weights& weights = block.rowWeights[y];
         P::column(*block.kernels, rows, weights, bound, plane + ptrdiff_t(y) * block.stride, block.width);
-        bounds[y] = grown(bound, P::growth(weights));
+        grow(bound, P::growth(weights), &bounds[y]);
     }
 }
 

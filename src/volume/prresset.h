@@ -93,7 +93,7 @@ template <class T> struct Linear {
     static void borderTaps(const AxisMap& axis, int base, int* taps) { linearBorderTaps(axis, base, taps); }
     static Growth growth(const Weights&) { return {1, 1, 1}; }
     static Care rowCare(const Bound&, bool, const Growth&) { return Care::none; }
-    static Bound sourceBound(const Kernels&, const T*, int) { return {sizeof(T) == 2}; }
+    static void sourceBound(const Kernels&, const T*, int, Bound* bound) { bound->far = sizeof(T) == 2; }
     static void row(const Kernels& k, const T* src, RowInter* dst, const int* index, const Weight* weights, int,
                     const int*, const Bound&, Care, int n) {
         k.row(src, index, weights, dst, n);
@@ -137,7 +137,7 @@ template <> struct Linear<float> {
         return {1, share * 0.99f, isShort(w) ? 0x1p-10f : w * 0x1p-24f};
     }
     static Care halfwayCare(const Bound& b, const Growth& g) {
-        return isNormal(grown(b, g)) ? Care::halfway : Care::full;
+        return isNormal(grownLeast(b, g)) ? Care::halfway : Care::full;
     }
     static Care columnCare(const Bound& b, const Weights& w) {
         if (isShort(w)) return isClose(b) ? Care::none : Care::full;
@@ -147,7 +147,7 @@ template <> struct Linear<float> {
         return exactColumns && isClose(b) ? Care::none : halfwayCare(b, g);
     }
     static bool exactColumn(const Weights& w) { return isShort(w); }
-    static Bound sourceBound(const Kernels& k, const float* src, int n) { return k.boundOf(src, n); }
+    static void sourceBound(const Kernels& k, const float* src, int n, Bound* bound) { k.boundOf(src, n, bound); }
     static void row(const Kernels& k, const float* src, RowInter* dst, const int* index, const Weight* weights, int,
                     const int* guarded, const Bound& bound, Care care, int n) {
         k.row(src, index, weights, guarded, bound, care, dst, n);
@@ -213,13 +213,13 @@ template <class T> struct Cubic {
         }
         return true;
     }
-    static RowBound sourceBound(const Kernels& k, const T* src, int n) {
+    static void sourceBound(const Kernels& k, const T* src, int n, RowBound* bound) {
         if constexpr (sizeof(T) == 1)
-            return k.bound8(src, n);
+            k.bound8(src, n, bound);
         else if constexpr (sizeof(T) == 2)
-            return k.bound16(src, n);
+            k.bound16(src, n, bound);
         else
-            return k.bound32(src, n);
+            k.bound32(src, n, bound);
     }
     static void row(const Kernels& k, const T* src, double* dst, const int* index, const double* weights,
                     int weightStep, const int* guarded, const RowBound& bound, Care care, int n) {
@@ -255,7 +255,7 @@ struct QuickCubic : Cubic<uint8_t> {
     }
     static constexpr bool kDoubts = true;
     static bool exactColumn(const Weights&) { return true; }
-    static RowBound sourceBound(const Kernels&, const uint8_t*, int n) { return {0, 0, false, 0, n}; }
+    static void sourceBound(const Kernels&, const uint8_t*, int n, RowBound* bound) { *bound = {0, 0, false, 0, n}; }
     static void row(const Kernels& k, const uint8_t* src, float* dst, const int* index, const float* weights,
                     int weightStep, const int*, const RowBound&, Care, int n) {
         k.row(src, dst, index, weights, weightStep, n);
