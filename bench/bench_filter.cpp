@@ -7,34 +7,17 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <chrono>
 #include <random>
 #include <vector>
 
 #include "filter/filter_tables.h"
 #include "filter_peers.h"
 #include "filter_plain.h"
+#include "timing.h"
 
 namespace {
 
 constexpr int kMargin = 8;
-
-double now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-// Best of several runs: the machine is shared.
-template <class F> double seconds(const F& f, double atLeast = 0.25) {
-    double best = 1e9;
-    for (double total = 0; total < atLeast || best == 1e9;) {
-        const double t = now();
-        f();
-        const double d = now() - t;
-        best = d < best ? d : best;
-        total += d;
-    }
-    return best;
-}
 
 struct Volume {
     int size;
@@ -149,18 +132,20 @@ int main(int argc, char** argv) {
                                 k.size,
                                 k.size,
                                 k.divisor};
-        const double byVoxel = seconds([&] { plainFilterVoxels(plain); }, 0) * perVoxel;
-        const double byRow = seconds([&] { plainFilterRows(plain); }, 0) * perVoxel;
+        const double byVoxel = leastSeconds(wallSeconds, 0, [&] { plainFilterVoxels(plain); }) * perVoxel;
+        const double byRow = leastSeconds(wallSeconds, 0, [&] { plainFilterRows(plain); }) * perVoxel;
         printf("%-20s %8.2f %8.2f", k.name, byVoxel, byRow);
         double best = 0;
         for (const auto& table : tables) {
-            best = seconds([&] {
-                       zenr::WideScope scope(table.level);
-                       zenr::ownFilter(table.kernels,
-                                       zenr::ownFilterJob(src.planes.data() + kMargin, int(src.step * 2),
-                                                          dst.targets.data(), n * 2, {n, n, n}, k.weights.data(),
-                                                          {k.size, k.size, k.size}, {half, half, half}, k.divisor));
-                   }) *
+            best = leastSeconds(wallSeconds, 0.25,
+                                [&] {
+                                    zenr::WideScope scope(table.level);
+                                    zenr::ownFilter(table.kernels,
+                                                    zenr::ownFilterJob(src.planes.data() + kMargin, int(src.step * 2),
+                                                                       dst.targets.data(), n * 2, {n, n, n},
+                                                                       k.weights.data(), {k.size, k.size, k.size},
+                                                                       {half, half, half}, k.divisor));
+                                }) *
                    perVoxel;
             printf(" %8.3f", best);
             if (dst.data != expected.data) printf(" WRONG"), wrong = true;
@@ -170,7 +155,7 @@ int main(int argc, char** argv) {
             const int width = int(strlen(p->name)) + 2;
             if (p->prepare(dense.data(), n, k.weights.data(), k.axis.empty() ? nullptr : k.axis.data(), k.size,
                            k.divisor))
-                printf("%*.2f", width, seconds(p->run, 0) * perVoxel / best);
+                printf("%*.2f", width, leastSeconds(wallSeconds, 0, p->run) * perVoxel / best);
             else
                 printf("%*s", width, "");
             fflush(stdout);

@@ -8,7 +8,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <random>
@@ -17,10 +16,11 @@
 
 #include "intersect/intersect.h"
 #include "meshes.h"
+#include "timing.h"
 #include "zencore.h"
 #include "zenr.h"
 #ifdef ZENR_HAVE_EMBREE
-#include <embree3/rtcore.h>
+#include "embree_mesh.h"
 #endif
 
 namespace {
@@ -42,21 +42,14 @@ struct Options {
     FILE* json = nullptr;
 };
 
-// One thread's processor time, so that other load on the machine counts less.
-double now() {
-    timespec t;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
-}
-
 // Least time of several runs of `work`, each after `prepare`, within about so many seconds.
 template <class Prepare, class Work> double best(double seconds, const Prepare& prepare, const Work& work) {
     double least = 1e9, spent = 0;
     for (int i = 0; i < 2 || spent < seconds; ++i) {
         prepare();
-        const double begin = now();
+        const double begin = threadSeconds();
         work();
-        const double took = now() - begin;
+        const double took = threadSeconds() - begin;
         least = std::min(least, took);
         spent += took;
     }
@@ -323,14 +316,7 @@ public:
     Peer(const Mesh& mesh, const char* config, bool robust, bool filtered) : device_(rtcNewDevice(config)) {
         scene_ = rtcNewScene(device_);
         if (robust) rtcSetSceneFlags(scene_, RTC_SCENE_FLAG_ROBUST);
-        RTCGeometry geometry = rtcNewGeometry(device_, RTC_GEOMETRY_TYPE_TRIANGLE);
-        memcpy(rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 12,
-                                       size_t(mesh.vertexCount())),
-               mesh.vertices.data(), mesh.vertices.size() * 4);
-        uint32_t* index = static_cast<uint32_t*>(rtcSetNewGeometryBuffer(
-            geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 12, size_t(mesh.triangleCount())));
-        for (int t = 0; t < mesh.triangleCount(); ++t)
-            for (int v = 0; v < 3; ++v) index[3 * t + v] = uint32_t(mesh.triangles[4 * size_t(t) + size_t(v)]);
+        RTCGeometry geometry = embreeMesh(device_, mesh);
         if (filtered) rtcSetGeometryIntersectFilterFunction(geometry, gatherHit);
         rtcCommitGeometry(geometry);
         rtcAttachGeometry(scene_, geometry);

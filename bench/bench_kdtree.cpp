@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -23,10 +22,11 @@
 #include "meshes.h"
 #include "reference/meshes.h"
 #include "reference/sah_reference.h"
+#include "timing.h"
 #include "zencore.h"
 #include "zenr.h"
 #ifdef ZENR_HAVE_EMBREE
-#include <embree3/rtcore.h>
+#include "embree_mesh.h"
 #endif
 
 // The builder that is linked in beside the library's own reads the clock at every phase.
@@ -37,10 +37,6 @@ namespace {
 using reference::Mesh;
 
 int rounds = 3;
-
-double now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
 
 struct Result {
     ZenStatus status = zenStsNoErr;
@@ -56,11 +52,11 @@ Result build(const Mesh& mesh, float ratio, int threads, uint32_t budget) {
     for (int round = 0; round < rounds; ++round) {
         if (result.tree) zenrKDTreeFree(result.tree);
         result.tree = nullptr;
-        const double start = now();
+        const double start = wallSeconds();
         result.status = zenrKDTreeBuildAlloc(&result.tree, mesh.vertices.data(), mesh.triangles.data(),
                                              mesh.vertexCount(), mesh.triangleCount(), &result.bytes, &params);
         if (result.status != zenStsNoErr) break;
-        result.seconds = std::min(result.seconds, now() - start);
+        result.seconds = std::min(result.seconds, wallSeconds() - start);
     }
     return result;
 }
@@ -136,20 +132,13 @@ Peer peer(const Mesh& mesh) {
             &bytes);
         RTCScene scene = rtcNewScene(device);
         rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_MEDIUM);
-        RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
-        memcpy(rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 12,
-                                       size_t(mesh.vertexCount())),
-               mesh.vertices.data(), mesh.vertices.size() * 4);
-        uint32_t* index = static_cast<uint32_t*>(rtcSetNewGeometryBuffer(
-            geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 12, size_t(mesh.triangleCount())));
-        for (int t = 0; t < mesh.triangleCount(); ++t)
-            for (int v = 0; v < 3; ++v) index[3 * t + v] = uint32_t(mesh.triangles[4 * size_t(t) + v]);
-        const double start = now();
+        RTCGeometry geometry = embreeMesh(device, mesh);
+        const double start = wallSeconds();
         rtcCommitGeometry(geometry);
         rtcAttachGeometry(scene, geometry);
         rtcReleaseGeometry(geometry);
         rtcCommitScene(scene);
-        const double seconds = now() - start;
+        const double seconds = wallSeconds() - start;
         if (round == 0 || seconds < best.seconds) best.seconds = seconds;
         best.bytes = double(bytes);
         rtcReleaseScene(scene);

@@ -5,7 +5,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <string>
@@ -13,6 +12,7 @@
 
 #include "frame/dispatch.h"
 #include "resize_peers.h"
+#include "timing.h"
 #include "zencore.h"
 #include "zenr.h"
 
@@ -26,24 +26,9 @@ const char kUsage[] =
     "  --series      nothing but the series of sizes\n"
     "  --only TEXT   rows that contain TEXT, as in \"8u linear\" or \"cubic x1.5\"\n";
 
-// One thread is timed by its own processor time, so that other load on the machine counts less.
-double now(bool wall) {
-    timespec t;
-    clock_gettime(wall ? CLOCK_MONOTONIC : CLOCK_THREAD_CPUTIME_ID, &t);
-    return t.tv_sec + t.tv_nsec * 1e-9;
-}
-
-// The best of several runs.
-template <class F> double best(bool wall, double budget, const F& f) {
-    double least = 1e9, spent = 0;
-    for (int i = 0; i < 20 && (i < 2 || spent < budget); ++i) {
-        const double begin = now(wall);
-        f();
-        const double took = now(wall) - begin;
-        least = std::min(least, took);
-        spent += took;
-    }
-    return least;
+// The least time of a run.
+template <class Work> double best(bool wall, double budget, const Work& work) {
+    return leastSeconds(wall ? wallSeconds : threadSeconds, budget, work, 20);
 }
 
 template <class T> constexpr const char* kTypeName = sizeof(T) == 1 ? "8u" : sizeof(T) == 2 ? "16u" : "32f";

@@ -10,7 +10,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <functional>
@@ -20,18 +19,13 @@
 
 #include "sh/prsh.h"
 #include "sh_baseline.h"
+#include "timing.h"
 #include "zencore.h"
 #include "zenr.h"
 
 using namespace zenr;
 
 namespace {
-
-double now() {
-    timespec t;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t); // of this thread: other work on the machine counts less
-    return double(t.tv_sec) + 1e-9 * double(t.tv_nsec);
-}
 
 double turnSeconds = 0.02;
 std::string only;
@@ -46,12 +40,12 @@ std::vector<double> measure(int n, const std::vector<std::function<void()>>& can
         for (size_t c = 0; c < candidates.size(); ++c) {
             candidates[c](); // warms the caches after the candidate before
             int calls = 0;
-            const double start = now();
+            const double start = threadSeconds();
             double spent;
             do {
                 for (int i = 0; i < 1 + 20000 / n; ++i) candidates[c]();
                 calls += 1 + 20000 / n;
-                spent = now() - start;
+                spent = threadSeconds() - start;
             } while (spent < turnSeconds);
             best[c] = std::min(best[c], spent / calls / n * 1e9);
         }

@@ -7,30 +7,26 @@
 #include <string.h>
 
 #include <algorithm>
-#include <chrono>
 #include <random>
 #include <vector>
 
 #include "reference/shading_reference.h"
 #include "shading/harness.h"
+#include "timing.h"
 
 namespace {
 
 using zenr::Level;
 using zenrtest::Op;
 
-double now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
 // Least time of a call, of several rounds of about a millisecond: the machine is shared.
 template <class F> double seconds(const F& f) {
     int calls = 1;
     double best = 1e9;
     for (int round = 0; round < 30; ++round) {
-        const double start = now();
+        const double start = wallSeconds();
         for (int i = 0; i < calls; ++i) f();
-        const double took = (now() - start) / calls;
+        const double took = (wallSeconds() - start) / calls;
         if (took < best) best = took;
         if (took * calls < 1e-3) calls *= 2, --round;
     }
@@ -129,10 +125,10 @@ void afterWideCalls() {
                 const zenr::WideScope scope(scoped ? level : Level::sse2);
                 zenr::shadingKernels(level).mulC1(a.data(), active.data(), a.data(), 512);
             }
-            const double start = now();
+            const double start = wallSeconds();
             V4 x = callersCode(V4{1, 2, 3, 4});
             asm volatile("" : : "x"(x));
-            times.push_back(now() - start);
+            times.push_back(wallSeconds() - start);
         }
         // The middle, not the least: a switch to another process cleans up too.
         std::nth_element(times.begin(), times.begin() + 1000, times.end());

@@ -9,12 +9,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
+#include "timing.h"
 #include "volume/prremap.h"
 #include "volume/prwarp.h"
 #include "warp_peers.h"
@@ -30,23 +30,7 @@ bool alone = false;
 FILE* json = nullptr;
 bool first = true;
 
-// One thread is timed by its own processor time, so that other load on the machine counts less.
-double now(bool wall) {
-    timespec t;
-    clock_gettime(wall ? CLOCK_MONOTONIC : CLOCK_THREAD_CPUTIME_ID, &t);
-    return t.tv_sec + t.tv_nsec * 1e-9;
-}
-template <class F> double best(bool wall, const F& f) {
-    double least = 1e9, spent = 0;
-    for (int i = 0; i < 2 || spent < 0.4; ++i) {
-        const double begin = now(wall);
-        f();
-        const double took = now(wall) - begin;
-        least = std::min(least, took);
-        spent += took;
-    }
-    return least;
-}
+constexpr double kBudget = 0.4; // seconds a row
 
 std::vector<double> wave(int n, double (*function)(double), double times) {
     std::vector<double> w;
@@ -154,7 +138,7 @@ double row(const std::string& what, int n, const std::vector<T>& src, const doub
         }
     };
     zenSetNumThreads(1);
-    const double one = best(false, run);
+    const double one = leastSeconds(threadSeconds, kBudget, run);
     printf("%-28s %8.3f ns/voxel", name.c_str(), one / voxels * 1e9);
     double fastest = 0, threads = 0;
     if (peers && !alone && levelName.empty()) {
@@ -164,7 +148,7 @@ double row(const std::string& what, int n, const std::vector<T>& src, const doub
             printf("  %s %.2fx", who, time / one);
             fastest = fastest > 0 ? std::min(fastest, time) : time;
         };
-        report("plain", best(false, [&] { plainWarp(task, src.data(), peer.data()); }));
+        report("plain", leastSeconds(threadSeconds, kBudget, [&] { plainWarp(task, src.data(), peer.data()); }));
         // Both must have done the same work. Positions that lie on an edge may fall on its other side.
         size_t apart = 0;
         const double allowed = sizeof(T) == 4 ? 2e-3 : sizeof(T) == 2 ? 4 : 1;
@@ -175,20 +159,20 @@ double row(const std::string& what, int n, const std::vector<T>& src, const doub
         }
 #if defined(ZENR_BENCH_CIMG)
         CimgWarp<T> cimg(task, src.data());
-        report("CImg", best(false, [&] { cimg.run(); }));
+        report("CImg", leastSeconds(threadSeconds, kBudget, [&] { cimg.run(); }));
 #endif
 #if defined(ZENR_BENCH_VTK)
         if (matrix) {
             VtkWarp<T> vtk(task, src.data());
-            report("VTK", best(false, [&] { vtk.run(); }));
+            report("VTK", leastSeconds(threadSeconds, kBudget, [&] { vtk.run(); }));
         }
 #endif
         printf("  fastest peer %.2fx", fastest / one);
     }
     if (!alone && levelName.empty()) {
-        const double oneWall = best(true, run);
+        const double oneWall = leastSeconds(wallSeconds, kBudget, run);
         zenSetNumThreads(2);
-        threads = oneWall / best(true, run);
+        threads = oneWall / leastSeconds(wallSeconds, kBudget, run);
         zenSetNumThreads(1);
         printf("  two threads %.2fx", threads);
     }

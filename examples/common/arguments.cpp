@@ -11,6 +11,7 @@
 namespace {
 
 constexpr int kMaxExtent = 16384;
+constexpr int kMaxTileRays = 512; // per side of a tile: bounds the memory of a thread's buffers
 
 // A decimal number that fills [*text, stop), which then ends at `stop` or at the end of the string.
 double readNumber(const std::string& option, const char*& text, char stop) {
@@ -108,4 +109,18 @@ void TreeArguments::add() {
 
 void TreeArguments::read() {
     scene_.builder = builder_ == "simple" ? Builder::simple : builder_ == "sah" ? Builder::sah : Builder::automatic;
+}
+
+void WorkArguments::add() {
+    const char* work = "Work";
+    app_.add_option("-j,--threads", work_.threads, "threads (0: as many as there are processors)")
+        ->check(within(0, 1024))
+        ->group(work);
+    app_.add_option("--tile", work_.tile, "side of a tile in pixels")->check(within(1, kMaxTileRays))->group(work);
+    app_.add_flag("-q,--quiet", work_.quiet, "no progress, no summary")->group(work);
+}
+
+void WorkArguments::read(int samples) {
+    if (work_.tile * samples > kMaxTileRays)
+        throw Failure("--tile times --samples must not exceed " + std::to_string(kMaxTileRays));
 }

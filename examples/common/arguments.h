@@ -7,8 +7,7 @@
 
 #include "camera.h"
 #include "scene.h"
-
-constexpr int kMaxTileRays = 512; // per side of a tile: bounds the memory of a thread's buffers
+#include "tiles.h"
 
 // "X,Y,Z".
 Vec readPoint(const std::string& option, const std::string& value);
@@ -54,4 +53,16 @@ private:
     CLI::App& app_;
     SceneOptions& scene_;
     std::string builder_ = "auto";
+};
+
+// How the work is shared, and whether it is talked about.
+class WorkArguments {
+public:
+    WorkArguments(CLI::App& app, WorkOptions& work) : app_(app), work_(work) {}
+    void add();
+    void read(int samples); // per side of a pixel
+
+private:
+    CLI::App& app_;
+    WorkOptions& work_;
 };

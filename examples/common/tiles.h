@@ -10,6 +10,12 @@
 #include "camera.h"
 #include "progress.h"
 
+struct WorkOptions {
+    int threads = 0; // 0: as many as the OpenMP runtime would use
+    int tile = 32;   // pixels on a side
+    bool quiet = false;
+};
+
 struct Tile {
     int column, row;   // among the tiles
     int left, top;     // pixels

@@ -14,6 +14,7 @@ std::optional<Options> readOptions(int argc, char** argv) {
                  "raytrace"};
     CameraArguments camera(app, options, options);
     TreeArguments tree(app, options);
+    WorkArguments work(app, options);
     app.option_defaults()->always_capture_default();
     app.add_option("MESH", options.mesh, "mesh file (OBJ, PLY, STL, 3DS, glTF... or a dump of --dump)")->required();
     app.add_option("-o,--output", options.output, "picture to write (raytrace.png)");
@@ -32,22 +33,15 @@ std::optional<Options> readOptions(int argc, char** argv) {
     app.add_option("--gloss", options.gloss, "reflectivity of the mesh")->check(within(0.0, 1.0))->group(scene);
     app.add_flag("--flat", options.flat, "facets instead of smooth normals")->group(scene);
     tree.add();
-
-    const char* work = "Work";
-    app.add_option("-j,--threads", options.threads, "threads (0: as many as there are processors)")
-        ->check(within(0, 1024))
-        ->group(work);
-    app.add_option("--tile", options.tile, "side of a tile in pixels")->check(within(1, kMaxTileRays))->group(work);
-    app.add_flag("-q,--quiet", options.quiet, "no progress, no summary")->group(work);
+    work.add();
 
     if (!parseArguments(app, argc, argv)) return std::nullopt;
     camera.read();
     tree.read();
+    work.read(options.samples);
     if (!light.empty()) options.light = readPoint("--light", light);
     options.showCost = show == "cost";
     options.ground = !noGround;
-    if (options.tile * options.samples > kMaxTileRays)
-        throw Failure("--tile times --samples must not exceed " + std::to_string(kMaxTileRays));
 
     options.render = options.dump.empty() || !options.output.empty();
     if (options.output.empty()) options.output = "raytrace.png";

@@ -5,8 +5,9 @@
 
 #include "camera.h"
 #include "scene.h"
+#include "tiles.h"
 
-struct Options : CameraOptions, SceneOptions {
+struct Options : CameraOptions, SceneOptions, WorkOptions {
     std::string mesh;
     std::string output;
     std::string dump;
@@ -14,9 +15,6 @@ struct Options : CameraOptions, SceneOptions {
     bool showCost = false;
     std::optional<Vec> light;
     double mirror = 0.35, gloss = 0; // reflectivity of the ground and of the mesh
-    int threads = 0;                 // 0: as many as the OpenMP runtime would use
-    int tile = 32;
-    bool quiet = false;
 };
 
 // Reads the command line. Empty when there is nothing left to do (--help). Throws Failure on anything unusable.

@@ -15,6 +15,7 @@ std::optional<Options> readOptions(int argc, char** argv) {
                  "shlight"};
     CameraArguments camera(app, options, options);
     TreeArguments tree(app, options);
+    WorkArguments work(app, options);
     app.option_defaults()->always_capture_default();
     app.add_option("MESH", options.mesh,
                    "mesh file (OBJ, PLY, STL, 3DS, glTF... or a dump of raytrace); without one nothing is rendered");
@@ -62,23 +63,16 @@ std::optional<Options> readOptions(int argc, char** argv) {
         ->group(scene);
     app.add_flag("--flat", options.flat, "facets instead of smooth normals")->group(scene);
     tree.add();
-
-    const char* work = "Work";
-    app.add_option("-j,--threads", options.threads, "threads (0: as many as there are processors)")
-        ->check(within(0, 1024))
-        ->group(work);
-    app.add_option("--tile", options.tile, "side of a tile in pixels")->check(within(1, kMaxTileRays))->group(work);
-    app.add_flag("-q,--quiet", options.quiet, "no progress, no report")->group(work);
+    work.add();
 
     if (!parseArguments(app, argc, argv)) return std::nullopt;
     camera.read();
     tree.read();
+    work.read(options.samples);
     if (sky == !options.environment.empty()) throw Failure("one of --env and --sky is needed, and not both");
     options.recurrence = type == "recurrence";
     options.window = window == "lanczos";
     options.sharpBackground = background == "map";
-    if (options.tile * options.samples > kMaxTileRays)
-        throw Failure("--tile times --samples must not exceed " + std::to_string(kMaxTileRays));
     if (options.mesh.empty() && !options.output.empty()) throw Failure("--output: needs a MESH to render");
     if (options.output.empty()) options.output = "shlight.png";
     return options;

@@ -5,8 +5,9 @@
 
 #include "camera.h"
 #include "scene.h"
+#include "tiles.h"
 
-struct Options : CameraOptions, SceneOptions {
+struct Options : CameraOptions, SceneOptions, WorkOptions {
     std::string mesh;            // empty: no picture of a mesh
     std::string environment;     // empty: the built-in sky
     std::string output;          // picture of the mesh
@@ -23,10 +24,6 @@ struct Options : CameraOptions, SceneOptions {
     double shine = 40;   // exponent of its lobe
     bool sharpBackground = true;
     double exposure = 0; // stops
-
-    int threads = 0; // 0: as many as the OpenMP runtime would use
-    int tile = 32;
-    bool quiet = false;
 };
 
 // Reads the command line. Empty when there is nothing left to do (--help). Throws Failure on anything unusable.
