@@ -2,6 +2,7 @@
 // through the tree together, and their results written.
 #include "intersect/prpackets.h"
 
+#include "intersect/gather.h"
 #include "intersect/intersect.h"
 #include "intersect/order.h"
 #include "intersect/stream.h"
@@ -343,10 +344,11 @@ template <class Search> bool walkOctants(const RayBlock& block, Block64& tile, S
     return true;
 }
 
-// Calls one(index) for each ray of a tile.
-template <class One> void eachRay(const Place& place, const One& one) {
-    for (int lane = 0; lane < 64; ++lane) {
-        if (place.rays >> lane & 1) one(place.start[lane / 4] + size_t(lane % 4));
+// Calls one(index) for each ray of a set.
+template <class One> void eachRay(const Place& place, Set64 rays, const One& one) {
+    for (; rays; rays &= rays - 1) {
+        const int lane = __builtin_ctzll(rays);
+        one(place.start[lane / 4] + size_t(lane % 4));
     }
 }
 
@@ -381,7 +383,7 @@ void eye(const RayBlock& block) {
             storeNearest(block, tile, place);
             continue;
         }
-        eachRay(place, [&](size_t at) {
+        eachRay(place, place.rays, [&](size_t at) {
             const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at,
                                                block.direction[2] + at};
             float* const hit[2] = {block.hit[0] + at, block.hit[1] + at};
@@ -392,7 +394,7 @@ void eye(const RayBlock& block) {
 }
 
 void nearestOneByOne(const RayBlock& block, const Place& place) {
-    eachRay(place, [&](size_t at) {
+    eachRay(place, place.rays, [&](size_t at) {
         const float* const origin[3] = {block.origins[0] + at, block.origins[1] + at, block.origins[2] + at};
         const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at, block.direction[2] + at};
         float* const hit[2] = {block.hit[0] + at, block.hit[1] + at};
@@ -540,7 +542,7 @@ void anyInTile(const RayBlock& block, Block64& tile, const Place& place) {
     if (rays) {
         setDirections(tile, block, place, rays);
         if (!walkSegments(block, tile, rays)) {
-            eachRay(place, [&](size_t at) { anyOneByOne(block, at); });
+            eachRay(place, place.rays, [&](size_t at) { anyOneByOne(block, at); });
             return;
         }
     }
@@ -682,11 +684,167 @@ void any(const RayBlock& block) {
     }
 }
 
-// Layer after layer: one walk finds the next hits of all rays of a tile that have had one so far.
+// The successive hits of one ray from what was gathered; false where searches have to tell.
+bool multipleOfOne(const RayBlock& block, GatheringTile& tile, int ray, size_t at, float maximum) {
+    const size_t stride = size_t(block.width) * size_t(block.height);
+    const float tmin = floatsOf(tile.tmin)[ray], tmax = floatsOf(tile.tmax)[ray];
+    float direction[3];
+    LineRay line;
+    for (int k = 0; k < 3; ++k) {
+        line.point[k] = tile.sharedFrom[k];
+        direction[k] = floatsOf(tile.direction[k])[ray];
+    }
+    line.direction = componentsOf(direction[0], direction[1], direction[2]);
+    int recent[kRing];
+    line.recent = recent;
+    line.previous = -1;
+    line.best = maximum;
+    double p = 0;
+    float total = 0;
+    for (int layer = 0;; at += stride) {
+        line.recentCount = layer % kRing;
+        const Verdict verdict = decide(line, tile, ray, block.accel, p);
+        if (verdict != Verdict::hit) return verdict == Verdict::nothing;
+        const float t = line.best;
+        total = layer > 0 ? t + total : t;
+        block.triangle[at] = line.previous = recent[layer % kRing] = line.triangle;
+        block.hit[0][at] = line.weight[0];
+        block.hit[1][at] = line.weight[1];
+        block.distance[at] = total;
+        if (++layer == block.maxHits) return true;
+        p += double(t);
+        if (!(p >= double(tmin) && p <= double(tmax - kInside))) return false;
+        for (int k = 0; k < 3; ++k) line.point[k] += double(direction[k]) * double(t);
+        block.distance[at + stride] = line.best = FLT_MAX;
+    }
+}
+
+// The successive hits of rays from what one walk gathers; returns the rays that are left to searches.
+Set64 multipleAtOnce(const RayBlock& block, GatheringTile& tile, const Place& place, Set64 rays,
+                     const Floats (&maximum)[Block64::kVectors], float eye) {
+    if (block.maxHits < 2 || block.maxHits + kSpare > kPlaces || !mayGather(tile, rays, block.box)) return rays;
+    float far = eye; // the largest component of any origin
+    for (int k = 0; k < 6; ++k) far = largerOf(far, fabsf(block.box[k]) + tile.reach);
+    tile.drift = far * float(block.maxHits + 16) * 0x1p-48f;
+    tile.clear(block.maxHits);
+    if (!walk<GatherTile>(block.root, block.accel, tile, rays)) return rays;
+    gatherQueue(block.accel, tile);
+
+    const size_t stride = size_t(block.width) * size_t(block.height);
+    Floats total[Block64::kVectors];     // distance from the eye
+    Doubles along[Block64::kVectors][2]; // the same, not rounded
+    Set64 left = tile.unsure & rays;
+    for (int v = 0; v < Block64::kVectors; ++v) {
+        left |= whole<Set64>(~lessEqual(tile.tmax[v], maximum[v]) & part(rays, v), v);
+        for (int k = 0; k < 3; ++k) tile.from[k][v][0] = tile.from[k][v][1] = all(tile.sharedFrom[k]);
+        tile.best[v] = maximum[v];
+        total[v] = Floats{};
+        along[v][0] = along[v][1] = Doubles{};
+    }
+    Set64 close = 0; // rays that need a closer look
+    Set64 on = rays & ~left;
+    for (int layer = 0; on; ++layer) {
+        const size_t at = size_t(layer) * stride;
+        Set64 hit = 0, inside = 0;
+        for (int v = 0; v < Block64::kVectors; ++v) {
+            const Bits bits = part(on, v);
+            if (!bits) continue;
+            const NextHits next = nextHits(tile, v, bits, layer, tile.best[v], block.accel);
+            hit |= whole<Set64>(next.hit, v);
+            close |= whole<Set64>(bits & ~next.hit & ~next.nothing, v);
+            const Floats t = select(next.hit, next.t, Floats{});
+            total[v] = layer > 0 ? t + total[v] : t;
+            tile.triangle[v] = next.triangle;
+            for (int w = 0; w < 2; ++w) tile.weight[w][v] = next.weight[w];
+            along[v][0] = along[v][0] + toDoubles<0>(t);
+            along[v][1] = along[v][1] + toDoubles<1>(t);
+            for (int k = 0; k < 3; ++k) {
+                Doubles& low = tile.from[k][v][0];
+                Doubles& high = tile.from[k][v][1];
+                low = low + toDoubles<0>(tile.direction[k][v]) * toDoubles<0>(t);
+                high = high + toDoubles<1>(tile.direction[k][v]) * toDoubles<1>(t);
+            }
+            const Floats p = toFloats(along[v][0], along[v][1]);
+            inside |= whole<Set64>(less(tile.tmin[v], p) & less(p, tile.tmax[v] - all(kInside)), v);
+            tile.best[v] = all(FLT_MAX);
+        }
+        scatter(block.triangle + at, reinterpret_cast<int*>(tile.triangle), place, hit);
+        scatter(block.hit[0] + at, floatsOf(tile.weight[0]), place, hit);
+        scatter(block.hit[1] + at, floatsOf(tile.weight[1]), place, hit);
+        scatter(block.distance + at, floatsOf(total), place, hit);
+        if (layer + 1 == block.maxHits) break;
+        scatter(block.distance + at + stride, floatsOf(tile.best), place, hit);
+        left |= hit & ~inside;
+        on = hit & inside;
+    }
+    for (; close; close &= close - 1) {
+        const int ray = __builtin_ctzll(close);
+        if (!multipleOfOne(block, tile, ray, place.start[ray / 4] + size_t(ray % 4),
+                           reinterpret_cast<const float*>(maximum)[ray]))
+            left |= Set64(1) << ray;
+    }
+    return left;
+}
+
+// Layer after layer: one walk finds the next hits of all rays of a tile that have had one so far. False as for walk().
+bool multipleInLayers(const RayBlock& block, Block64& tile, const Place& place, Set64 rays, float eye) {
+    const size_t stride = size_t(block.width) * size_t(block.height);
+    for (int v = 0; v < Block64::kVectors; ++v) {
+        for (int k = 0; k < 4; ++k) {
+            tile.origin[k][v] = all(tile.sharedOrigin[k]);
+            tile.from[k][v][0] = tile.from[k][v][1] = all(tile.sharedFrom[k]);
+        }
+        tile.previous[v] = all(int32_t(-1));
+    }
+    tile.drift = 0;
+    Floats total[Block64::kVectors]; // distance from the eye
+    for (int layer = 0; rays; ++layer) {
+        const size_t at = size_t(layer) * stride;
+        tile.recentCount = layer % kRing;
+        clearHits(tile);
+        if (layer == 0) {
+            if (!walkOctants<FirstTile>(block, tile, rays)) return false;
+        } else {
+            // Each layer adds two roundings of coordinates up to this to an origin, and the test some more.
+            tile.drift = largerOf(largestOf(tile.origin), eye) * float(layer + 16) * 0x1p-48f;
+            if (!walkOctants<SuccessiveTile>(block, tile, rays)) return false;
+        }
+        const Set64 hit = hits(tile) & rays;
+        for (int v = 0; v < Block64::kVectors; ++v) {
+            // Rays that have ended stay where they are: what follows bounds all origins.
+            const Floats t = select(part(hit, v), tile.best[v], Floats{});
+            total[v] = layer > 0 ? t + total[v] : t;
+            tile.previous[v] = tile.recent[layer % kRing][v] = tile.triangle[v];
+            Floats exit = all(FLT_MAX);
+            for (int k = 0; k < 3; ++k) {
+                Doubles& low = tile.from[k][v][0];
+                Doubles& high = tile.from[k][v][1];
+                low = low + toDoubles<0>(tile.direction[k][v]) * toDoubles<0>(t);
+                high = high + toDoubles<1>(tile.direction[k][v]) * toDoubles<1>(t);
+                const Floats o = tile.origin[k][v] = toFloats(low, high);
+                const Floats inverse = tile.inverse[k][v];
+                exit = smaller(larger((all(block.box[k]) - o) * inverse, (all(block.box[3 + k]) - o) * inverse), exit);
+            }
+            tile.tmin[v] = Floats{};
+            tile.tmax[v] = exit + all(kBehindBox);
+            tile.best[v] = all(FLT_MAX);
+        }
+        scatter(block.triangle + at, reinterpret_cast<int*>(tile.triangle), place, hit);
+        scatter(block.hit[0] + at, floatsOf(tile.weight[0]), place, hit);
+        scatter(block.hit[1] + at, floatsOf(tile.weight[1]), place, hit);
+        scatter(block.distance + at, floatsOf(total), place, hit);
+        rays = hit;
+        if (layer + 1 == block.maxHits) break;
+        // Only the first layer honours the caller's maximum distance.
+        scatter(block.distance + at + stride, floatsOf(tile.best), place, rays);
+    }
+    return true;
+}
+
 void multiple(const RayBlock& block) {
     const Tiling tiling(block);
     const size_t stride = size_t(block.width) * size_t(block.height);
-    Block64 tile;
+    GatheringTile tile;
     shareOrigin(tile, block.origin);
     float eye = 0; // the largest component of the shared origin
     for (int k = 0; k < 3; ++k) eye = largerOf(eye, fabsf(block.origin[k]));
@@ -697,62 +855,14 @@ void multiple(const RayBlock& block) {
         gather(tile.best, block.distance, place);
         Floats maximum[Block64::kVectors];
         for (int v = 0; v < Block64::kVectors; ++v) maximum[v] = tile.best[v];
-        Set64 rays = clipFromEye(tile, block.box, Slabs(tile, block.box)) & place.rays;
-        for (int v = 0; v < Block64::kVectors; ++v) {
-            for (int k = 0; k < 4; ++k) {
-                tile.origin[k][v] = all(tile.sharedOrigin[k]);
-                tile.from[k][v][0] = tile.from[k][v][1] = all(tile.sharedFrom[k]);
-            }
-            tile.previous[v] = all(int32_t(-1));
-        }
-        Floats total[Block64::kVectors]; // distance from the eye
-        bool done = true;
-        for (int layer = 0; rays; ++layer) {
-            const size_t at = size_t(layer) * stride;
-            tile.recentCount = layer % kRing;
-            clearHits(tile);
-            if (layer == 0) {
-                done = walkOctants<FirstTile>(block, tile, rays);
-            } else {
-                // Each layer adds two roundings of coordinates up to this to an origin, and the test some more.
-                tile.drift = largerOf(largestOf(tile.origin), eye) * float(layer + 16) * 0x1p-48f;
-                done = walkOctants<SuccessiveTile>(block, tile, rays);
-            }
-            if (!done) break;
-            const Set64 hit = hits(tile) & rays;
-            for (int v = 0; v < Block64::kVectors; ++v) {
-                // Rays that have ended stay where they are: what follows bounds all origins.
-                const Floats t = select(part(hit, v), tile.best[v], Floats{});
-                total[v] = layer > 0 ? t + total[v] : t;
-                tile.previous[v] = tile.recent[layer % kRing][v] = tile.triangle[v];
-                Floats exit = all(FLT_MAX);
-                for (int k = 0; k < 3; ++k) {
-                    Doubles& low = tile.from[k][v][0];
-                    Doubles& high = tile.from[k][v][1];
-                    low = low + toDoubles<0>(tile.direction[k][v]) * toDoubles<0>(t);
-                    high = high + toDoubles<1>(tile.direction[k][v]) * toDoubles<1>(t);
-                    const Floats o = tile.origin[k][v] = toFloats(low, high);
-                    const Floats inverse = tile.inverse[k][v];
-                    exit =
-                        smaller(larger((all(block.box[k]) - o) * inverse, (all(block.box[3 + k]) - o) * inverse), exit);
-                }
-                tile.tmin[v] = Floats{};
-                tile.tmax[v] = exit + all(kBehindBox);
-                tile.best[v] = all(FLT_MAX);
-            }
-            scatter(block.triangle + at, reinterpret_cast<int*>(tile.triangle), place, hit);
-            scatter(block.hit[0] + at, floatsOf(tile.weight[0]), place, hit);
-            scatter(block.hit[1] + at, floatsOf(tile.weight[1]), place, hit);
-            scatter(block.distance + at, floatsOf(total), place, hit);
-            rays = hit;
-            if (layer + 1 == block.maxHits) break;
-            // Only the first layer honours the caller's maximum distance.
-            scatter(block.distance + at + stride, floatsOf(tile.best), place, rays);
-        }
-        if (done) continue;
-        // The one-ray path writes the layers again that are written already, with the same bits.
-        scatter(block.distance, floatsOf(maximum), place, place.rays);
-        eachRay(place, [&](size_t at) {
+        const Set64 rays = clipFromEye(tile, block.box, Slabs(tile, block.box)) & place.rays;
+        if (!rays) continue;
+        const Set64 left = multipleAtOnce(block, tile, place, rays, maximum, eye);
+        for (int v = 0; v < Block64::kVectors; ++v) tile.best[v] = maximum[v];
+        if (multipleInLayers(block, tile, place, left, eye)) continue;
+        // What is written already is written again, with the same bits.
+        scatter(block.distance, floatsOf(maximum), place, left);
+        eachRay(place, left, [&](size_t at) {
             const float* const direction[3] = {block.direction[0] + at, block.direction[1] + at,
                                                block.direction[2] + at};
             float* const hit[2] = {block.hit[0] + at, block.hit[1] + at};

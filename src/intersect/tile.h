@@ -69,7 +69,7 @@ template <int Rays> struct Tile {
 struct NearestTile {
     static constexpr float kTolerance = kSplitTolerance;
     static constexpr bool kOwnOrigins = true, kGateDeterminant = true, kMargin = true, kSegment = false,
-                          kSuccessive = false;
+                          kSuccessive = false, kGather = false;
 };
 // Lines through a shared origin: the weights of a hit are the same from wherever on it a ray begins.
 template <class Search> constexpr bool kOneOrigin = !Search::kOwnOrigins || Search::kSuccessive;
@@ -77,23 +77,23 @@ template <class Search> constexpr bool kOneOrigin = !Search::kOwnOrigins || Sear
 struct EyeTile {
     static constexpr float kTolerance = kSplitTolerance;
     static constexpr bool kOwnOrigins = false, kGateDeterminant = false, kMargin = false, kSegment = false,
-                          kSuccessive = false;
+                          kSuccessive = false, kGather = false;
 };
 struct SegmentTile {
     static constexpr float kTolerance = kSplitTolerance;
     static constexpr bool kOwnOrigins = false, kGateDeterminant = false, kMargin = false, kSegment = true,
-                          kSuccessive = false;
+                          kSuccessive = false, kGather = false;
 };
 // The first of successive searches.
 struct FirstTile {
     static constexpr float kTolerance = kSplitToleranceMultiple;
     static constexpr bool kOwnOrigins = false, kGateDeterminant = false, kMargin = false, kSegment = false,
-                          kSuccessive = false;
+                          kSuccessive = false, kGather = false;
 };
 struct SuccessiveTile {
     static constexpr float kTolerance = kSplitToleranceMultiple;
     static constexpr bool kOwnOrigins = true, kGateDeterminant = false, kMargin = false, kSegment = false,
-                          kSuccessive = true;
+                          kSuccessive = true, kGather = false;
 };
 
 // ---- Triangles ----------------------------------------------------------------------------------------------------
@@ -566,6 +566,11 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
     return Search::kSegment ? before & ~active : found;
 }
 
+// Instead, where triangles are only gathered (gather.h).
+template <class T>
+typename T::Set gatherLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, T& tile, typename T::Set active,
+                           const Floats* tmin, const Floats* tmax);
+
 // ---- The walk -----------------------------------------------------------------------------------------------------
 
 struct Span {
@@ -777,7 +782,11 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
         if (pending && node->w1 != 0) {
             prefetchLeaf(stack[pending - 1].node, accel);
         }
-        const typename T::Set found = testLeaf<Search>(node, accel, tile, active);
+        typename T::Set found;
+        if constexpr (Search::kGather)
+            found = gatherLeaf(node, accel, tile, active, tmin, tmax);
+        else
+            found = testLeaf<Search>(node, accel, tile, active);
         if (Search::kSegment) {
             alive &= ~found;
             if (!alive) return true;

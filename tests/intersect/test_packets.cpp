@@ -313,6 +313,114 @@ TEST(Packets, ABoxSmallerThanTheScene) {
     }
 }
 
+namespace {
+
+// Sheets one behind the other, so far apart as `gaps` say in turn; some along axes, on which trees like to split, some twice.
+reference::Mesh sheets(int count, float tilt, uint32_t seed) {
+    static const float gaps[] = {0.1f, 1e-5f, 3e-5f, 6e-5f, 1e-4f, 1.5e-4f, 2e-4f, 2.5e-4f, 4e-4f, 0.f, 0.02f};
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<float> wide(-1, 1);
+    reference::Mesh mesh;
+    float z = -0.5f;
+    for (int s = 0; s < count; ++s) {
+        const int first = mesh.vertexCount();
+        constexpr int kSide = 6;
+        for (int y = 0; y <= kSide; ++y)
+            for (int x = 0; x <= kSide; ++x) {
+                const float a = 2.f * float(x) / kSide - 1, b = 2.f * float(y) / kSide - 1;
+                mesh.addVertex(a, b, z + tilt * (a * wide(random) * 0.02f + b));
+            }
+        for (int y = 0; y < kSide; ++y)
+            for (int x = 0; x < kSide; ++x) {
+                const int at = first + y * (kSide + 1) + x;
+                mesh.add(at, at + 1, at + kSide + 1);
+                mesh.add(at + 1, at + kSide + 2, at + kSide + 1);
+            }
+        z += gaps[random() % 11];
+    }
+    return mesh;
+}
+
+// Leaves that name other triangles than those inside them: no builder makes such a tree, but it can be traced.
+void misplace(std::vector<uint32_t>& tree, uint32_t triangles, uint32_t seed) {
+    std::mt19937 random(seed);
+    for (size_t at = 0; at + 1 < tree.size(); at += 2) {
+        const bool one = (tree[at] & 0x80000000u) && (tree[at + 1] & 0x80000003u) == 0x80000001u;
+        if (one && random() % 4 == 0) tree[at] = 0x80000000u | random() % triangles;
+    }
+}
+
+} // namespace
+
+TEST(Packets, SuccessiveHitsCloseTogether) {
+    // Surfaces that lie as close together as the errors of a distance, rays through vertices and edges, grazing rays.
+    for (int round = 0; round < rounds(100); ++round) {
+        const uint32_t seed = uint32_t(round);
+        std::mt19937 random{seed};
+        std::uniform_real_distribution<float> wide(-1, 1), part(0, 1);
+        reference::Mesh mesh = round % 4 == 0   ? reference::soup(150, 0.9f, seed)
+                               : round % 4 == 1 ? reference::sphere(3)
+                                                : sheets(14, round % 4 == 2 ? 0.f : 0.3f, seed);
+        if (round % 5 == 1) {
+            // The same again, a little aside or in place.
+            const int vertices = mesh.vertexCount(), triangles = mesh.triangleCount();
+            const float aside = round % 2 ? 1e-4f * part(random) : 0.f;
+            for (int i = 0; i < 3 * vertices; ++i) mesh.vertices.push_back(mesh.vertices[size_t(i)] + aside);
+            for (int t = 0; t < triangles; ++t) {
+                const int* v = &mesh.triangles[4 * size_t(t)];
+                const int corner[3] = {v[0] + vertices, v[1] + vertices, v[2] + vertices};
+                mesh.add(corner[0], corner[1], corner[2]);
+            }
+        }
+        const float scales[] = {1.f, 10.f, 0.1f, 4.f, 60.f, 1e-3f};
+        const float scale = scales[random() % 6];
+        for (float& x : mesh.vertices) x *= scale;
+        TestScene scene(mesh, 1 + round % 3, 25, round % 7 != 3);
+        if (round % 6 == 5) misplace(scene.tree, uint32_t(mesh.triangleCount()), seed);
+        if (round % 9 == 8)
+            for (float& b : scene.box) b *= 0.6f;
+        const float inside = round % 11 == 10 ? 0.2f : 1.f;
+        RaySet want(1024, 2 + round % 12);
+        const float eye[3] = {inside * 2.1f, inside * (round % 2 ? 1.7f : -1.9f), inside * 3.3f};
+        for (int k = 0; k < 3; ++k) want.shared[k] = scale * eye[k];
+        for (int i = 0; i < want.n; i += 64) {
+            // Each sixty-four towards one place, so that all go the same way.
+            const float middle[3] = {0.8f * wide(random), 0.8f * wide(random), 0.8f * wide(random)};
+            for (int j = i; j < i + 64; ++j) {
+                float to[3];
+                for (int k = 0; k < 3; ++k) to[k] = scale * (middle[k] + 0.15f * wide(random));
+                if (j % 4) {
+                    // At a vertex, the middle of an edge, or inside a triangle, one after the other.
+                    const size_t t = 4 * (random() % uint32_t(mesh.triangleCount()));
+                    const float a = j % 4 == 1   ? 1.f
+                                    : j % 4 == 2 ? 0.5f
+                                                 : part(random),
+                                b = (1 - a) * (j % 4 != 3 ? 1.f : part(random));
+                    for (int k = 0; k < 3; ++k) {
+                        const auto corner = [&](int v) {
+                            return mesh.vertices[size_t(3 * mesh.triangles[t + size_t(v)] + k)];
+                        };
+                        to[k] = corner(0) * a + corner(1) * b + corner(2) * (1 - a - b);
+                    }
+                }
+                const float length = round % 3 ? 1.f : 0.3f + part(random);
+                for (int k = 0; k < 3; ++k) want.planes[3 + k][size_t(j)] = (to[k] - want.shared[k]) * length / scale;
+            }
+        }
+        if (round % 4) std::fill(want.distance.begin(), want.distance.end(), 1e30f);
+        const RaySet rays = want;
+        trace(multiple, scene, want, {64, 16}, nullptr);
+        for (const zenr::Level level : levels()) {
+            RaySet got = rays;
+            trace(multiple, scene, got, {64, 16}, &level);
+            size_t first = 0;
+            ASSERT_EQ(differing(got, want, first), 0u)
+                << levelName(level) << " round " << round << " first " << first << ": " << got.triangle[first]
+                << " for " << want.triangle[first] << ", " << got.distance[first] << " for " << want.distance[first];
+        }
+    }
+}
+
 TEST(Packets, BlocksTouchNothingButTheirRays) {
     TestScene scene(reference::sphere(4), 3, 20);
     for (const ZenrSize shape : {ZenrSize{3, 1}, ZenrSize{9, 9}, ZenrSize{65, 1}, ZenrSize{8, 8}, ZenrSize{17, 12}}) {
