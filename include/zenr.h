@@ -477,7 +477,8 @@ ZenStatus zenrSHBand_32f(const float* pX, const float* pY, const float* pZ, int 
  * cleared first (several calls accumulate), and nothing is weighted: for an integral over the sphere multiply the samples
  * by their solid angles. A sample of 0 contributes 0 whatever the direction.
  *   pSrc           C1: len samples. C3P3: len triples. P3: three planes of len samples
- *   pSrcDstCoeffs  in, out: one channel (C1) or an array of three (C3P3, P3)
+ *   pSrcDstCoeffs  in, out: one channel (C1) or an array of three (C3P3, P3), which may be the same one or overlap: each
+ *                  sample's channels are then added in turn
  * A negative len writes nothing.
  * Statuses, in check order: zenStsNullPtrErr (any pointer, or any of an array's three); zenStsSizeErr (len 0);
  * zenStsBadTypeErr (L above the state's order or above 15, unknown type). */

@@ -105,11 +105,35 @@ bool anyNull(const float* const planes[3]) {
     return !planes[0] || !planes[1] || !planes[2];
 }
 
+bool meet(const float* a, const float* b, int values) {
+    const uintptr_t p = reinterpret_cast<uintptr_t>(a);
+    const uintptr_t q = reinterpret_cast<uintptr_t>(b);
+    return (p < q ? q - p : p - q) < size_t(values) * sizeof(float);
+}
+
+// Channels that share coefficients (one plane for all three, say) add to them in turn, direction by direction. The
+// kernels hold the sums of all channels at once, so that the last would win.
+void forwardInTurn(const ShKernels& kernels, const ShBasis& basis, const ShDirections& dirs, const ShSamples& samples,
+                   float* const coeffs[3]) {
+    for (int i = 0; i < dirs.count; ++i) {
+        for (int c = 0; c < samples.channels; ++c) {
+            float* const plane[3] = {coeffs[c], nullptr, nullptr};
+            kernels.forward(basis, {dirs.x + i, dirs.y + i, dirs.z + i, 1},
+                            {{samples.channel[c] + ptrdiff_t(i) * samples.step, nullptr, nullptr}, 1, 1}, plane);
+        }
+    }
+}
+
 ZenStatus ownrSHTFwd_32f(Level level, const ShDirections& dirs, const ShSamples& samples, float* const coeffs[3],
                          const ShBasis& basis) {
     if (dirs.count < 0) return zenStsNoErr;
     WideScope scope(level);
-    shKernels(level).forward(basis, dirs, samples, coeffs);
+    const int values = valuesOf(basis.order);
+    if (samples.channels == 3 && (meet(coeffs[0], coeffs[1], values) || meet(coeffs[0], coeffs[2], values) ||
+                                  meet(coeffs[1], coeffs[2], values)))
+        forwardInTurn(shKernels(level), basis, dirs, samples, coeffs);
+    else
+        shKernels(level).forward(basis, dirs, samples, coeffs);
     return zenStsNoErr;
 }
 

@@ -782,6 +782,44 @@ TEST(ShForward, LayoutsAgreeAndCallsAccumulate) {
     }
 }
 
+// Channels that share coefficients, wholly or in part, add to them in turn: sample by sample, channel by channel.
+TEST(ShForward, ChannelsMayShareCoefficients) {
+    Floats f(33);
+    for (int round = 0; round < zenrtest::rounds(60); ++round) {
+        const int n = 1 + round % 40;
+        const unsigned L = unsigned(round * 7) % 16;
+        const Directions d = unitDirections(size_t(n), uint32_t(round));
+        State s(L, round % 2);
+        std::vector<float> src(3 * size_t(n)), planes[3];
+        for (float& v : src) v = f.moderate();
+        for (int c = 0; c < 3; ++c)
+            for (int i = 0; i < n; ++i) planes[c].push_back(src[3 * size_t(i) + size_t(c)]);
+        const float* const ps[3] = {planes[0].data(), planes[1].data(), planes[2].data()};
+        const size_t count = values(L);
+        // Where the planes begin: one for all, two of the three, and one value into another.
+        const size_t at[4][3] = {{0, 0, 0}, {0, count, 0}, {count, 0, 0}, {0, count - 1, 3 * count}};
+        for (const size_t* begin : at) {
+            std::vector<float> start(4 * count);
+            for (float& v : start) v = f.moderate();
+            std::vector<float> expected = start, planar = start, triples = start;
+            for (int i = 0; i < n; ++i) {
+                float basis[256];
+                zenrSH_32f(&d.x[size_t(i)], &d.y[size_t(i)], &d.z[size_t(i)], 1, basis, L, s.get());
+                for (int c = 0; c < 3; ++c)
+                    for (size_t k = 0; k < count; ++k)
+                        expected[begin[c] + k] += basis[k] * src[3 * size_t(i) + size_t(c)];
+            }
+            float* const pp[3] = {&planar[begin[0]], &planar[begin[1]], &planar[begin[2]]};
+            float* const pt[3] = {&triples[begin[0]], &triples[begin[1]], &triples[begin[2]]};
+            ASSERT_EQ(zenrSHTFwd_32f_P3I(d.x.data(), d.y.data(), d.z.data(), ps, n, pp, L, s.get()), zenStsNoErr);
+            ASSERT_EQ(zenrSHTFwd_32f_C3P3I(d.x.data(), d.y.data(), d.z.data(), src.data(), n, pt, L, s.get()),
+                      zenStsNoErr);
+            expectSame(planar.data(), expected.data(), 4 * count, "P3");
+            expectSame(triples.data(), expected.data(), 4 * count, "C3P3");
+        }
+    }
+}
+
 TEST(ShTransforms, OneSampleOfOrderZero) {
     for (int type = 0; type < 2; ++type) {
         State s(0, type);

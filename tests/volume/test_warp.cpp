@@ -557,6 +557,54 @@ TYPED_TEST(Warp, TransformsBeyondNumbers) {
 }
 
 // Positions so large that they hardly fit a 32-bit index.
+// Both cubic modes that pass through the samples: a volume mapped onto itself is a copy, also next to voxels of 0.
+TEST(SampleModes, WholePositionsAreCopied) {
+    constexpr int kSize = 19;
+    const ZenrVolume size = {kSize, kSize, kSize};
+    const ZenrBox box = {0, 0, 0, kSize, kSize, kSize};
+    constexpr size_t kVoxels = size_t(kSize) * kSize * kSize;
+    std::vector<float> src(kVoxels), dst(kVoxels), maps[3];
+    Floats f(77);
+    for (float& v : src) v = f.bits() % 8 ? 0 : f.moderate() * 1e3f;
+    for (size_t i = 0; i < kVoxels; ++i) {
+        maps[0].push_back(float(i % kSize));
+        maps[1].push_back(float(i / kSize % kSize));
+        maps[2].push_back(float(i / kSize / kSize));
+    }
+    const auto slices = [&](auto* p) {
+        std::vector<decltype(p)> planes;
+        for (int z = 0; z < kSize; ++z) planes.push_back(p + size_t(z) * kSize * kSize);
+        return planes;
+    };
+    const auto s = slices(static_cast<const float*>(src.data()));
+    const auto d = slices(dst.data());
+    const auto x = slices(static_cast<const float*>(maps[0].data()));
+    const auto y = slices(static_cast<const float*>(maps[1].data()));
+    const auto z = slices(static_cast<const float*>(maps[2].data()));
+    const double identity[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+    constexpr int step = kSize * int(sizeof(float));
+    for (int mode : {4, 6}) {
+        int bytes = 0;
+        ASSERT_EQ(zenrResizeGetBufSize(box, box, 1, mode, &bytes), zenStsNoErr);
+        std::vector<uint8_t> buffer(static_cast<size_t>(bytes));
+        for (int way = 0; way < 3; ++way) {
+            std::fill(dst.begin(), dst.end(), NAN);
+            if (way == 0)
+                ASSERT_EQ(zenrResize_32f_C1PV(s.data(), size, step, box, d.data(), step, box, 1, 1, 1, 0, 0, 0, mode,
+                                              buffer.data()),
+                          zenStsNoErr);
+            if (way == 1)
+                ASSERT_EQ(zenrWarpAffine_32f_C1PV(s.data(), size, step, box, d.data(), step, box, identity, mode),
+                          zenStsNoErr);
+            if (way == 2)
+                ASSERT_EQ(zenrRemap_32f_C1PV(s.data(), size, step, box, x.data(), y.data(), z.data(), step, d.data(),
+                                             step, size, mode),
+                          zenStsNoErr);
+            for (size_t i = 0; i < kVoxels; ++i) ASSERT_EQ(dst[i], src[i]) << "way " << way << " mode " << mode;
+        }
+    }
+}
+
 TEST(SampleBoxes, FarPositions) {
     const int far = 0x7FFFFFFF;
     std::vector<uint8_t> row(16, 9);
