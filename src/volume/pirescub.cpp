@@ -31,18 +31,29 @@ template <class T> struct RowSums {
 };
 
 #if defined(__AVX2__)
-template <class T> struct WindowSums : RowSums<T> {
+struct WindowSums {
     static constexpr bool kInterpolates = false;
+    const double* weights[4];
     const int* guarded;
     Window window;
-    WindowSums(const RowSums<T>& sums, const int* g, const Window& v) : RowSums<T>(sums), guarded(g), window(v) {}
-    ZENR_INLINE Eight eight(int x) const {
+    WindowSums(const double* w, int step, const int* g, const Window& v)
+        : weights{w, w + step, w + 2 * step, w + 3 * step}, guarded(g), window(v) {}
+    Sum sum(int x) const {
+        const double* const t = window.taps(x);
+        return cubicSum(weights[0][x] * t[0], weights[1][x] * t[1], weights[2][x] * t[2], weights[3][x] * t[3]);
+    }
+    long double exact(int x) const {
+        const double* const t = window.taps(x);
+        return exactSum(t[0], t[1], t[2], t[3], weights[0][x], weights[1][x], weights[2][x], weights[3][x]);
+    }
+    ZENR_INLINE Taps taps8(ptrdiff_t x) const {
         Taps t[4];
         four8(window, x, t);
-        Taps s = times(t[0], this->w + x);
-        for (int k = 1; k < 4; ++k) s = multiplyAdd(t[k], this->w + x + k * this->step, s);
-        return halves(s);
+        Taps s = times(t[0], weights[0] + x);
+        for (int k = 1; k < 4; ++k) s = multiplyAdd(t[k], weights[k] + x, s);
+        return s;
     }
+    ZENR_INLINE Eight eight(int x) const { return halves(taps8(x)); }
     ZENR_INLINE Eight size(int x) const {
         Taps t[4];
         four8(window, x, t);
@@ -50,27 +61,25 @@ template <class T> struct WindowSums : RowSums<T> {
         for (int k = 1; k < 4; ++k) s = plus(s, absolute(halves(t[k])));
         return s;
     }
-    ZENR_INLINE __m256i guarded8(int x) const {
-        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x));
-    }
-    bool zero16(int x) const { return ZENR_LEVEL::zero16(window, x, 4); }
+    ZENR_INLINE unsigned guarded8(ptrdiff_t x) const { return signs8(guarded + x); }
+    template <int columns> bool zeros(int x) const { return zeroColumns(window, x, columns, 4); }
 };
 #endif
 
 template <class T>
 void rowCubic(const T* row, double* dst, const int* index, const double* weights, int weightStep, const int* guarded,
-              const RowBound& bound, Care care, int n) {
+              const RowBound& bound, Care care, int size, int n) {
     const RowSums<T> sums = {row - 1, index, weights, weightStep};
 #if defined(__AVX2__)
     if (n >= 16)
-        return throughWindows<4, double>(
-            sums.s, index, n,
+        return throughWindows<4, -1, double>(
+            sums.s, size, index, n,
             [&](const Window& window, int begin, int end) {
-                roundTaps(WindowSums<T>(sums, guarded, window), bound, care, dst, begin, end);
+                roundTaps(WindowSums(weights, weightStep, guarded, window), bound, care, dst, begin, end);
             },
             [&](int begin, int count) { roundRun(sums, dst, begin, count); });
 #endif
-    (void)guarded, (void)bound, (void)care;
+    (void)guarded, (void)bound, (void)care, (void)size;
     roundRow(sums, dst, n);
 }
 
@@ -95,8 +104,8 @@ template <class Element> struct ColumnSums {
         for (int k = 1; k < 4; ++k) s = plus(s, absolute(widen8(rows[k] + x)));
         return s;
     }
-    bool zero16(int x) const {
-        return zeroRows16<4>(rows, x);
+    template <int count> bool zeros(int x) const {
+        return zeroRows<4, count>(rows, x);
     }
     ZENR_INLINE Eight eight(int x) const {
         Eight s = times(widen8(rows[0] + x), _mm256_set1_pd(w[0]));
@@ -224,8 +233,8 @@ void quickRow(const uint8_t* row, float* dst, const int* index, const float* wei
     if (n >= 16) return;
 #elif defined(__AVX2__)
     if (n >= 16)
-        return throughWindows<4, float>(
-            s, index, n,
+        return throughWindows<4, -1, float>(
+            s, 0, index, n,
             [&](const WindowOf<float>& window, int begin, int end) {
                 for (int i = begin; i < end; i += 8) {
                     const int x = end - i < 8 ? end - 8 : i;
@@ -340,9 +349,22 @@ constexpr auto ownpr_DepCubic16pl = &depCubicInteger<uint16_t>;
 constexpr auto ownpr_DepCubic32pl = &colCubic<float>;
 
 extern const CubicKernels kCubic;
-const CubicKernels kCubic = {
-    boundOf<uint8_t>,   boundOf<uint16_t>,  boundOf,           ownpi_RowCubic8pl,  ownpi_RowCubic16pl,
-    ownpi_RowCubic32pl, ownpi_ColCubic32pl, ownpr_DepCubic8pl, ownpr_DepCubic16pl, ownpr_DepCubic32pl};
+#if defined(__AVX2__)
+constexpr int kReach = kWindow;
+#else
+constexpr int kReach = 0;
+#endif
+const CubicKernels kCubic = {boundOf<uint8_t>,
+                             boundOf<uint16_t>,
+                             boundOf,
+                             ownpi_RowCubic8pl,
+                             ownpi_RowCubic16pl,
+                             ownpi_RowCubic32pl,
+                             ownpi_ColCubic32pl,
+                             ownpr_DepCubic8pl,
+                             ownpr_DepCubic16pl,
+                             ownpr_DepCubic32pl,
+                             kReach};
 
 extern const QuickCubicKernels kQuickCubic;
 const QuickCubicKernels kQuickCubic = {quickRow, quickColumn, quickDepth, quickVoxel};

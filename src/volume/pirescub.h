@@ -50,11 +50,11 @@ void ownpi_CubicWeights(int mode, const float* fractions, int n, float* weights)
 
 // The passes. Row: the taps of destination column x lie at src[index[x] - 1] and on, its weights at weights[x], and
 // weightStep further on for each next tap. guarded[x] is 0 where sums of voxels that are close to each other are exact
-// in double, otherwise all ones. Sums run in extended precision, and each pass rounds once to float; rows are kept in
+// in double, otherwise all ones. Where `size` is not 0, taps beyond the row's size are its end voxels. Sums run in extended precision, and each pass rounds once to float; rows are kept in
 // doubles nevertheless, because the pass along y reads them several times. `bound` holds for the rows that a pass reads.
 template <class T>
 using RowCubic = void(const T* row, double* dst, const int* index, const double* weights, int weightStep,
-                      const int* guarded, const RowBound& bound, Care care, int n);
+                      const int* guarded, const RowBound& bound, Care care, int size, int n);
 using ColCubic = void(const double* const rows[4], const float* weights, const RowBound& bound, Care care, float* dst,
                       int n);
 template <class T> using DepCubic = void(const float* const planes[4], const float* weights, T* dst, int n);
@@ -72,6 +72,7 @@ struct CubicKernels {
     DepCubic<uint8_t>* dep8;
     DepCubic<uint16_t>* dep16;
     DepCubicFloat* dep32;
+    int reach; // rows are done whole where the taps of any sixteen columns span no more voxels
 };
 
 // 8-bit voxels by sums in float, which differ from the defined chain by less than 2^-11 before the last rounding:

@@ -57,22 +57,19 @@ struct WindowLines : RowLines {
     const int* guarded;
     Window window;
     WindowLines(const RowLines& lines, const int* g, const Window& w) : RowLines(lines), guarded(g), window(w) {}
-    ZENR_INLINE Eight eight(int x) const {
+    ZENR_INLINE Taps taps8(ptrdiff_t x) const {
         Taps t[2];
         two8(window, x, t);
-        return halves(multiplyAdd(minus(t[1], t[0]), f + x, t[0]));
+        return multiplyAdd(minus(t[1], t[0]), f + x, t[0]);
     }
-    ZENR_INLINE Eight line8(int x) const { return eight(x); }
-    ZENR_INLINE __m256 finish(__m256 r, int) const { return r; }
+    ZENR_INLINE Eight eight(int x) const { return halves(taps8(x)); }
     ZENR_INLINE Eight size(int x) const {
         Taps t[2];
         two8(window, x, t);
         return plus(absolute(halves(t[0])), absolute(halves(t[1])));
     }
-    ZENR_INLINE __m256i guarded8(int x) const {
-        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x));
-    }
-    bool zero16(int x) const { return ZENR_LEVEL::zero16(window, x, 2); }
+    ZENR_INLINE unsigned guarded8(ptrdiff_t x) const { return signs8(guarded + x); }
+    template <int columns> bool zeros(int x) const { return zeroColumns(window, x, columns, 2); }
 };
 #endif
 
@@ -81,8 +78,8 @@ void rowFloat(const float* src, const int* index, const double* weights, const i
     const RowLines lines = {src, index, weights};
 #if defined(__AVX2__)
     if (n >= 16)
-        return throughWindows<2, double>(
-            src, index, n,
+        return throughWindows<2, 0, double>(
+            src, 0, index, n,
             [&](const Window& window, int begin, int end) {
                 roundTaps(WindowLines(lines, guarded, window), bound, care, dst, begin, end);
             },
@@ -151,8 +148,8 @@ template <bool mixed> struct Blends {
     ZENR_INLINE Eight size(int x) const {
         return plus(absolute(widen8(rows[0] + x)), absolute(widen8(rows[1] + x)));
     }
-    bool zero16(int x) const {
-        return zeroRows16<2>(rows, x);
+    template <int count> bool zeros(int x) const {
+        return zeroRows<2, count>(rows, x);
     }
     ZENR_INLINE Eight eight(int x) const {
         return multiplyAdd(widen8(rows[1] + x), _mm256_set1_pd(f), times(widen8(rows[0] + x), _mm256_set1_pd(rest)));
@@ -193,8 +190,8 @@ struct Lines {
     ZENR_INLINE Eight size(int x) const {
         return plus(absolute(widen8(rows[0] + x)), absolute(widen8(rows[1] + x)));
     }
-    bool zero16(int x) const {
-        return zeroRows16<2>(rows, x);
+    template <int count> bool zeros(int x) const {
+        return zeroRows<2, count>(rows, x);
     }
     ZENR_INLINE Eight eight(int x) const {
         const Eight s0 = widen8(rows[0] + x);

@@ -19,6 +19,8 @@
 //
 // 512-bit conversions are slower than two of 256 bits, so both levels compute in those.
 #pragma once
+#include <stddef.h>
+
 #include "frame/simd.h"
 #include "volume/presround.h"
 
@@ -73,44 +75,33 @@ ZENR_INLINE void put8(double* dst, __m256 r) {
     _mm256_storeu_pd(dst, _mm256_cvtps_pd(_mm256_castps256_ps128(r)));
     _mm256_storeu_pd(dst + 4, _mm256_cvtps_pd(_mm256_extractf128_ps(r, 1)));
 }
-// The low words of eight doubles: where that would take two permutations, in the order 0 1 4 5 2 3 6 7. `ordered` goes
-// either way between that order and the elements' own.
-#if defined(ZENR_LEVEL_avx512)
-ZENR_INLINE __m256i lowWords(const Eight& s) {
-    return _mm256_permutex2var_epi32(_mm256_castpd_si256(s.low), _mm256_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14),
-                                     _mm256_castpd_si256(s.high));
-}
-ZENR_INLINE __m256i ordered(__m256i words) {
-    return words;
-}
-#else
+// The low words of eight doubles, in the order 0 1 4 5 2 3 6 7, which takes one shuffle; `ordered` goes either way
+// between that order and the elements' own.
 ZENR_INLINE __m256i lowWords(const Eight& s) {
     return _mm256_castps_si256(_mm256_shuffle_ps(_mm256_castpd_ps(s.low), _mm256_castpd_ps(s.high), 0x88));
 }
 ZENR_INLINE __m256i ordered(__m256i words) {
     return _mm256_permute4x64_epi64(words, 0xD8);
 }
-#endif
 ZENR_INLINE __m256 sizes(__m256 v) {
     return _mm256_andnot_ps(_mm256_set1_ps(-0.f), v);
 }
 
-// The guarded test of eight sums; set lanes are in doubt. Sums that are small beside the bound, as 0 is, are too.
-struct Guarded8 {
-    __m256 rounded;
-    __m256i near; // in the order of lowWords
-    __m256 small;
-};
-ZENR_INLINE Guarded8 guarded8(const Eight& s, __m256 threshold) {
-    constexpr int kError = 1 << 18;
-    const __m256 r = floats(s);
-    const __m256i distance = _mm256_add_epi32(lowWords(s), _mm256_set1_epi32((1 << 28) + kError));
-    const __m256i far = _mm256_and_si256(distance, _mm256_set1_epi32((1 << 29) - 2 * kError));
-    return {r, _mm256_cmpeq_epi32(far, _mm256_setzero_si256()), _mm256_cmp_ps(sizes(r), threshold, _CMP_LT_OQ)};
+// 0 where a half-way point between two floats lies within `error` last places of a sum, a positive number elsewhere; in
+// the order of lowWords.
+constexpr int kGuardedError = 1 << 18;
+constexpr int kHalfwayError = 1 << 12;
+template <int error> ZENR_INLINE __m256i offHalfway(const Eight& s) {
+    const __m256i distance = _mm256_add_epi32(lowWords(s), _mm256_set1_epi32((1 << 28) + error));
+    return _mm256_and_si256(distance, _mm256_set1_epi32((1 << 29) - 2 * error));
 }
-ZENR_INLINE __m256 orderedLanes(__m256i near) {
-    return _mm256_castsi256_ps(ordered(near));
+ZENR_INLINE __m256i isZero(__m256i v) {
+    return _mm256_cmpeq_epi32(v, _mm256_setzero_si256());
 }
+ZENR_INLINE __m256 orderedLanes(__m256i lanes) {
+    return _mm256_castsi256_ps(ordered(lanes));
+}
+// Sums below this are small beside the bound, as 0 is.
 inline float guardThreshold(float bound) {
     const float threshold = bound * 0x1p-14f;
     return threshold > 0x1p-126f ? threshold : 0x1p-126f; // a smaller float ends at another bit
@@ -118,6 +109,10 @@ inline float guardThreshold(float bound) {
 
 ZENR_INLINE unsigned lanes16(__m256 low, __m256 high) {
     return unsigned(_mm256_movemask_ps(low)) | unsigned(_mm256_movemask_ps(high)) << 8;
+}
+// A bit for each of eight integers below 0.
+ZENR_INLINE unsigned signs8(const int* v) {
+    return unsigned(_mm256_movemask_ps(_mm256_castsi256_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(v)))));
 }
 // True when n doubles are 0; none but those are read.
 ZENR_INLINE bool zeroRun(const double* v, int n) {
@@ -130,17 +125,17 @@ ZENR_INLINE bool zeroRun(const double* v, int n) {
     for (int i = 0; i < n; i += 4) any = _mm256_or_pd(any, _mm256_loadu_pd(v + (n - i < 4 ? n - 4 : i)));
     return _mm256_testz_si256(_mm256_castpd_si256(any), _mm256_set1_epi64x(0x7FFFFFFFFFFFFFFF));
 }
-// True when sixteen elements of all rows are 0.
-template <int rows> ZENR_INLINE bool zeroRows16(const float* const* r, int x) {
+// True when `count` elements of all rows are 0.
+template <int rows, int count> ZENR_INLINE bool zeroRows(const float* const* r, int x) {
     __m256 any = _mm256_setzero_ps();
     for (int k = 0; k < rows; ++k)
-        any = _mm256_or_ps(any, _mm256_or_ps(_mm256_loadu_ps(r[k] + x), _mm256_loadu_ps(r[k] + x + 8)));
+        for (int i = 0; i < count; i += 8) any = _mm256_or_ps(any, _mm256_loadu_ps(r[k] + x + i));
     return _mm256_testz_si256(_mm256_castps_si256(any), _mm256_set1_epi32(0x7FFFFFFF));
 }
-template <int rows> ZENR_INLINE bool zeroRows16(const double* const* r, int x) {
+template <int rows, int count> ZENR_INLINE bool zeroRows(const double* const* r, int x) {
     __m256d any = _mm256_setzero_pd();
     for (int k = 0; k < rows; ++k)
-        for (int i = 0; i < 16; i += 4) any = _mm256_or_pd(any, _mm256_loadu_pd(r[k] + x + i));
+        for (int i = 0; i < count; i += 4) any = _mm256_or_pd(any, _mm256_loadu_pd(r[k] + x + i));
     return _mm256_testz_si256(_mm256_castpd_si256(any), _mm256_set1_epi64x(0x7FFFFFFFFFFFFFFF));
 }
 ZENR_INLINE __m256d absolute(__m256d v) {
@@ -158,11 +153,15 @@ template <class Op> ZENR_INLINE __m256 small8(const Op& op, int x) {
     return _mm256_and_ps(nonzero, _mm256_cmp_ps(sizes(floats(op.eight(x))), threshold, _CMP_NGE_UQ));
 }
 
-// Elements of sixteen that the guarded test left in doubt.
-template <class Op, class Element>
-__attribute__((noinline)) void settle(const Op& op, Element* dst, int x, unsigned near, unsigned small) {
-    if (!near && op.zero16(x)) return;
-    if (small) small &= lanes16(small8(op, x), small8(op, x + 8));
+// Elements of eight or sixteen that the guarded test left in doubt. (A copy of op: one that others refer to would be read
+// again and again in their loops.)
+template <int count, class Op, class Element>
+__attribute__((noinline)) void settle(Op op, Element* dst, int x, unsigned near, unsigned small) {
+    if (!near && op.template zeros<count>(x)) return;
+    if (small) {
+        const __m256 low = small8(op, x);
+        small &= count == 8 ? unsigned(_mm256_movemask_ps(low)) : lanes16(low, small8(op, x + 8));
+    }
     for (unsigned doubt = near | small; doubt; doubt &= doubt - 1) {
         const int i = x + __builtin_ctz(doubt);
         const Sum s = op.sum(i);
@@ -170,12 +169,28 @@ __attribute__((noinline)) void settle(const Op& op, Element* dst, int x, unsigne
     }
 }
 
-// The exact test: set lanes are not known to be exact.
-template <class Op> ZENR_INLINE __m256 spread8(const Op& op, int x) {
-    __m256 most = sizes(floats8(op.rows[0] + x));
+// The exact test: set lanes are not known to be exact. Doubles are compared by their upper words, in which 16 is left of
+// the factor's 17 powers of two.
+ZENR_INLINE __m256i upperWords(const double* p) {
+    const Eight v = widen8(p);
+    return _mm256_castps_si256(_mm256_shuffle_ps(_mm256_castpd_ps(v.low), _mm256_castpd_ps(v.high), 0xDD));
+}
+template <int rows> ZENR_INLINE __m256 spread8(const double* const* r, int x) {
+    const __m256i size = _mm256_set1_epi32(0x7FFFFFFF);
+    __m256i most = _mm256_and_si256(upperWords(r[0] + x), size);
+    __m256i least = most;
+    for (int k = 1; k < rows; ++k) {
+        const __m256i v = _mm256_and_si256(upperWords(r[k] + x), size);
+        most = _mm256_max_epi32(most, v);
+        least = _mm256_min_epi32(least, v);
+    }
+    return orderedLanes(_mm256_cmpgt_epi32(_mm256_sub_epi32(most, least), _mm256_set1_epi32(16 << 20)));
+}
+template <int rows> ZENR_INLINE __m256 spread8(const float* const* r, int x) {
+    __m256 most = sizes(_mm256_loadu_ps(r[0] + x));
     __m256 least = most;
-    for (int k = 1; k < Op::kRows; ++k) {
-        const __m256 v = sizes(floats8(op.rows[k] + x));
+    for (int k = 1; k < rows; ++k) {
+        const __m256 v = sizes(_mm256_loadu_ps(r[k] + x));
         most = _mm256_max_ps(most, v);
         least = _mm256_min_ps(least, v);
     }
@@ -185,96 +200,158 @@ template <class Op> ZENR_INLINE __m256 spread8(const Op& op, int x) {
 template <class Op, class Element> ZENR_INLINE void roundExact16(const Op& op, Element* dst, int x) {
     put8(dst + x, floats(op.eight(x)));
     put8(dst + x + 8, floats(op.eight(x + 8)));
-    const __m256 low = spread8(op, x), high = spread8(op, x + 8);
+    const __m256 low = spread8<Op::kRows>(op.rows, x), high = spread8<Op::kRows>(op.rows, x + 8);
     if (__builtin_expect(_mm256_movemask_ps(_mm256_or_ps(low, high)) != 0, 0))
-        settle(op, dst, x, lanes16(low, high), 0);
+        settle<16>(op, dst, x, lanes16(low, high), 0);
 }
-// With `exempt`, op tells which elements need no test.
-template <bool exempt, class Op, class Element>
+template <class Op, class Element>
 ZENR_INLINE void roundGuarded16(const Op& op, __m256 threshold, Element* dst, int x) {
-    const Guarded8 low = guarded8(op.eight(x), threshold), high = guarded8(op.eight(x + 8), threshold);
-    put8(dst + x, low.rounded);
-    put8(dst + x + 8, high.rounded);
-    __m256 needed[2];
-    for (int i = 0; i < 2; ++i) {
-        if constexpr (exempt)
-            needed[i] = _mm256_castsi256_ps(op.guarded8(x + 8 * i));
-        else
-            needed[i] = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
-    }
-    const __m256 any = _mm256_or_ps(_mm256_and_ps(needed[0], _mm256_or_ps(orderedLanes(low.near), low.small)),
-                                    _mm256_and_ps(needed[1], _mm256_or_ps(orderedLanes(high.near), high.small)));
-    if (__builtin_expect(_mm256_movemask_ps(any) == 0, 1)) return;
-    const unsigned lanes = lanes16(needed[0], needed[1]);
-    settle(op, dst, x, lanes & lanes16(orderedLanes(low.near), orderedLanes(high.near)),
-           lanes & lanes16(low.small, high.small));
+    const Eight a = op.eight(x), b = op.eight(x + 8);
+    const __m256 low = floats(a), high = floats(b);
+    put8(dst + x, low);
+    put8(dst + x + 8, high);
+    const __m256i off[2] = {offHalfway<kGuardedError>(a), offHalfway<kGuardedError>(b)};
+    // As integers, NaNs are the largest sizes.
+    const __m256i size[2] = {_mm256_castps_si256(sizes(low)), _mm256_castps_si256(sizes(high))};
+    const __m256i small = _mm256_cmpgt_epi32(_mm256_castps_si256(threshold), _mm256_min_epu32(size[0], size[1]));
+    const __m256i any = _mm256_or_si256(small, isZero(_mm256_min_epu32(off[0], off[1])));
+    if (__builtin_expect(_mm256_testz_si256(any, any), 1)) return;
+    settle<16>(
+        op, dst, x, lanes16(orderedLanes(isZero(off[0])), orderedLanes(isZero(off[1]))),
+        lanes16(_mm256_cmp_ps(sizes(low), threshold, _CMP_LT_OQ), _mm256_cmp_ps(sizes(high), threshold, _CMP_LT_OQ)));
 }
 
-// How far sums lie above the half-way points that they are nearest to, less the error and in eighths of a last place, as
-// signed numbers: the least are in doubt. In the order of lowWords.
-constexpr int kHalfwayError = 1 << 12;
-constexpr int kHalfwayLimit = int(0x80000000u + (2u * kHalfwayError << 3));
-ZENR_INLINE __m256i aboveHalfway(const Eight& s) {
-    return _mm256_slli_epi32(_mm256_add_epi32(lowWords(s), _mm256_set1_epi32(kHalfwayError)), 3);
-}
-template <bool exempt, class Op, class Element> ZENR_INLINE void roundHalfway16(const Op& op, Element* dst, int x) {
-    const __m256i limit = _mm256_set1_epi32(kHalfwayLimit);
+template <class Op, class Element> ZENR_INLINE void roundHalfway16(const Op& op, Element* dst, int x) {
     const Eight a = op.line8(x), b = op.line8(x + 8);
     put8(dst + x, op.finish(floats(a), x));
     put8(dst + x + 8, op.finish(floats(b), x + 8));
-    __m256i above[2] = {aboveHalfway(a), aboveHalfway(b)};
-    if constexpr (exempt)
-        for (int i = 0; i < 2; ++i)
-            above[i] =
-                _mm256_or_si256(above[i], ordered(_mm256_xor_si256(op.guarded8(x + 8 * i), _mm256_set1_epi32(-1))));
-    const __m256i near = _mm256_cmpgt_epi32(limit, _mm256_min_epi32(above[0], above[1]));
+    const __m256i off[2] = {offHalfway<kHalfwayError>(a), offHalfway<kHalfwayError>(b)};
+    const __m256i near = isZero(_mm256_min_epu32(off[0], off[1]));
     if (__builtin_expect(_mm256_testz_si256(near, near), 1)) return;
-    settle(
-        op, dst, x,
-        lanes16(orderedLanes(_mm256_cmpgt_epi32(limit, above[0])), orderedLanes(_mm256_cmpgt_epi32(limit, above[1]))),
-        0);
+    settle<16>(op, dst, x, lanes16(orderedLanes(isZero(off[0])), orderedLanes(isZero(off[1]))), 0);
 }
 
-// Calls group(x) for groups of sixteen elements from x on that cover [begin, end): the last may overlap the one before.
-template <class Group> ZENR_INLINE void sixteens(int begin, int end, const Group& group) {
-    for (int x = begin; x < end; x += 16) group(end - x < 16 ? end - 16 : x);
+// Calls group(x) for groups of `size` elements from x on that cover [begin, end): the last may overlap the one before.
+template <int size, class Group> ZENR_INLINE void inGroups(ptrdiff_t begin, ptrdiff_t end, const Group& group) {
+    for (ptrdiff_t x = begin; x < end; x += size) {
+        if (__builtin_expect(end - x < size, 0)) x = end - size;
+        group(x);
+    }
 }
 
 // The same where elements outside [from, to) need no test: plain(x) for groups of those, group(x) for the others.
-template <class Plain, class Group>
-ZENR_INLINE void sixteensWithin(int begin, int end, int from, int to, const Plain& plain, const Group& group) {
-    int first = from > begin ? begin + (from - begin) / 16 * 16 : begin;
+template <int size, class Plain, class Group>
+ZENR_INLINE void inGroupsWithin(int begin, int end, int from, int to, const Plain& plain, const Group& group) {
+    int first = from > begin ? begin + (from - begin) / size * size : begin;
     if (first > end) first = end;
-    int last = to < first ? first : first + (to - first + 15) / 16 * 16;
-    if (end - last < 16) last = end; // no plain group reaches back over others
-    sixteens(begin, last == first ? end : first, plain);
+    int last = to < first ? first : first + (to - first + size - 1) / size * size;
+    if (end - last < size) last = end; // no plain group reaches back over others
+    inGroups<size>(begin, last == first ? end : first, plain);
     if (last == first) return;
-    for (int x = first; x < last; x += 16) group(end - x < 16 ? end - 16 : x);
-    sixteens(last, end, plain);
+    inGroups<size>(first, last, group);
+    inGroups<size>(last, end, plain);
 }
 
-// Elements [begin, end) of a row pass, sixteen or more; begin and end of `bound` are those of the result.
-template <class Op, class Element>
-ZENR_INLINE void roundTaps(const Op& op, const RowBound& bound, Care care, Element* __restrict dst, int begin,
-                           int end) {
-    const __m256 threshold = _mm256_set1_ps(guardThreshold(bound.most));
+// A number for each of eight columns of a row pass. Arithmetic at 512 bits is no slower, only conversions are.
+#if defined(ZENR_LEVEL_avx512)
+struct Taps {
+    __m512d all;
+};
+ZENR_INLINE Eight halves(const Taps& a) {
+    return {_mm512_castpd512_pd256(a.all), _mm512_extractf64x4_pd(a.all, 1)};
+}
+ZENR_INLINE Taps minus(const Taps& a, const Taps& b) {
+    return {_mm512_sub_pd(a.all, b.all)};
+}
+ZENR_INLINE Taps times(const Taps& a, const double* b) {
+    return {_mm512_mul_pd(a.all, _mm512_loadu_pd(b))};
+}
+ZENR_INLINE Taps multiplyAdd(const Taps& a, const double* b, const Taps& c) {
+    return {_mm512_fmadd_pd(a.all, _mm512_loadu_pd(b), c.all)};
+}
+// Rounded to float, as doubles. Where the float is certain to be a normal number or 0, the sum's 2^29-fold, added and
+// taken away, leaves 24 bits, rounded to even as conversions do, of the sum; only the sign of 0 is lost.
+ZENR_INLINE void putTaps(double* dst, const Taps& s, bool normal) {
+    if (__builtin_expect(!normal, 0)) {
+        const Eight half = halves(s);
+        return put8(dst, floats(half));
+    }
+    const __m512d scale = _mm512_set1_pd(0x1p29), sign = _mm512_set1_pd(-0.);
+    const __m512d r = _mm512_fnmadd_pd(s.all, scale, _mm512_fmadd_pd(s.all, scale, s.all));
+    _mm512_storeu_pd(dst, _mm512_or_pd(r, _mm512_and_pd(s.all, sign)));
+}
+// Bits of the sums that have a half-way point within `error`, and of those below a threshold.
+template <int error> ZENR_INLINE unsigned nearHalfway(const Taps& s) {
+    const __m512i distance = _mm512_add_epi64(_mm512_castpd_si512(s.all), _mm512_set1_epi64((1 << 28) + error));
+    return _mm512_testn_epi64_mask(distance, _mm512_set1_epi64((1 << 29) - 2 * error));
+}
+ZENR_INLINE unsigned smallerThan(const Taps& s, float threshold) {
+    return _mm512_cmp_pd_mask(_mm512_abs_pd(s.all), _mm512_set1_pd(threshold), _CMP_LT_OQ);
+}
+#else
+using Taps = Eight;
+ZENR_INLINE Eight halves(const Taps& a) {
+    return a;
+}
+ZENR_INLINE Taps times(const Taps& a, const double* b) {
+    return {_mm256_mul_pd(a.low, _mm256_loadu_pd(b)), _mm256_mul_pd(a.high, _mm256_loadu_pd(b + 4))};
+}
+ZENR_INLINE Taps multiplyAdd(const Taps& a, const double* b, const Taps& c) {
+    return {multiplyAdd(a.low, _mm256_loadu_pd(b), c.low), multiplyAdd(a.high, _mm256_loadu_pd(b + 4), c.high)};
+}
+ZENR_INLINE void putTaps(double* dst, const Taps& s, bool) {
+    put8(dst, floats(s));
+}
+template <int error> ZENR_INLINE unsigned nearHalfway(const Taps& s) {
+    return unsigned(_mm256_movemask_ps(orderedLanes(isZero(offHalfway<error>(s)))));
+}
+ZENR_INLINE unsigned smallerThan(const Taps& s, float threshold) {
+    return unsigned(_mm256_movemask_ps(_mm256_cmp_ps(sizes(floats(s)), _mm256_set1_ps(threshold), _CMP_LT_OQ)));
+}
+#endif
+
+// Eight elements of a row pass. With `exempt`, op tells which need no test.
+template <bool exempt, int error, class Op>
+ZENR_INLINE void roundTaps8(const Op& op, float threshold, bool normal, double* dst, ptrdiff_t x) {
+    const Taps s = op.taps8(x);
+    putTaps(dst + x, s, normal);
+    const unsigned needed = exempt ? op.guarded8(x) : 0xFF;
+    const unsigned near = nearHalfway<error>(s) & needed;
+    const unsigned small = error == kGuardedError ? smallerThan(s, threshold) & needed : 0;
+    if (__builtin_expect((near | small) != 0, 0)) settle<8>(op, dst, int(x), near, small);
+}
+
+// Elements [begin, end) of a row pass, eight or more; begin and end of `bound` are those of the result. Where short
+// weights need no test, no sum but 0 is below 2^-34 of the least element.
+template <class Op>
+ZENR_INLINE void roundTaps(const Op& op, const RowBound& bound, Care care, double* __restrict dst, int begin, int end) {
+    const float threshold = guardThreshold(bound.most);
     const bool close = isClose(bound);
-    const auto plain = [&](int x) __attribute__((always_inline)) {
-        put8(dst + x, floats(op.eight(x)));
-        put8(dst + x + 8, floats(op.eight(x + 8)));
+    const bool normal = bound.least >= 0x1p-90f && bound.most < 0x1p126f;
+    const auto plain = [&](ptrdiff_t x) __attribute__((always_inline)) {
+        putTaps(dst + x, op.taps8(x), normal);
     };
     const auto each = [&](const auto& group) __attribute__((always_inline)) {
-        sixteensWithin(begin, end, bound.begin, bound.end, plain, group);
+        inGroupsWithin<8>(begin, end, bound.begin, bound.end, plain, group);
     };
-    if (care == Care::none) return sixteens(begin, end, plain);
+    if (care == Care::none) return inGroups<8>(begin, end, plain);
     if constexpr (Op::kInterpolates) {
         if (care == Care::halfway) {
-            if (close) return each([&](int x) __attribute__((always_inline)) { roundHalfway16<true>(op, dst, x); });
-            return each([&](int x) __attribute__((always_inline)) { roundHalfway16<false>(op, dst, x); });
+            if (close)
+                return each([&](ptrdiff_t x) __attribute__((always_inline)) {
+                    roundTaps8<true, kHalfwayError>(op, threshold, normal, dst, x);
+                });
+            return each([&](ptrdiff_t x) __attribute__((always_inline)) {
+                roundTaps8<false, kHalfwayError>(op, threshold, normal, dst, x);
+            });
         }
     }
-    if (close) return each([&](int x) __attribute__((always_inline)) { roundGuarded16<true>(op, threshold, dst, x); });
-    each([&](int x) __attribute__((always_inline)) { roundGuarded16<false>(op, threshold, dst, x); });
+    if (close)
+        return each([&](ptrdiff_t x) __attribute__((always_inline)) {
+            roundTaps8<true, kGuardedError>(op, threshold, normal, dst, x);
+        });
+    each([&](ptrdiff_t x)
+             __attribute__((always_inline)) { roundTaps8<false, kGuardedError>(op, threshold, normal, dst, x); });
 }
 
 // A row of sums of rows.
@@ -287,16 +364,16 @@ ZENR_INLINE void roundRows(const Op& op, const RowBound& bound, Care care, bool 
         put8(dst + x + 8, op.finish(floats(op.line8(x + 8)), x + 8));
     };
     const auto each = [&](const auto& group) __attribute__((always_inline)) {
-        sixteensWithin(0, n, bound.begin, bound.end, plain, group);
+        inGroupsWithin<16>(0, n, bound.begin, bound.end, plain, group);
     };
-    if (care == Care::none) return sixteens(0, n, plain);
+    if (care == Care::none) return inGroups<16>(0, n, plain);
     if constexpr (Op::kInterpolates) {
         if (care == Care::halfway)
-            return each([&](int x) __attribute__((always_inline)) { roundHalfway16<false>(op, dst, x); });
+            return each([&](int x) __attribute__((always_inline)) { roundHalfway16(op, dst, x); });
     }
     if (shortWeights) return each([&](int x) __attribute__((always_inline)) { roundExact16(op, dst, x); });
     const __m256 threshold = _mm256_set1_ps(guardThreshold(bound.most));
-    each([&](int x) __attribute__((always_inline)) { roundGuarded16<false>(op, threshold, dst, x); });
+    each([&](int x) __attribute__((always_inline)) { roundGuarded16(op, threshold, dst, x); });
 }
 
 // Sums for integer voxels: + 1/2, truncated, with 14 fraction bits. Below 2^17 in size, which three passes of weights
@@ -313,7 +390,7 @@ struct Fixed {
 };
 // Sixteen integers of two lowWords, saturated, in order.
 ZENR_INLINE __m256i words16(__m256i a, __m256i b) {
-    return _mm256_permute4x64_epi64(_mm256_packus_epi32(ordered(a), ordered(b)), 0xD8);
+    return _mm256_permutevar8x32_epi32(_mm256_packus_epi32(a, b), _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
 }
 ZENR_INLINE void storeVoxels16(uint16_t* dst, __m256i words) {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), words);

@@ -89,10 +89,10 @@ inline void boundOf(const float* v, int n, RowBound* bound) {
     bound->least = 0;
     bound->mixed = true;
 }
-// Integers differ in their zeros only.
+// Integers differ in their zeros only; all are multiples of 1.
 template <class T> void boundOf(const T* v, int n, RowBound* bound) {
     const Middle middle = middleOf(v, n);
-    *bound = {float(T(~T(0))), 1, false, middle.begin, middle.end};
+    *bound = {float(T(~T(0))), 0x1p24f, true, middle.begin, middle.end};
 }
 #else
 // Nobody asks at this level.

@@ -32,53 +32,23 @@ ZENR_INLINE void widen4(const uint8_t* s, float* d) {
     _mm_storeu_ps(d, _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(four))));
 }
 
-// A number for each of eight columns. Arithmetic at 512 bits is no slower, only conversions are.
-#if defined(ZENR_LEVEL_avx512)
-struct Taps {
-    __m512d all;
-};
-ZENR_INLINE Eight halves(const Taps& a) {
-    return {_mm512_castpd512_pd256(a.all), _mm512_extractf64x4_pd(a.all, 1)};
-}
-ZENR_INLINE Taps minus(const Taps& a, const Taps& b) {
-    return {_mm512_sub_pd(a.all, b.all)};
-}
-ZENR_INLINE Taps times(const Taps& a, const double* b) {
-    return {_mm512_mul_pd(a.all, _mm512_loadu_pd(b))};
-}
-ZENR_INLINE Taps multiplyAdd(const Taps& a, const double* b, const Taps& c) {
-    return {_mm512_fmadd_pd(a.all, _mm512_loadu_pd(b), c.all)};
-}
-#else
-using Taps = Eight;
-ZENR_INLINE Eight halves(const Taps& a) {
-    return a;
-}
-ZENR_INLINE Taps times(const Taps& a, const double* b) {
-    return {_mm256_mul_pd(a.low, _mm256_loadu_pd(b)), _mm256_mul_pd(a.high, _mm256_loadu_pd(b + 4))};
-}
-ZENR_INLINE Taps multiplyAdd(const Taps& a, const double* b, const Taps& c) {
-    return {multiplyAdd(a.low, _mm256_loadu_pd(b), c.low), multiplyAdd(a.high, _mm256_loadu_pd(b + 4), c.high)};
-}
-#endif
-
 // `origin` is where voxel 0 of the row would stand, which is outside the window mostly.
 template <class Element> struct WindowOf {
     const int* index;
     uintptr_t origin;
-    const Element* taps(int x) const {
+    const Element* taps(ptrdiff_t x) const {
         return reinterpret_cast<const Element*>(origin + uintptr_t(ptrdiff_t(index[x])) * sizeof(Element));
     }
 };
 using Window = WindowOf<double>;
 
-inline bool zero16(const Window& w, int x, int count) {
-    return zeroRun(w.taps(x), int(w.taps(x + 15) - w.taps(x)) + count);
+inline bool zeroColumns(const Window& w, int x, int columns, int count) {
+    return zeroRun(w.taps(x), int(w.taps(x + columns - 1) - w.taps(x)) + count);
 }
 
 // The taps of columns x to x + 7: t[k] has the k-th of each.
 #if defined(ZENR_LEVEL_avx512)
-template <int count> ZENR_INLINE void permuted8(const Window& w, int x, Taps* t) {
+template <int count> ZENR_INLINE void permuted8(const Window& w, ptrdiff_t x, Taps* t) {
     const int base = w.index[x];
     const __m256i at =
         _mm256_sub_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(w.index + x)), _mm256_set1_epi32(base));
@@ -92,16 +62,16 @@ template <int count> ZENR_INLINE void permuted8(const Window& w, int x, Taps* t)
         for (int k = 0; k < count; ++k) t[k].all = _mm512_i32gather_pd(at, p + k, 8);
     }
 }
-ZENR_INLINE void two8(const Window& w, int x, Taps* t) {
+ZENR_INLINE void two8(const Window& w, ptrdiff_t x, Taps* t) {
     permuted8<2>(w, x, t);
 }
-ZENR_INLINE void four8(const Window& w, int x, Taps* t) {
+ZENR_INLINE void four8(const Window& w, ptrdiff_t x, Taps* t) {
     permuted8<4>(w, x, t);
 }
 #else
-ZENR_INLINE void two8(const Window& w, int x, Taps* t) {
+ZENR_INLINE void two8(const Window& w, ptrdiff_t x, Taps* t) {
     for (int half = 0; half < 2; ++half) {
-        const int i = x + 4 * half;
+        const ptrdiff_t i = x + 4 * half;
         const __m256d even =
             _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(w.taps(i))), _mm_loadu_pd(w.taps(i + 2)), 1);
         const __m256d odd =
@@ -110,9 +80,9 @@ ZENR_INLINE void two8(const Window& w, int x, Taps* t) {
         (half ? t[1].high : t[1].low) = _mm256_unpackhi_pd(even, odd);
     }
 }
-ZENR_INLINE void four8(const Window& w, int x, Taps* t) {
+ZENR_INLINE void four8(const Window& w, ptrdiff_t x, Taps* t) {
     for (int half = 0; half < 2; ++half) {
-        const int i = x + 4 * half;
+        const ptrdiff_t i = x + 4 * half;
         const __m256d a = _mm256_loadu_pd(w.taps(i)), b = _mm256_loadu_pd(w.taps(i + 1));
         const __m256d c = _mm256_loadu_pd(w.taps(i + 2)), d = _mm256_loadu_pd(w.taps(i + 3));
         const __m256d ab[2] = {_mm256_unpacklo_pd(a, b), _mm256_unpackhi_pd(a, b)};
@@ -126,9 +96,10 @@ ZENR_INLINE void four8(const Window& w, int x, Taps* t) {
 #endif
 
 // The columns of a row, sixteen or more, window by window: fast(window, begin, end), or slow(begin, count) where the
-// taps of sixteen columns lie too far apart. Column x has `taps` taps from row[index[x]] on.
-template <int taps, class Element, class T, class Fast, class Slow>
-ZENR_INLINE void throughWindows(const T* row, const int* index, int n, const Fast& fast, const Slow& slow) {
+// taps of sixteen columns lie too far apart. Column x has `taps` taps from row[index[x]] on. Where `size` is not 0, the
+// row's voxels are row[-firstTap] and on, and its end voxels stand for what lies beyond them.
+template <int taps, int firstTap, class Element, class T, class Fast, class Slow>
+ZENR_INLINE void throughWindows(const T* row, int size, const int* index, int n, const Fast& fast, const Slow& slow) {
     alignas(64) Element window[kWindow + kBeyond];
     for (int x = 0; x < n;) {
         // Columns whose taps fit in the window; the last sixteen may overlap those before.
@@ -143,9 +114,18 @@ ZENR_INLINE void throughWindows(const T* row, const int* index, int n, const Fas
         if (count > kWindow) {
             slow(x, columns);
         } else {
-            int i = 0;
-            for (; i + 4 <= count; i += 4) widen4(row + first + i, window + i);
-            for (; i < count; ++i) window[i] = row[first + i];
+            int begin = 0, end = count; // voxels of the row
+            if (size) {
+                const int before = -firstTap - first, rest = size + before;
+                begin = before < 0 ? 0 : before < count ? before : count;
+                end = rest < begin ? begin : rest < count ? rest : count;
+                for (int i = 0; i < begin; ++i) window[i] = row[-firstTap];
+                for (int i = end; i < count; ++i) window[i] = row[size - 1 - firstTap];
+            }
+            const T* const s = row + first;
+            int i = begin;
+            for (; i + 4 <= end; i += 4) widen4(s + i, window + i);
+            for (; i < end; ++i) window[i] = s[i];
             const uintptr_t origin =
                 reinterpret_cast<uintptr_t>(window) - uintptr_t(ptrdiff_t(first)) * sizeof(Element);
             fast(WindowOf<Element>{index, origin}, x, x + columns);

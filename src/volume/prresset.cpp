@@ -148,6 +148,14 @@ void resampleRow(const ResizeBlock<P>& block, const typename P::Voxel* src, type
     P::sourceBound(*block.kernels, src + block.firstColumn, block.usedColumns, bound);
     moveRange(block, bound);
     const Care care = P::rowCare(*bound, block.exactColumns, block.columnGrowth);
+    if constexpr (P::kWholeRows) {
+        if (block.wholeRows) {
+            P::row(*block.kernels, src, dst, block.index, block.weights, block.weightStep, block.guarded, *bound, care,
+                   block.width, block.axis[0].size);
+            grow(*bound, block.columnGrowth, bound);
+            return;
+        }
+    }
     if (trailing > interior) {
         P::row(*block.kernels, src, dst + interior, block.index + interior, block.weights + interior, block.weightStep,
                block.guarded + interior, countedFrom(*bound, interior), care, trailing - interior);
@@ -264,6 +272,12 @@ template <class P> void tabulateColumns(const P& policy, ResizeBlock<P>* block, 
     block->columnsPerVoxel = voxels > 0 ? (block->width - 1) / double(voxels) : 0;
     if constexpr (P::kGroups)
         block->groupWidth = block->kernels->group(block->index, block->weights, block->width, axis.size, block->groups);
+    if constexpr (P::kWholeRows) {
+        const int reach = P::reach(*block->kernels);
+        block->wholeRows = reach > 0 && block->width >= 16 && axis.size < 1 << 30;
+        for (int x = 0; x + 15 < block->width; ++x)
+            block->wholeRows = block->wholeRows && block->index[x + 15] - block->index[x] + P::kTaps <= reach;
+    }
 }
 
 template <class P> void tabulateRows(const P& policy, ResizeBlock<P>* block, int first) {

@@ -84,8 +84,9 @@ template <class T> struct Linear {
     static constexpr int kTaps = 2;
     static constexpr int kFirstTap = 0; // relative to the base index
     static constexpr int kWeightsPerColumn = 1;
-    static constexpr bool kDoubts = false; // whether the depth pass leaves voxels to be done again
-    static constexpr bool kGroups = true;  // whether a row's columns may be done in groups, border included
+    static constexpr bool kDoubts = false;    // whether the depth pass leaves voxels to be done again
+    static constexpr bool kGroups = true;     // whether a row's columns may be done in groups, border included
+    static constexpr bool kWholeRows = false; // whether row kernels may see to the border themselves
     int mode;
 
     Weights weights(float f) const { return weightQ14(f); }
@@ -120,6 +121,7 @@ template <> struct Linear<float> {
     static constexpr int kWeightsPerColumn = 1;
     static constexpr bool kDoubts = false;
     static constexpr bool kGroups = false;
+    static constexpr bool kWholeRows = false;
     int mode;
 
     Weights weights(float f) const { return f; }
@@ -169,6 +171,7 @@ template <class T> struct Cubic {
     using Weight = double; // a float, in the type that sums run in
     struct Weights {
         float tap[4];
+        float unit; // of which they are multiples: 1 to 2^-10, or 0 if those are too large
     };
     using Kernels = CubicKernels;
     static constexpr int kTaps = 4;
@@ -177,11 +180,15 @@ template <class T> struct Cubic {
     using Bound = RowBound;
     static constexpr bool kDoubts = false;
     static constexpr bool kGroups = false;
+    static constexpr bool kWholeRows = true;
     int mode;
 
     Weights weights(float f) const {
         Weights w;
         ownpi_CubicWeights(mode, &f, 1, w.tap);
+        w.unit = 1;
+        for (float tap : w.tap)
+            while (w.unit != 0 && tap / w.unit != float(int(tap / w.unit))) w.unit = isShort(tap) ? w.unit / 2 : 0;
         return w;
     }
     static void store(const Weights& w, Weight* column, int step) {
@@ -193,12 +200,11 @@ template <class T> struct Cubic {
         for (int k = 0; k < 4; ++k) taps[k] = axis.clamped(base - 1 + k);
     }
 
-    // The sizes of four weights add up to less than 2; as some are negative, sums may be of any size below.
-    static Growth growth(const Weights&) { return {2, 0, 0}; }
+    // Sums are multiples of the weights' unit times that of the elements; as some weights are negative, sums may be of
+    // any size below `most`. They are exact where they stay below 2^53 units.
+    static Growth growth(const Weights& w) { return {kMostWeights, 0, w.unit}; }
     static Care columnCare(const RowBound& b, const Weights& w) {
-        return isClose(b) && isShort(w.tap[0]) && isShort(w.tap[1]) && isShort(w.tap[2]) && isShort(w.tap[3])
-                   ? Care::none
-                   : Care::full;
+        return b.most <= b.least * w.unit * 0x1p27f ? Care::none : Care::full;
     }
     static Care rowCare(const RowBound& b, bool exactColumns, const Growth&) {
         return exactColumns && isClose(b) ? Care::none : Care::full;
@@ -220,16 +226,18 @@ template <class T> struct Cubic {
             k.bound16(src, n, bound);
         else
             k.bound32(src, n, bound);
+        bound->mixed = true; // as the sums are
     }
     static void row(const Kernels& k, const T* src, double* dst, const int* index, const double* weights,
-                    int weightStep, const int* guarded, const RowBound& bound, Care care, int n) {
+                    int weightStep, const int* guarded, const RowBound& bound, Care care, int n, int size = 0) {
         if constexpr (sizeof(T) == 1)
-            k.row8(src, dst, index, weights, weightStep, guarded, bound, care, n);
+            k.row8(src, dst, index, weights, weightStep, guarded, bound, care, size, n);
         else if constexpr (sizeof(T) == 2)
-            k.row16(src, dst, index, weights, weightStep, guarded, bound, care, n);
+            k.row16(src, dst, index, weights, weightStep, guarded, bound, care, size, n);
         else
-            k.row32(src, dst, index, weights, weightStep, guarded, bound, care, n);
+            k.row32(src, dst, index, weights, weightStep, guarded, bound, care, size, n);
     }
+    static int reach(const Kernels& k) { return k.reach; }
     static void column(const Kernels& k, const double* const* r, const Weights& w, const RowBound& bound, float* dst,
                        int n) {
         k.col(r, w.tap, bound, columnCare(bound, w), dst, n);
@@ -254,6 +262,7 @@ struct QuickCubic : Cubic<uint8_t> {
         for (int k = 0; k < 4; ++k) column[ptrdiff_t(k) * step] = w.tap[k];
     }
     static constexpr bool kDoubts = true;
+    static constexpr bool kWholeRows = false;
     static bool exactColumn(const Weights&) { return true; }
     static void sourceBound(const Kernels&, const uint8_t*, int n, RowBound* bound) { *bound = {0, 0, false, 0, n}; }
     static void row(const Kernels& k, const uint8_t* src, float* dst, const int* index, const float* weights,
@@ -291,6 +300,7 @@ template <class P> struct ResizeBlock {
     Runs columns;
     Runs rows;
     double columnsPerVoxel;
+    bool wholeRows;  // their kernel sees to the border
     int firstColumn; // source columns that are read
     int usedColumns;
     int* index;                  // per column: base
