@@ -54,13 +54,20 @@ template <class T> SampleSource<T> sampleSource(const T* const* planes, int step
     return src;
 }
 
-// About how far the voxels at positions lie apart that differ by `way`, in a regular source; 0 where it does not matter.
-template <class T> ptrdiff_t voxelsAhead(const SampleSource<T>& src, const double way[3]) {
+// Taps of an interpolation along each axis.
+constexpr int tapsOf(int mode) {
+    return mode == kNearest ? 1 : mode == kLinear ? 2 : 4;
+}
+
+// For voxels of a regular source at positions that differ by `way`: about how far from the first tap of one of them that
+// tap of the other lies which no voxel on the way has had yet. 0 where it does not matter.
+template <class T> ptrdiff_t voxelsAhead(const SampleSource<T>& src, const double way[3], int taps) {
     constexpr double kFar = 64; // what lies so far apart shares no voxels anyway
     const ptrdiff_t steps[3] = {1, src.step, src.planeStep};
     ptrdiff_t ahead = 0;
     for (int k = 0; k < 3; ++k)
-        if (src.regular && way[k] > -kFar && way[k] < kFar) ahead += steps[k] * int(way[k] + (way[k] < 0 ? -0.5 : 0.5));
+        if (src.regular && way[k] > -kFar && way[k] < kFar)
+            ahead += steps[k] * (way[k] < 0 ? int(way[k] - 0.5) : int(way[k] + 0.5) + taps - 1);
     return ahead;
 }
 
@@ -89,7 +96,7 @@ template <class T> struct WarpTile {
     static constexpr int kMost = kTileRows * kTileSlices;
     static_assert(kMost % kSideBySide == 0);
     int rows;
-    ptrdiff_t ahead; // about how far the next slice's voxels lie ahead in a regular source; 0 for others
+    ptrdiff_t ahead; // from a voxel's first tap to what the next slice reads first, as voxelsAhead has it
     T* row[kMost];
     alignas(64) double position[3][kMost];
 };

@@ -237,15 +237,15 @@ template <class T, int mode> struct Cubic {
     }
 
     static constexpr bool kFloats = false;
-    static void column(const SampleSource<T>& src, const Column& at, Ahead, T* out) {
+    static void column(const SampleSource<T>& src, const Column& at, Ahead ahead, T* out) {
         alignas(64) double s[3][kChunk];
         __builtin_memcpy(s, &at, sizeof s);
-        chunk(src, {s[0], s[1], s[2]}, out);
+        chunk(src, {s[0], s[1], s[2]}, ahead, out);
     }
 
-    static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
+    static void chunk(const SampleSource<T>& src, const Positions& at, [[maybe_unused]] Ahead ahead, T* out) {
 #if defined(ZENR_LEVEL_avx512)
-        return chunk16(src, at, out);
+        return chunk16(src, at, ahead, out);
 #endif
         alignas(64) int base[3][kChunk];
         alignas(64) double f[3][kChunk], error[kChunk] = {};
@@ -275,7 +275,7 @@ template <class T, int mode> struct Cubic {
 
 #if defined(ZENR_LEVEL_avx512)
     // The same in whole registers.
-    static void chunk16(const SampleSource<T>& src, const Positions& at, T* out) {
+    static void chunk16(const SampleSource<T>& src, const Positions& at, Ahead ahead, T* out) {
         alignas(64) int base[3][kChunk];
         alignas(64) T copied[kChunk][64];
         Taps16<T> taps;
@@ -294,6 +294,8 @@ template <class T, int mode> struct Cubic {
         }
         _mm512_store_si512(taps.offset, flat);
         for (auto& group : taps.group) group = {src.planes[src.low[2]], src.step, src.planeStep};
+        stageDone();
+        ask(src.planes[src.low[2]], taps.offset, ahead);
         if (__builtin_expect(edge != 0, 0)) copyEdges(src, base, edge, copied, &taps);
         unsigned doubt;
         if constexpr (sizeof(T) == 1) {

@@ -68,12 +68,13 @@ double rowStart(const double* inverse, double x, double y, double z) {
 }
 
 // Rows [y, y + rows) of slices [z, z + slices).
-template <class T> void warpTile(WarpRows<T>* kernel, const WarpTask<T>& task, int y, int rows, int z, int slices) {
+template <class T>
+void warpTile(WarpRows<T>* kernel, const WarpTask<T>& task, int taps, int y, int rows, int z, int slices) {
     const double advance[3] = {task.inverse[0], task.inverse[4], task.inverse[8]};
     WarpTile<T> tile;
     tile.rows = 0;
     const double slice[3] = {task.inverse[2], task.inverse[6], task.inverse[10]};
-    tile.ahead = voxelsAhead(task.src, slice);
+    tile.ahead = voxelsAhead(task.src, slice, taps);
     for (int k = z; k < z + slices; ++k)
         for (int j = y; j < y + rows; ++j, ++tile.rows) {
             tile.row[tile.rows] = task.dst[k] + ptrdiff_t(j) * task.dstStep + task.box.x;
@@ -90,7 +91,7 @@ template <class T, int mode> void warpVolume(Level level, const WarpTask<T>& tas
     WarpRows<T>* const kernel = sampleKernels<T>(level).warp[mode];
     for (int z = 0; z < count; z += kTileSlices)
         for (int y = 0; y < task.box.height; y += kTileRows)
-            warpTile(kernel, task, task.box.y + y, least(task.box.height - y, kTileRows), first + z,
+            warpTile(kernel, task, tapsOf(mode), task.box.y + y, least(task.box.height - y, kTileRows), first + z,
                      least(count - z, kTileSlices));
 }
 
