@@ -98,10 +98,11 @@ template <class T> inline Interval lineInside(const SampleSource<T>& src, const 
 }
 
 // body(i) for each i of a range, in blocks of a fixed length: the compiler's vectors are then no longer than a block and
-// leave no rest. The last block may overlap the one before.
+// leave no rest. The last block may overlap the one before. What the body writes is none of what it reads.
 template <class Body> inline void eachBlock(Interval range, const Body& body) {
     int i = range.begin;
     while (range.end - i >= kChunk) {
+#pragma GCC ivdep
         for (int j = 0; j < kChunk; ++j) body(i + j);
         i += kChunk;
         if (i < range.end && range.end - i < kChunk) i = range.end - kChunk;
@@ -117,6 +118,18 @@ template <class T, class Chunk> inline void eachChunk(const Aligned& run, T* dst
         chunk(x, whole ? dst + x : out);
         for (int i = x; !whole && i < run.count; ++i) dst[i] = out[i - x];
     }
+}
+
+// a * b + c, where a rounding more or less does not matter.
+template <class Real> inline Real multiplyAdd(Real a, Real b, Real c) {
+#if defined(__FMA__)
+    if constexpr (sizeof(Real) == 4)
+        return __builtin_fmaf(a, b, c);
+    else
+        return __builtin_fma(a, b, c);
+#else
+    return a * b + c;
+#endif
 }
 
 inline float sizeOf(float x) {

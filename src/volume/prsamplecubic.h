@@ -140,7 +140,7 @@ template <class T, int mode> struct Cubic {
         eachBlock(rest, [&](int i) {
             Real sum = weight[0] * Real(row[0][i]);
 #pragma GCC unroll 16
-            for (int r = 1; r < 16; ++r) sum += weight[r] * Real(row[r][i]);
+            for (int r = 1; r < 16; ++r) sum = multiplyAdd(weight[r], Real(row[r][i]), sum);
             line[i] = sum;
         });
         padLine(src, run, line);

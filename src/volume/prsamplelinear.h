@@ -50,8 +50,8 @@ template <class T> struct Linear {
 #endif
         eachBlock(rest, [&](int i) {
             const Real a = row[0][i], b = row[1][i], c = row[2][i], d = row[3][i];
-            const Real low = a + (b - a) * fy, high = c + (d - c) * fy;
-            line[i] = low + (high - low) * fz;
+            const Real low = multiplyAdd(b - a, fy, a), high = multiplyAdd(d - c, fy, c);
+            line[i] = multiplyAdd(high - low, fz, low);
         });
         padLine(src, run, line);
         if constexpr (sizeof(T) == 4) {
