@@ -107,6 +107,44 @@ ZENR_INLINE Bits equal(Ints a, Ints b) {
 #endif
 }
 
+// Comparisons of several registers, turned into bits at once: without mask registers that is cheaper than one by one.
+#if defined(__AVX512BW__)
+constexpr int kGroup = 1;
+typedef Bits Flags;
+ZENR_INLINE Flags flagLess(Floats a, Floats b) {
+    return less(a, b);
+}
+ZENR_INLINE Flags flagLessEqual(Floats a, Floats b) {
+    return lessEqual(a, b);
+}
+ZENR_INLINE Bits bitsOf(const Flags (&flags)[kGroup]) {
+    return flags[0];
+}
+#else
+constexpr int kGroup = 4;
+typedef Ints Flags;
+ZENR_INLINE Flags flagLess(Floats a, Floats b) {
+    return a < b;
+}
+ZENR_INLINE Flags flagLessEqual(Floats a, Floats b) {
+    return a <= b;
+}
+ZENR_INLINE Bits bitsOf(const Flags (&flags)[kGroup]) {
+#if defined(__AVX2__)
+    const __m256i low = _mm256_packs_epi32((__m256i)flags[0], (__m256i)flags[1]);
+    const __m256i high = _mm256_packs_epi32((__m256i)flags[2], (__m256i)flags[3]);
+    // Packing keeps to halves of a register: fours of rays are in the order 0 2 4 6 1 3 5 7.
+    const __m256i fours = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    return Bits(_mm256_movemask_epi8(_mm256_permutevar8x32_epi32(_mm256_packs_epi16(low, high), fours)));
+#else
+    const __m128i low = _mm_packs_epi32((__m128i)flags[0], (__m128i)flags[1]);
+    const __m128i high = _mm_packs_epi32((__m128i)flags[2], (__m128i)flags[3]);
+    return Bits(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
+#endif
+}
+#endif
+constexpr int kGroupLanes = kGroup * kLanes;
+
 // The first `count` of a list, and zeros.
 ZENR_INLINE Ints firstOf(const int* list, int count) {
 #if defined(__AVX512BW__)

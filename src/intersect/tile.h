@@ -27,6 +27,10 @@ template <> struct SetOf<16> { typedef uint32_t Type; };
 template <class Set> ZENR_INLINE Bits part(Set set, int v) {
     return Bits(set >> (v * kLanes)) & kAllLanes;
 }
+// The same of a group of registers.
+template <class Set> ZENR_INLINE Bits groupPart(Set set, int v) {
+    return Bits(set >> (v * kLanes)) & Bits((1ull << kGroupLanes) - 1);
+}
 template <class Set> ZENR_INLINE Set whole(Bits bits, int v) {
     return Set(bits) << (v * kLanes);
 }
@@ -685,12 +689,14 @@ template <class Search, class T>
 ZENR_INLINE typename T::Set goOn(const T& tile, typename T::Set rays, const Floats* middle, float latest, float best) {
     if (latest < best) return rays;
     typename T::Set on = 0;
-    for (int v = 0; v < T::kVectors; ++v) {
-        const Bits bits = part(rays, v);
-        if (!bits) continue;
-        const Floats best = Search::kSegment ? all(1.f) : tile.best[v];
-        on |= whole<typename T::Set>(bits & ~lessEqual(best, middle[v]), v);
+    for (int v = 0; v < T::kVectors; v += kGroup) {
+        if (!groupPart(rays, v)) continue;
+        Flags by[kGroup];
+        for (int i = 0; i < kGroup; ++i)
+            by[i] = flagLessEqual(Search::kSegment ? all(1.f) : tile.best[v + i], middle[v + i]);
+        on |= whole<typename T::Set>(~bitsOf(by) & Bits((1ull << kGroupLanes) - 1), v);
     }
+    on &= rays;
     return on;
 }
 
@@ -735,14 +741,19 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
             prefetchBelow(nearer, accel);
             prefetchBelow(farther, accel);
             const Floats tolerance = all(Search::kTolerance);
-            for (int v = 0; v < T::kVectors; ++v) {
-                if (!part(active, v)) continue;
-                const Floats origin = Search::kOwnOrigins ? tile.origin[axis][v] : all(tile.sharedOrigin[axis]);
-                const Floats t = (all(split) - origin) * tile.inverse[axis][v];
-                farOnly |= whole<typename T::Set>(less(tolerance, tmin[v] - t), v);
-                nearOnly |= whole<typename T::Set>(less(tolerance, t - tmax[v]), v);
-                // For a ray of the near child alone this is its tmax, for one of the far child alone its tmin.
-                middle[v] = larger(tmin[v], smaller(t, tmax[v]));
+            for (int v = 0; v < T::kVectors; v += kGroup) {
+                if (!groupPart(active, v)) continue;
+                Flags far[kGroup], near[kGroup];
+                for (int i = 0; i < kGroup; ++i) {
+                    const Floats origin = Search::kOwnOrigins ? tile.origin[axis][v + i] : all(tile.sharedOrigin[axis]);
+                    const Floats t = (all(split) - origin) * tile.inverse[axis][v + i];
+                    far[i] = flagLess(tolerance, tmin[v + i] - t);
+                    near[i] = flagLess(tolerance, t - tmax[v + i]);
+                    // For a ray of the near child alone this is its tmax, for one of the far child alone its tmin.
+                    middle[v + i] = larger(tmin[v + i], smaller(t, tmax[v + i]));
+                }
+                farOnly |= whole<typename T::Set>(bitsOf(far), v);
+                nearOnly |= whole<typename T::Set>(bitsOf(near), v);
             }
             farOnly &= active;
             nearOnly &= active & ~farOnly;
