@@ -167,6 +167,20 @@ def disassembly(options):
     return problems if seen else ["no instruction found"]
 
 
+def masks(options):
+    """g++ 12 for 32 bits, without -fexpensive-optimizations, stores 8 or 16 bits of a mask and at once loads 32 or 64."""
+    problems, slot, age = [], None, 0
+    for function, mnemonic, operands in instructions(options.library):
+        stored = re.match(r"%k[0-7],(\S+\))$", operands)
+        if stored and mnemonic in ("kmovb", "kmovw"):
+            slot, age = stored.group(1), 0
+            continue
+        age += 1
+        if slot and age <= 4 and mnemonic == "mov" and re.match(re.escape(slot) + r",%[er]", operands):
+            problems.append(f"{function}: a mask is loaded wider than it was stored: {operands}")
+    return problems
+
+
 def sections(path):
     """{index: (name, size)} of an ELF file's sections."""
     found = {}
@@ -231,7 +245,7 @@ def stack(options):
     return [f"{name} calls without aligning the stack" for name in sorted(exported & calls - aligns)]
 
 
-GATES = {gate.__name__: gate for gate in (exports, imports, needed, weak, disassembly, writable, stack)}
+GATES = {gate.__name__: gate for gate in (exports, imports, needed, weak, disassembly, masks, writable, stack)}
 
 
 def main():

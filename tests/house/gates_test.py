@@ -120,6 +120,13 @@ class Gates(unittest.TestCase):
                    base='namespace zenr { void f() { asm volatile("popcnt %%eax, %%eax\\n pshufb %%xmm0, %%xmm0\\n '
                          'roundss $1, %%xmm0, %%xmm0" : : : "eax", "xmm0"); } }')
 
+    def test_mask_loaded_wider_than_stored(self):
+        top = "%%esp" if "-m32" in COMPILER else "%%rsp"
+        self.check("masks", ["loaded wider"],
+                   level='namespace zenr { namespace avx2 { void f() { asm volatile("kmovw %%k0, -8(' + top +
+                         ')\\n xor %%ecx, %%ecx\\n mov -8(' + top + '), %%eax\\n kmovw %%k0, -8(' + top +
+                         ')\\n movzwl -8(' + top + '), %%eax" : : : "eax", "ecx"); } } }')
+
     def test_variable(self):
         self.check("writable", ["counter"], base="namespace zenr { int counter = 1; int f() { return counter++; } }")
 
