@@ -175,6 +175,38 @@ ZENR_INLINE Ints select(Bits bits, Ints a, Ints b) {
     return (Ints)select(bits, (Floats)a, (Floats)b);
 }
 
+#if defined(__AVX2__) && !defined(__AVX512BW__)
+// The lanes of each set of bits one after the other.
+struct PackedLanes {
+    uint8_t of[256][8];
+    constexpr PackedLanes() : of() {
+        for (int bits = 0; bits < 256; ++bits) {
+            for (int lane = 0, at = 0; lane < 8; ++lane) {
+                if (bits >> lane & 1) of[bits][at++] = uint8_t(lane);
+            }
+        }
+    }
+};
+constexpr PackedLanes kPackedLanes;
+#endif
+
+// Writes the lanes of `bits` one after the other; what follows them, up to a register, is overwritten too.
+ZENR_INLINE void storePacked(void* to, Bits bits, Ints x) {
+#if defined(__AVX512BW__)
+    _mm512_storeu_si512(to, _mm512_maskz_compress_epi32(__mmask16(bits), (__m512i)x));
+#elif defined(__AVX2__)
+    const __m128i lanes = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(kPackedLanes.of[bits]));
+    _mm256_storeu_si256(static_cast<__m256i*>(to),
+                        _mm256_permutevar8x32_epi32((__m256i)x, _mm256_cvtepu8_epi32(lanes)));
+#else
+    for (int i = 0; i < kLanes; ++i) {
+        const int32_t lane = x[i];
+        __builtin_memcpy(to, &lane, sizeof lane);
+        to = static_cast<int32_t*>(to) + (bits >> i & 1);
+    }
+#endif
+}
+
 // The doubles of a half: 0 the lower, 1 the upper.
 template <int Half> ZENR_INLINE Doubles toDoubles(Floats a) {
 #if defined(__AVX512BW__)

@@ -45,18 +45,9 @@ ZENR_INLINE Ints loadLanes(const uint32_t* from) {
 
 // Writes the lanes of `bits` one after the other; what follows them, up to a register, is overwritten too.
 ZENR_INLINE void pack(Bits bits, Ints ray, Floats tmin, Floats tmax, Stream& stream, int at) {
-#if defined(__AVX512BW__)
-    _mm512_storeu_si512(stream.listRay + at, _mm512_maskz_compress_epi32(__mmask16(bits), (__m512i)ray));
-    _mm512_storeu_ps(stream.listMin + at, _mm512_maskz_compress_ps(__mmask16(bits), (__m512)tmin));
-    _mm512_storeu_ps(stream.listMax + at, _mm512_maskz_compress_ps(__mmask16(bits), (__m512)tmax));
-#else
-    for (int i = 0; i < kLanes; ++i) {
-        stream.listRay[at] = uint32_t(ray[i]);
-        stream.listMin[at] = tmin[i];
-        stream.listMax[at] = tmax[i];
-        at += bits >> i & 1;
-    }
-#endif
+    storePacked(stream.listRay + at, bits, ray);
+    storePacked(stream.listMin + at, bits, (Ints)tmin);
+    storePacked(stream.listMax + at, bits, (Ints)tmax);
 }
 
 ZENR_INLINE int countOf(Bits bits) {
