@@ -174,5 +174,80 @@ ZENR_INLINE Set testRow(const Row& r, const int* list, Rays&& rays, Set set) {
     return ended;
 }
 
+// As many records as a register has floats, and bounds on what single precision gets wrong about them.
+struct QuickRow {
+    Floats nA, nB, pK, pA, pB, e1A, e1B, e2A, e2B;
+    Ints k, a, b; // the lowest two bits count
+    Floats perApart, error; // of a weight: so much more for each unit of distance
+    Floats perApartBehind, errorBehind; // of the product of the distance's numerator and denominator
+    Bits proper;
+};
+
+// What the rays' components are at most, in size; infinite where one is NaN.
+struct Reach {
+    float direction, origin;
+};
+
+ZENR_INLINE void load(QuickRow& r, const int* list, int count, const ZenrTriangleAccel* accel, const Reach& reach) {
+    alignas(64) int number[kLanes];
+    const Ints numbers = firstOf(list, count); // lanes without a triangle read the first record, and are left out below
+    __builtin_memcpy(number, &numbers, sizeof number);
+    const auto rowFrom = [&](int lane, int word) {
+        return _mm_loadu_ps(reinterpret_cast<const float*>(accel + number[lane]) + word);
+    };
+    Floats axes, unused;
+    turnRows([&](int lane) { return rowFrom(lane, 0); }, axes, r.nA, r.pK, r.nB);
+    turnRows([&](int lane) { return rowFrom(lane, 4); }, r.pA, r.pB, r.e2A, r.e2B);
+    turnRows([&](int lane) { return rowFrom(lane, 6); }, unused, unused, r.e1A, r.e1B);
+    const Ints flags = (Ints)axes, order = flags & all(int32_t(63));
+    r.k = flags >> 4;
+    r.a = flags >> 2;
+    r.b = flags;
+    r.proper = ~equal(flags, Ints{}) & (count < kLanes ? (Bits(1) << count) - 1 : kAllLanes);
+
+    const Bits known = equal(order, all(int32_t(4 * 1 + 2))) | equal(order, all(int32_t(16 + 2))) |
+                       equal(order, all(int32_t(32 + 1)));
+    const Floats one = all(1.f), direction = all(reach.direction);
+    const Floats normal = absolute(r.nA) + absolute(r.nB) + one;
+    const Floats edges = absolute(r.e1A) + absolute(r.e1B) + (absolute(r.e2A) + absolute(r.e2B));
+    const Floats lost = (absolute(r.pK) + all(reach.origin)) * all(0x1p-48f);
+    const Floats steep = normal * direction, bulk = (edges + one) * (steep + normal);
+    r.perApart = about(edges * steep, all(0x1p-19f), bulk * all(1e-25f));
+    r.error = about(steep, all(0x1p-20f), about(edges * direction, lost, bulk * all(1e-30f)));
+    r.error = select(known, r.error, all(__builtin_inff()));
+    r.perApartBehind = normal * steep * all(0x1p-19f);
+    r.errorBehind = about(steep, lost, bulk * all(1e-30f));
+}
+
+ZENR_INLINE Floats pick(Ints which, const float* at) {
+#if defined(__AVX512BW__)
+    return (Floats)_mm512_permutevar_ps(_mm512_broadcast_f32x4(_mm_loadu_ps(at)), (__m512i)which);
+#elif defined(__AVX2__)
+    return (Floats)_mm256_permutevar_ps(_mm256_broadcast_ps(reinterpret_cast<const __m128*>(at)), (__m256i)which);
+#else
+    return Floats{at[which[0] & 3], at[which[1] & 3], at[which[2] & 3], at[which[3] & 3]};
+#endif
+}
+
+// The triangles that a ray may hit.
+ZENR_INLINE Bits inQuestion(const QuickRow& r, const float* origin, const float* toward) {
+    const Floats dA = pick(r.a, toward), dB = pick(r.b, toward), dK = pick(r.k, toward);
+    const Floats u = r.pA - pick(r.a, origin), w = pick(r.b, origin) - r.pB, q = r.pK - pick(r.k, origin);
+    const Floats det = about(r.nA, dA, about(r.nB, dB, dK));
+    const Floats num = about(r.nA, u, about(r.nB, -w, q));
+    const Floats x = about(dA, num, -(u * det));
+    const Floats y = about(dB, num, w * det);
+    const Floats beta = about(r.e2B, x, -(r.e2A * y));
+    const Floats gamma = about(r.e1A, y, -(r.e1B * x));
+    const Floats alpha = det - beta - gamma;
+    const Floats low = smaller(smaller(alpha, beta), gamma);
+    const Floats high = larger(larger(alpha, beta), gamma);
+    const Floats apart = absolute(u) + absolute(w) + absolute(q);
+    const Floats error = about(r.perApart, apart, r.error);
+    const Bits outside = less(low, -error) & less(error, high);
+    const Bits behind = less(num * det, -about(r.perApartBehind, apart, r.errorBehind));
+    return r.proper & ~((outside | behind) & less(error, all(1e11f)));
+}
+
 } // namespace ZENR_LEVEL
 } // namespace zenr

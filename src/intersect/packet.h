@@ -9,7 +9,7 @@ namespace ZENR_LEVEL {
 
 constexpr int kPacketRays = 16;
 constexpr int kPacketVectors = kPacketRays / kLanes;
-constexpr uint32_t kAtOnce = 8; // triangles of a leaf
+constexpr uint32_t kAtOnce = kLanes; // triangles of a leaf
 typedef uint32_t PacketSet;
 
 // A ray and what it has found: one cache line.
@@ -117,7 +117,8 @@ ZENR_INLINE PacketSet goOnFrom(const Floats (&best)[kPacketVectors], const Float
 // needs more than `room` pending entries.
 template <class Search>
 bool walkPacket(StreamRay* first, const uint32_t* number, const float* tmins, const float* tmaxs, int count,
-                const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, const int (&nearChild)[4], int room) {
+                const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, const Reach& reach, const int (&nearChild)[4],
+                int room) {
     constexpr int kVectors = kPacketVectors;
     PendingPacket stack[kMaxTreeDepth];
     Packet packet;
@@ -207,16 +208,30 @@ bool walkPacket(StreamRay* first, const uint32_t* number, const float* tmins, co
             int batch;
             for (uint32_t done = 0; done < leaf.count; done += batch) {
                 batch = atMost(done, kAtOnce);
+                const int* const list = leaf.list + done;
                 if (done + 2 * kAtOnce < leaf.count)
-                    prefetchRecords(accel, leaf.list + done + 2 * kAtOnce, atMost(done + 2 * kAtOnce, kAtOnce));
+                    prefetchRecords(accel, list + 2 * kAtOnce, atMost(done + 2 * kAtOnce, kAtOnce));
                 if (!fewFor<Search>(active, batch)) {
-                    for (int i = 0; i < batch; ++i) packet.test<Search>(accel, leaf.list[int(done) + i], active);
+                    for (int i = 0; i < batch; ++i) packet.test<Search>(accel, list[i], active);
                     continue;
                 }
-                for (int i = 0; i < batch; i += kHalf) {
+                QuickRow quick;
+                load(quick, list, batch, accel, reach);
+                PacketSet rays = 0;
+                Bits triangles = 0;
+                for (PacketSet left = active; left; left &= left - 1) {
+                    const int ray = lowestOf(left);
+                    const StreamRay& r = packet.at(ray);
+                    const Bits here = inQuestion(quick, r.origin, r.direction);
+                    triangles |= here;
+                    rays |= here ? PacketSet(1) << ray : 0;
+                }
+                while (triangles) {
+                    int chosen[kHalf], n = 0;
+                    for (; triangles && n < kHalf; triangles &= triangles - 1) chosen[n++] = list[lowestOf(triangles)];
                     Row r;
-                    load(r, leaf.list + done + i, batch - i < kHalf ? batch - i : kHalf, accel);
-                    testRow<Search>(r, leaf.list + done + i, packet, active);
+                    load(r, chosen, n, accel);
+                    testRow<Search>(r, chosen, packet, rays);
                 }
             }
         }

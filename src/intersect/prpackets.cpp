@@ -437,6 +437,8 @@ void addToStream(Stream& stream, int slot, Block64& tile) {
         ray.tmax = floatsOf(tile.tmax)[lane];
         ray.triangle = -1;
     }
+    stream.reach.direction = largerOf(stream.reach.direction, tile.reach);
+    stream.reach.origin = largerOf(stream.reach.origin, tile.away);
 }
 
 // Walks with all rays of a batch, octant after octant. False as for walk().
@@ -467,6 +469,7 @@ void nearest(const RayBlock& block) {
     Batch batch;
     for (size_t first = 0; first < tiling.count; first += most) {
         batch.tiles = 0;
+        stream.reach = {0, 0};
         size_t places[most];
         for (size_t i = first; i < tiling.count && i < first + most; ++i) {
             Place place;

@@ -16,6 +16,7 @@ constexpr int kListRoom = 6 * kStreamRays + 2 * kLanes;
 
 struct Stream {
     StreamRay ray[kStreamRays];
+    Reach reach;
     // Lists: the number of a ray, and its interval. In a list that is pending, kStopsIfFound marks the rays that visit the
     // near child before and stop if what they find there ends before tmin.
     uint32_t listRay[kListRoom];
@@ -155,7 +156,7 @@ bool walkStream(Stream& stream, const ZenrTriangleAccel* accel, const ZenrKDTree
             const int n = list.count - i < kPacketRays ? list.count - i : kPacketRays;
             const int at = list.begin + i;
             if (!walkPacket<Search>(stream.ray, stream.listRay + at, stream.listMin + at, stream.listMax + at, n,
-                                    list.node, accel, nearChild, kMaxTreeDepth - list.depth))
+                                    list.node, accel, stream.reach, nearChild, kMaxTreeDepth - list.depth))
                 return false;
         }
         do {
