@@ -36,65 +36,24 @@ ZENR_INLINE void loadRays(const float* first, const uint32_t* number, int at, in
     turnRows(row, out[0], out[1], out[2], out[3]);
 }
 
-// Rays by their numbers; and, for leaves that many of them come to, side by side.
+// Rays by their numbers, for testRow().
 struct Packet {
     static constexpr int kVectors = kPacketVectors;
     StreamRay* first;
     const uint32_t* number;
-    int count;
-    bool turned;           // whether directions and origins are there
     Floats best[kVectors]; // the rays' own, once more
-    Floats direction[4][kVectors], weight[2][kVectors];
-    Doubles from[4][kVectors][2];
-    Ints triangle[kVectors];
 
     ZENR_INLINE StreamRay& at(int ray) const { return first[number[ray]]; }
-    // For testRow().
     ZENR_INLINE float bestOf(int ray) const { return at(ray).best; }
     ZENR_INLINE Components toward(int ray) const { return componentsAt(at(ray).direction); }
     ZENR_INLINE Components fromOf(int ray) const { return componentsAt(at(ray).origin); }
     ZENR_INLINE void take(int ray, float t, float weight0, float weight1, int number) {
         reinterpret_cast<float*>(best)[ray] = t;
-        keep(ray, t, weight0, weight1, number);
-    }
-    ZENR_INLINE void keep(int ray, float t, float weight0, float weight1, int number) {
         StreamRay& r = at(ray);
         r.best = t;
         r.weight[0] = weight0;
         r.weight[1] = weight1;
         r.triangle = number;
-    }
-
-    void turn() {
-        turned = true;
-        for (int v = 0; v < kVectors; ++v) {
-            Floats x[4];
-            loadRays(first->direction, number, v * kLanes, count, x);
-            for (int k = 0; k < 3; ++k) direction[k][v] = x[k];
-            loadRays(first->origin, number, v * kLanes, count, x);
-            for (int k = 0; k < 3; ++k) {
-                from[k][v][0] = toDoubles<0>(x[k]);
-                from[k][v][1] = toDoubles<1>(x[k]);
-            }
-            direction[3][v] = Floats{};
-            from[3][v][0] = from[3][v][1] = Doubles{};
-        }
-    }
-
-    // Tests a triangle for the rays of a set.
-    template <class Search> ZENR_INLINE void test(const ZenrTriangleAccel* accel, int j, PacketSet rays) {
-        if (accel[j].axes == 0) return;
-        if (!turned) turn();
-        Triangle r;
-        load<Search>(r, accel[j], j, *this);
-        for (int v = 0; v < kVectors; ++v) {
-            const Bits bits = part(rays, v);
-            if (!bits) continue;
-            for (Bits hit = takeHits<Search>(r, *this, v, bits); hit; hit &= hit - 1) {
-                const int lane = __builtin_ctz(hit);
-                keep(v * kLanes + lane, best[v][lane], weight[0][v][lane], weight[1][v][lane], j);
-            }
-        }
     }
 };
 
@@ -124,8 +83,6 @@ bool walkPacket(StreamRay* first, const uint32_t* number, const float* tmins, co
     Packet packet;
     packet.first = first;
     packet.number = number;
-    packet.count = count;
-    packet.turned = false;
     Floats origin[4][kVectors], inverse[4][kVectors], tmin[kVectors], tmax[kVectors];
     for (int v = 0; v < kVectors; ++v) {
         const int at = v * kLanes;
@@ -211,10 +168,6 @@ bool walkPacket(StreamRay* first, const uint32_t* number, const float* tmins, co
                 const int* const list = leaf.list + done;
                 if (done + 2 * kAtOnce < leaf.count)
                     prefetchRecords(accel, list + 2 * kAtOnce, atMost(done + 2 * kAtOnce, kAtOnce));
-                if (!fewFor<Search>(active, batch)) {
-                    for (int i = 0; i < batch; ++i) packet.test<Search>(accel, list[i], active);
-                    continue;
-                }
                 QuickRow quick;
                 load(quick, list, batch, accel, reach);
                 PacketSet rays = 0;
