@@ -177,8 +177,8 @@ ZENR_INLINE Set testRow(const Row& r, const int* list, Rays&& rays, Set set) {
 // As many records as a register has floats, and bounds on what single precision gets wrong about them.
 struct QuickRow {
     Floats nA, nB, pK, pA, pB, e1A, e1B, e2A, e2B;
-    Ints k, a, b; // the lowest two bits count
-    Floats perApart, error; // of a weight: so much more for each unit of distance
+    Ints k, a, b;                       // the lowest two bits count
+    Floats perApart, error;             // of a weight: so much more for each unit of distance
     Floats perApartBehind, errorBehind; // of the product of the distance's numerator and denominator
     Bits proper;
 };
@@ -205,8 +205,8 @@ ZENR_INLINE void load(QuickRow& r, const int* list, int count, const ZenrTriangl
     r.b = flags;
     r.proper = ~equal(flags, Ints{}) & (count < kLanes ? (Bits(1) << count) - 1 : kAllLanes);
 
-    const Bits known = equal(order, all(int32_t(4 * 1 + 2))) | equal(order, all(int32_t(16 + 2))) |
-                       equal(order, all(int32_t(32 + 1)));
+    const Bits known =
+        equal(order, all(int32_t(4 * 1 + 2))) | equal(order, all(int32_t(16 + 2))) | equal(order, all(int32_t(32 + 1)));
     const Floats one = all(1.f), direction = all(reach.direction);
     const Floats normal = absolute(r.nA) + absolute(r.nB) + one;
     const Floats edges = absolute(r.e1A) + absolute(r.e1B) + (absolute(r.e2A) + absolute(r.e2B));

@@ -374,5 +374,31 @@ ZENR_INLINE float greatest(Floats a) {
 #endif
 }
 
+// The pair of each lane, pairs[index(lane)], one half after the other: loads and shuffles, of which a gather would take more.
+template <class Index> ZENR_INLINE void gatherPairs(const float (*pairs)[2], const Index& index, Floats& a, Floats& b) {
+    const auto two = [&](int lane) {
+        const __m128d one = _mm_load_sd(reinterpret_cast<const double*>(pairs[index(lane)]));
+        return _mm_castpd_ps(_mm_loadh_pd(one, reinterpret_cast<const double*>(pairs[index(lane + 1)])));
+    };
+    const Floats even = joinFours([&](int four) { return two(4 * four); });
+    const Floats odd = joinFours([&](int four) { return two(4 * four + 2); });
+#if defined(__AVX512BW__)
+    a = (Floats)_mm512_shuffle_ps((__m512)even, (__m512)odd, 0x88);
+    b = (Floats)_mm512_shuffle_ps((__m512)even, (__m512)odd, 0xDD);
+#elif defined(__AVX2__)
+    a = (Floats)_mm256_shuffle_ps((__m256)even, (__m256)odd, 0x88);
+    b = (Floats)_mm256_shuffle_ps((__m256)even, (__m256)odd, 0xDD);
+#else
+    a = (Floats)_mm_shuffle_ps((__m128)even, (__m128)odd, 0x88);
+    b = (Floats)_mm_shuffle_ps((__m128)even, (__m128)odd, 0xDD);
+#endif
+}
+template <class Index> ZENR_INLINE Floats gatherOnes(const float* from, const Index& index) {
+    return joinFours([&](int four) {
+        return _mm_setr_ps(from[index(4 * four)], from[index(4 * four + 1)], from[index(4 * four + 2)],
+                           from[index(4 * four + 3)]);
+    });
+}
+
 } // namespace ZENR_LEVEL
 } // namespace zenr

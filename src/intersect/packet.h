@@ -40,6 +40,7 @@ ZENR_INLINE void loadRays(const float* first, const uint32_t* number, int at, in
 struct Packet {
     static constexpr int kVectors = kPacketVectors;
     StreamRay* first;
+    float* bests;
     const uint32_t* number;
     Floats best[kVectors]; // the rays' own, once more
 
@@ -50,7 +51,7 @@ struct Packet {
     ZENR_INLINE void take(int ray, float t, float weight0, float weight1, int number) {
         reinterpret_cast<float*>(best)[ray] = t;
         StreamRay& r = at(ray);
-        r.best = t;
+        r.best = bests[this->number[ray]] = t;
         r.weight[0] = weight0;
         r.weight[1] = weight1;
         r.triangle = number;
@@ -75,13 +76,14 @@ ZENR_INLINE PacketSet goOnFrom(const Floats (&best)[kPacketVectors], const Float
 // Walks with the rays that `number` lists over their intervals; they agree about near children. False where the tree
 // needs more than `room` pending entries.
 template <class Search>
-bool walkPacket(StreamRay* first, const uint32_t* number, const float* tmins, const float* tmaxs, int count,
-                const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, const Reach& reach, const int (&nearChild)[4],
-                int room) {
+bool walkPacket(StreamRay* first, float* bests, const uint32_t* number, const float* tmins, const float* tmaxs,
+                int count, const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, const Reach& reach,
+                const int (&nearChild)[4], int room) {
     constexpr int kVectors = kPacketVectors;
     PendingPacket stack[kMaxTreeDepth];
     Packet packet;
     packet.first = first;
+    packet.bests = bests;
     packet.number = number;
     Floats origin[4][kVectors], inverse[4][kVectors], tmin[kVectors], tmax[kVectors];
     for (int v = 0; v < kVectors; ++v) {

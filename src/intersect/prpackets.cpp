@@ -425,17 +425,33 @@ struct Batch {
 };
 
 void addToStream(Stream& stream, int slot, Block64& tile) {
-    for (int lane = 0; lane < 64; ++lane) {
-        StreamRay& ray = stream.ray[slot * 64 + lane];
+    const auto fours = [](const Floats* from, int p) {
+        return _mm_loadu_ps(reinterpret_cast<const float*>(from) + 4 * p);
+    };
+    for (int p = 0; p < kPieces; ++p) {
+        StreamRay* const rays = &stream.ray[slot * 64 + 4 * p];
+        __m128 origin[4], direction[4], inverse[4];
         for (int k = 0; k < 3; ++k) {
-            ray.origin[k] = floatsOf(tile.origin[k])[lane];
-            ray.direction[k] = floatsOf(tile.direction[k])[lane];
-            ray.inverse[k] = floatsOf(tile.inverse[k])[lane];
+            origin[k] = fours(tile.origin[k], p);
+            direction[k] = fours(tile.direction[k], p);
+            inverse[k] = fours(tile.inverse[k], p);
+            float* const line = stream.line[k][slot * 64 + 4 * p];
+            _mm_storeu_ps(line, _mm_unpacklo_ps(origin[k], inverse[k]));
+            _mm_storeu_ps(line + 4, _mm_unpackhi_ps(origin[k], inverse[k]));
         }
-        ray.best = floatsOf(tile.best)[lane];
-        ray.tmin = floatsOf(tile.tmin)[lane];
-        ray.tmax = floatsOf(tile.tmax)[lane];
-        ray.triangle = -1;
+        origin[3] = fours(tile.best, p);
+        _mm_storeu_ps(stream.best + slot * 64 + 4 * p, origin[3]);
+        direction[3] = fours(tile.tmin, p);
+        inverse[3] = fours(tile.tmax, p);
+        _MM_TRANSPOSE4_PS(origin[0], origin[1], origin[2], origin[3]);
+        _MM_TRANSPOSE4_PS(direction[0], direction[1], direction[2], direction[3]);
+        _MM_TRANSPOSE4_PS(inverse[0], inverse[1], inverse[2], inverse[3]);
+        for (int i = 0; i < 4; ++i) {
+            _mm_storeu_ps(rays[i].origin, origin[i]);
+            _mm_storeu_ps(rays[i].direction, direction[i]);
+            _mm_storeu_ps(rays[i].inverse, inverse[i]);
+            rays[i].triangle = -1;
+        }
     }
     stream.reach.direction = largerOf(stream.reach.direction, tile.reach);
     stream.reach.origin = largerOf(stream.reach.origin, tile.away);

@@ -16,6 +16,9 @@ constexpr int kListRoom = 6 * kStreamRays + 2 * kLanes;
 
 struct Stream {
     StreamRay ray[kStreamRays];
+    // Once more what lists ask for: an axis' origins and reciprocals fit the nearest cache.
+    float line[3][kStreamRays][2];
+    float best[kStreamRays];
     Reach reach;
     // Lists: the number of a ray, and its interval. In a list that is pending, kStopsIfFound marks the rays that visit the
     // near child before and stop if what they find there ends before tmin.
@@ -26,16 +29,9 @@ struct Stream {
 
 constexpr uint32_t kStopsIfFound = 0x80000000u;
 
-// The same float of each lane's ray.
-ZENR_INLINE Floats gatherLanes(const float* from, Ints ray) {
-    const Ints at = ray * kRayWords;
-#if defined(__AVX512BW__)
-    return (Floats)_mm512_i32gather_ps((__m512i)at, from, 4);
-#elif defined(__AVX2__)
-    return (Floats)_mm256_i32gather_ps(from, (__m256i)at, 4);
-#else
-    return Floats{from[at[0]], from[at[1]], from[at[2]], from[at[3]]};
-#endif
+// The number of the ray at an element of a list, or of any where a list has ended.
+ZENR_INLINE auto rayFrom(const Stream& stream, int at) {
+    return [number = stream.listRay + at](int lane) { return number[lane] & uint32_t(kStreamRays - 1); };
 }
 
 ZENR_INLINE Ints loadLanes(const uint32_t* from) {
@@ -76,16 +72,17 @@ ZENR_INLINE void split(Stream& stream, const List& list, int axis, float plane, 
     for (int i = 0; i < list.count; i += kLanes) {
         const Bits lanes = lanesLeft(i, list.count);
         const int at = list.begin + i;
-        const Ints ray = select(lanes, loadLanes(stream.listRay + at), Ints{});
+        const Ints ray = loadLanes(stream.listRay + at);
         const Floats tmin = loadLanes(stream.listMin + at), tmax = loadLanes(stream.listMax + at);
-        const Floats t =
-            (all(plane) - gatherLanes(&stream.ray->origin[axis], ray)) * gatherLanes(&stream.ray->inverse[axis], ray);
+        Floats origin, inverse;
+        gatherPairs(stream.line[axis], rayFrom(stream, at), origin, inverse);
+        const Floats t = (all(plane) - origin) * inverse;
         const Bits farOnly = less(tolerance, tmin - t) & lanes;
         const Bits nearOnly = less(tolerance, t - tmax) & lanes & ~farOnly;
         const Bits both = lanes & ~farOnly & ~nearOnly;
         const Floats middle = larger(tmin, smaller(t, tmax));
         if (nearEmpty) {
-            const Bits stops = both ? both & lessEqual(gatherLanes(&stream.ray->best, ray), middle) : 0;
+            const Bits stops = both ? both & lessEqual(gatherOnes(stream.best, rayFrom(stream, at)), middle) : 0;
             const Bits alive = (farOnly | both) & ~stops;
             pack(alive, ray, select(both, middle, tmin), tmax, stream, list.begin + farCount);
             farCount += countOf(alive);
@@ -108,10 +105,11 @@ ZENR_INLINE int filter(Stream& stream, const List& list) {
     for (int i = 0; i < list.count; i += kLanes) {
         const Bits lanes = lanesLeft(i, list.count);
         const int at = list.begin + i;
-        const Ints marked = select(lanes, loadLanes(stream.listRay + at), Ints{});
+        const Ints marked = loadLanes(stream.listRay + at);
         const Ints ray = marked & all(int32_t(~kStopsIfFound));
         const Floats tmin = loadLanes(stream.listMin + at), tmax = loadLanes(stream.listMax + at);
-        const Bits stops = equal(marked >> 31, all(int32_t(-1))) & lessEqual(gatherLanes(&stream.ray->best, ray), tmin);
+        const Floats best = gatherOnes(stream.best, rayFrom(stream, at));
+        const Bits stops = equal(marked >> 31, all(int32_t(-1))) & lessEqual(best, tmin);
         const Bits alive = lanes & ~stops;
         pack(alive, ray, tmin, tmax, stream, list.begin + count);
         count += countOf(alive);
@@ -155,8 +153,9 @@ bool walkStream(Stream& stream, const ZenrTriangleAccel* accel, const ZenrKDTree
         for (int i = 0; i < list.count; i += kPacketRays) {
             const int n = list.count - i < kPacketRays ? list.count - i : kPacketRays;
             const int at = list.begin + i;
-            if (!walkPacket<Search>(stream.ray, stream.listRay + at, stream.listMin + at, stream.listMax + at, n,
-                                    list.node, accel, stream.reach, nearChild, kMaxTreeDepth - list.depth))
+            if (!walkPacket<Search>(stream.ray, stream.best, stream.listRay + at, stream.listMin + at,
+                                    stream.listMax + at, n, list.node, accel, stream.reach, nearChild,
+                                    kMaxTreeDepth - list.depth))
                 return false;
         }
         do {
