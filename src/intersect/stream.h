@@ -10,7 +10,7 @@
 namespace zenr {
 namespace ZENR_LEVEL {
 
-// In the frame of whoever has the rays traced, 138 KiB: more rays would find no more company.
+// In the frame of whoever has the rays traced, 166 KiB: more rays would find no more company.
 constexpr int kStreamRays = 1024;
 constexpr int kListRoom = 6 * kStreamRays + 2 * kLanes;
 
