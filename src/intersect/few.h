@@ -174,7 +174,9 @@ ZENR_INLINE Set testRow(const Row& r, const int* list, Rays&& rays, Set set) {
     return ended;
 }
 
-// As many records as a register has floats, and bounds on what single precision gets wrong about them.
+// As many records as a register has floats, for a quick test: the test in single precision, with a bound on all errors,
+// turns away rays that surely pass outside a triangle, because one weight is surely positive and another surely negative,
+// or come away from its plane.
 struct QuickRow {
     Floats nA, nB, pK, pA, pB, e1A, e1B, e2A, e2B;
     Ints k, a, b;                       // the lowest two bits count
@@ -182,6 +184,8 @@ struct QuickRow {
     Floats perApartBehind, errorBehind; // of the product of the distance's numerator and denominator
     Bits proper;
 };
+
+constexpr float kBelieved = 1e11f; // from there on a bound may be wrong itself
 
 // What the rays' components are at most, in size; infinite where one is NaN.
 struct Reach {
@@ -205,6 +209,12 @@ ZENR_INLINE void load(QuickRow& r, const int* list, int count, const ZenrTriangl
     r.b = flags;
     r.proper = ~equal(flags, Ints{}) & (count < kLanes ? (Bits(1) << count) - 1 : kAllLanes);
 
+    // With e = 2^-24, R = `steep` and `apart` the three sizes of u, w and q together, each within 1e of its own:
+    // the denominator is within 3e of R, the numerator within 4e of normal * apart, x and y within 12e of R * apart, beta
+    // and gamma within 16e of their edges times that, alpha within 20e of all edges times that and 6e of R; 2^-19 is 32e,
+    // 2^-20 is 16e. The product of numerator and denominator is within 8e of normal * R * apart. The test in double adds
+    // what is lost where coordinates along k cancel. What is added of `bulk` is for underflows; and where anything could
+    // overflow it makes the bound too large to be believed (below), as do NaN and records of other axes.
     const Bits known =
         equal(order, all(int32_t(4 * 1 + 2))) | equal(order, all(int32_t(16 + 2))) | equal(order, all(int32_t(32 + 1)));
     const Floats one = all(1.f), direction = all(reach.direction);
@@ -245,8 +255,9 @@ ZENR_INLINE Bits inQuestion(const QuickRow& r, const float* origin, const float*
     const Floats apart = absolute(u) + absolute(w) + absolute(q);
     const Floats error = about(r.perApart, apart, r.error);
     const Bits outside = less(low, -error) & less(error, high);
+    // A negative quotient is no distance, whatever it is.
     const Bits behind = less(num * det, -about(r.perApartBehind, apart, r.errorBehind));
-    return r.proper & ~((outside | behind) & less(error, all(1e11f)));
+    return r.proper & ~((outside | behind) & less(error, all(kBelieved)));
 }
 
 } // namespace ZENR_LEVEL
