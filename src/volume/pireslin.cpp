@@ -21,23 +21,13 @@ void rowFixed(const T* __restrict src, const int* __restrict index, const uint16
     }
 }
 
-inline bool hasFar(const uint8_t*, int) {
+inline bool anyFar(const uint8_t*, int) {
     return false;
 }
-inline bool hasFar(const uint16_t* s, int n) {
+inline bool anyFar(const uint16_t* v, int n) {
     uint16_t any = 0;
-    for (int i = 0; i < n; ++i) any |= s[i];
+    for (int i = 0; i < n; ++i) any |= v[i];
     return any > 0x7FFF;
-}
-
-template <class T>
-bool rowGroups(const T* src, int first, int used, const FixedGroup* groups, int columns, int count, uint16_t* dst) {
-    const bool far = hasFar(src + first, used);
-#if defined(__AVX2__)
-    (columns == 8 ? groupRows<8, T> : groupRows<4, T>)(src, groups, count, far, dst);
-#endif
-    (void)groups, (void)columns, (void)count, (void)dst;
-    return far;
 }
 
 struct RowLines {
@@ -88,6 +78,86 @@ void rowFloat(const float* src, const int* index, const double* weights, const i
     (void)guarded, (void)bound, (void)care;
     roundRow(lines, dst, n);
 }
+
+#if defined(__AVX2__)
+// Columns in groups of eight, of which `columns` share a window.
+template <int columns> struct GroupLines {
+    static constexpr bool kInterpolates = true;
+    const float* s;
+    const FloatGroup* groups;
+    const double* f;
+    const int* guarded;
+
+    float tap(int x, int k) const {
+        const FloatGroup& g = groups[x / 8];
+        if constexpr (columns == 8) return s[g.window[0] + g.taps[k][x % 8]];
+        return s[g.window[x / 4 % 2] + g.taps[x / 4 % 2][x % 4 + 4 * k]];
+    }
+    Sum sum(int x) const { return linearSum(tap(x, 0), tap(x, 1), f[x]); }
+    long double exact(int x) const {
+        const long double s0 = tap(x, 0);
+        return s0 + (tap(x, 1) - s0) * f[x];
+    }
+    // Both taps of eight columns, in one order or the other.
+    struct Both {
+        __m256 a, b;
+    };
+    ZENR_INLINE Both both(int x) const {
+        const FloatGroup& g = groups[x / 8];
+        const __m256i at0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(g.taps[0]));
+        const __m256i at1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(g.taps[1]));
+        const __m256 first = _mm256_loadu_ps(s + g.window[0]);
+        if constexpr (columns == 8) return {_mm256_permutevar8x32_ps(first, at0), _mm256_permutevar8x32_ps(first, at1)};
+        return {_mm256_permutevar8x32_ps(first, at0), _mm256_permutevar8x32_ps(_mm256_loadu_ps(s + g.window[1]), at1)};
+    }
+    struct Pair {
+        Eight first, second;
+    };
+    ZENR_INLINE Pair pair(int x) const {
+        const Both v = both(x);
+        const __m256d a = _mm256_cvtps_pd(_mm256_castps256_ps128(v.a));
+        const __m256d b = _mm256_cvtps_pd(_mm256_extractf128_ps(v.a, 1));
+        const __m256d c = _mm256_cvtps_pd(_mm256_castps256_ps128(v.b));
+        const __m256d d = _mm256_cvtps_pd(_mm256_extractf128_ps(v.b, 1));
+        if constexpr (columns == 8) return {{a, b}, {c, d}};
+        return {{a, c}, {b, d}};
+    }
+    ZENR_INLINE Eight eight(int x) const {
+        const Pair t = pair(x);
+        return {multiplyAdd(_mm256_sub_pd(t.second.low, t.first.low), _mm256_loadu_pd(f + x), t.first.low),
+                multiplyAdd(_mm256_sub_pd(t.second.high, t.first.high), _mm256_loadu_pd(f + x + 4), t.first.high)};
+    }
+    ZENR_INLINE Eight line8(int x) const { return eight(x); }
+    ZENR_INLINE __m256 finish(__m256 r, int) const { return r; }
+    ZENR_INLINE Eight size(int x) const {
+        const Pair t = pair(x);
+        return plus(absolute(t.first), absolute(t.second));
+    }
+    ZENR_INLINE __m256i guarded8(int x) const {
+        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x));
+    }
+    bool zero16(int x) const {
+        const Both v = both(x), w = both(x + 8);
+        const __m256 any = _mm256_or_ps(_mm256_or_ps(v.a, v.b), _mm256_or_ps(w.a, w.b));
+        return _mm256_testz_si256(_mm256_castps_si256(any), _mm256_set1_epi32(0x7FFFFFFF));
+    }
+};
+
+void rowGroupsFloat(const float* src, const FloatGroup* groups, int count, int columns, const double* weights,
+                    const int* guarded, const RowBound& bound, Care care, double* dst) {
+    if (columns == 8)
+        roundTaps(GroupLines<8>{src, groups, weights, guarded}, bound, care, dst, 0, 8 * count);
+    else
+        roundTaps(GroupLines<4>{src, groups, weights, guarded}, bound, care, dst, 0, 8 * count);
+}
+template <class T>
+void rowGroupsFixed(const T* src, const FixedGroup* groups, int count, int columns, bool far, uint16_t* dst) {
+    (columns == 8 ? groupRows<8, T> : groupRows<4, T>)(src, groups, count, far, dst);
+}
+#else
+constexpr decltype(LinearKernels<float>::rowGroups) rowGroupsFloat = nullptr;
+template <class T> constexpr decltype(LinearKernels<T>::rowGroups) rowGroupsFixed = nullptr;
+#endif
 
 // Fixed-point column and depth passes.
 template <class T, int round, int shift>
@@ -230,9 +300,9 @@ constexpr auto ownpr_DepLinear32pl = &depthFloat;
 
 extern const AllLinearKernels kLinear;
 const AllLinearKernels kLinear = {
-    {groupColumns<uint8_t>, rowGroups<uint8_t>, ownpi_CoefLinear8pl, ownpi_SummLinear8pl, ownpr_DepLinear8pl},
-    {groupColumns<uint16_t>, rowGroups<uint16_t>, ownpi_CoefLinear16pl, ownpi_SummLinear16pl, ownpr_DepLinear16pl},
-    {boundOf, ownpi_CoefLinear32pl, ownpi_SummLinear32pl, ownpr_DepLinear32pl},
+    {anyFar, rowGroupsFixed<uint8_t>, ownpi_CoefLinear8pl, ownpi_SummLinear8pl, ownpr_DepLinear8pl},
+    {anyFar, rowGroupsFixed<uint16_t>, ownpi_CoefLinear16pl, ownpi_SummLinear16pl, ownpr_DepLinear16pl},
+    {boundOf, rowGroupsFloat, ownpi_CoefLinear32pl, ownpi_SummLinear32pl, ownpr_DepLinear32pl},
     ownpi_SummLinear8pl,
 };
 

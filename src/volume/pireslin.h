@@ -35,23 +35,29 @@ template <> struct LinearTypes<float> {
     using RowInter = double;
 };
 
-// Sixteen columns of a fixed-point row. Their taps are shuffled out of windows of sixteen bytes, each of which eight or
-// four columns share (the latter in windows 0 and 2, eight columns in all, and 1 and 3). Border columns are like others:
-// taps are clamped already.
+// Columns of a row, and where they find their taps (presgroup.h).
+//
+// Sixteen of a fixed-point row. Eight columns share a window of sixteen bytes, or four do: the latter in windows 0 and 2,
+// eight columns in all, and 1 and 3.
 struct alignas(32) FixedGroup {
     uint16_t twice[16];  // weights in Q15; 0, and the second tap for both, where 1 would not fit
     uint8_t taps[2][32]; // bytes of the windows
     int window[4];       // voxels that windows begin with
+};
+// Eight of a row of floats, that share a window of eight: taps[k] has tap k of each. Or taps[k] has the first and then
+// the second taps of four that share window k.
+struct FloatGroup {
+    int taps[2][8];
+    int window[2];
 };
 
 // `far` says that voxels above 32767 may occur; 8-bit rows never are.
 template <class T> struct LinearKernels {
     using Weight = typename LinearTypes<T>::Weight;
     using Inter = typename LinearTypes<T>::Inter;
-    // Fills in groups, and returns how many columns share a window; 0 where groups do not serve.
-    int (*group)(const int* base, const Weight* weights, int n, int size, FixedGroup* groups);
-    // Whole groups; returns `far` of voxels [first, first + used), those that taps lie among.
-    bool (*rowGroups)(const T* src, int first, int used, const FixedGroup* groups, int columns, int count, Inter* dst);
+    bool (*far)(const T* v, int n);
+    // Whole groups, where `columns` share a window; null at levels that have no shuffles.
+    void (*rowGroups)(const T* src, const FixedGroup* groups, int count, int columns, bool far, Inter* dst);
     // Columns inside the row, however far apart.
     void (*row)(const T* src, const int* index, const Weight* weights, Inter* dst, int n);
     void (*col)(const Inter* r0, const Inter* r1, Weight w, bool far, Inter* dst, int n);
@@ -64,6 +70,8 @@ template <class T> struct LinearKernels {
 // with a Care other than `full`, no element is negative.
 template <> struct LinearKernels<float> {
     void (*boundOf)(const float* v, int n, RowBound* bound);
+    void (*rowGroups)(const float* src, const FloatGroup* groups, int count, int columns, const double* weights,
+                      const int* guarded, const RowBound& bound, Care care, double* dst);
     void (*row)(const float* src, const int* index, const double* weights, const int* guarded, const RowBound& bound,
                 Care care, double* dst, int n);
     void (*col)(const double* r0, const double* r1, float w, const RowBound& bound, Care care, float* dst, int n);

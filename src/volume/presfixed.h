@@ -103,58 +103,6 @@ ZENR_INLINE void groupRows(const T* src, const FixedGroup* groups, int count, bo
     else
         for (int i = 0; i < count; ++i) store16(dst + 16 * i, groupRow<columns>(src, groups[i], false));
 }
-
-// Fills in the groups of n columns over rows of `size` voxels, taps clamped to those; returns how many neighbouring
-// columns share a window, or 0 where they lie too far apart for this, or rows are shorter than a window.
-template <class T> int groupColumns(const int* base, const uint16_t* weights, int n, int size, FixedGroup* groups) {
-    constexpr int kVoxels = 16 / int(sizeof(T));
-    if (size < kVoxels) return 0;
-    const auto tap = [&](int x, int k) {
-        const int at = base[x < n ? x : n - 1];
-        return at < 0 ? 0 : at < size - k ? at + k : size - 1;
-    };
-    const auto windowOf = [&](int x) {
-        const int first = tap(x, 0);
-        return first < size - kVoxels ? first : size - kVoxels;
-    };
-    const auto fits = [&](int columns) {
-        for (int x = 0; x < n; x += columns)
-            if (tap(x + columns - 1, 1) - windowOf(x) >= kVoxels) return false;
-        return true;
-    };
-    const int columns = fits(8) ? 8 : fits(4) ? 4 : 0;
-    if (columns == 0) return 0;
-    for (int begin = 0; begin < n; begin += 16) {
-        FixedGroup& g = groups[begin / 16];
-        for (auto& shuffle : g.taps)
-            for (uint8_t& byte : shuffle) byte = 0x80; // nothing
-        for (int i = 0; i < 16; ++i) {
-            const int x = begin + i;
-            const int w = weights[x < n ? x : n - 1];
-            g.twice[i] = uint16_t(w < kOneQ14 ? 2 * w : 0);
-            const int lane = i & 8, quarter = i / 4;
-            const int window = columns == 8 ? quarter & 2 : quarter;
-            const int from = windowOf(begin + 4 * window);
-            g.window[window] = from;
-            for (int k = 0; k < 2; ++k) {
-                const int at = tap(x, w < kOneQ14 ? k : 1) - from;
-                if constexpr (sizeof(T) == 1) {
-                    g.taps[columns == 8 ? 0 : quarter & 1][2 * i + k] = uint8_t(at);
-                } else {
-                    const int word = columns == 8 ? i : lane + i % 4 + 4 * k;
-                    uint8_t* const shuffle = g.taps[columns == 8 ? k : quarter & 1];
-                    shuffle[2 * word] = uint8_t(2 * at);
-                    shuffle[2 * word + 1] = uint8_t(2 * at + 1);
-                }
-            }
-        }
-    }
-    return columns;
-}
-#else
-template <class T> int groupColumns(const int*, const uint16_t*, int, int, FixedGroup*) {
-    return 0;
-}
 #endif
 
 } // namespace

@@ -73,12 +73,13 @@ template <class P> size_t layOut(Arena arena, int width, int height, ResizeBlock
     block->index = arena.take<int>(size_t(width));
     block->weightStep = int(roundUp(size_t(width), 16));
     block->weights = arena.take<typename P::Weight>(P::kWeightsPerColumn * size_t(block->weightStep));
-    block->guarded = arena.take<int>(sizeof(typename P::Inter) == 4 ? size_t(width) : 0);
+    block->guarded = arena.take<int>(sizeof(typename P::Inter) == 4 ? size_t(block->weightStep) : 0);
     block->rowBase = arena.take<int>(size_t(height));
     block->rowWeights = arena.take<typename P::Weights>(size_t(height));
     block->rowRing = arena.take<typename P::RowInter>(P::kTaps * stride);
     block->planeRing = arena.take<typename P::Inter>(P::kTaps * stride * size_t(height));
-    block->groups = arena.take<FixedGroup>(P::kGroups ? roundUp(size_t(width), 16) / 16 : 0);
+    block->groupCount = P::kGroup ? int(roundUp(size_t(width), 16)) / P::kGroup : 0;
+    block->groups = arena.take<typename P::Group>(size_t(block->groupCount));
     block->planeBounds = arena.take<typename P::Bound>(P::kTaps * size_t(height));
     return arena.used();
 }
@@ -131,37 +132,49 @@ template <class P> void moveRange(const ResizeBlock<P>& block, RowBound* bound) 
 }
 template <class P> void moveRange(const ResizeBlock<P>&, FarBound*) {}
 
+// A source row's columns, in groups, border and interior alike.
+template <class P>
+void groupedColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, const typename P::Bound& bound,
+                    Care care, typename P::RowInter* dst) {
+    if constexpr (P::kGroup)
+        P::rowGroups(*block.kernels, src, dst, block.groups, block.groupCount, block.groupWidth, block.weights,
+                     block.guarded, bound, care);
+}
+// The same, by row kernels that see to the border themselves.
+template <class P>
+void wholeRow(const ResizeBlock<P>& block, const typename P::Voxel* src, const typename P::Bound& bound, Care care,
+              typename P::RowInter* dst) {
+    if constexpr (P::kWholeRows)
+        P::row(*block.kernels, src, dst, block.index, block.weights, block.weightStep, block.guarded, bound, care,
+               block.width, block.axis[0].size);
+}
+// The same, the interior by itself.
+template <class P>
+void singleColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, const typename P::Bound& bound, Care care,
+                   typename P::RowInter* dst) {
+    const int interior = block.columns.interior;
+    const int trailing = block.columns.trailing;
+    if (trailing > interior)
+        P::row(*block.kernels, src, dst + interior, block.index + interior, block.weights + interior, block.weightStep,
+               block.guarded + interior, countedFrom(bound, interior), care, trailing - interior);
+    borderColumns<P>(block, src, bound, care, dst, 0, interior);
+    borderColumns<P>(block, src, bound, care, dst, trailing, block.width);
+}
+
 // A source row, resampled along x, and the bounds of the result. (Bounds are written in place: a copy of a record waits
 // until the stores of its fields are through.)
 template <class P>
 void resampleRow(const ResizeBlock<P>& block, const typename P::Voxel* src, typename P::RowInter* dst,
                  typename P::Bound* bound) {
-    if constexpr (P::kGroups) {
-        if (block.groupWidth) {
-            bound->far = block.kernels->rowGroups(src, block.firstColumn, block.usedColumns, block.groups,
-                                                  block.groupWidth, (block.width + 15) / 16, dst);
-            return;
-        }
-    }
-    const int interior = block.columns.interior;
-    const int trailing = block.columns.trailing;
     P::sourceBound(*block.kernels, src + block.firstColumn, block.usedColumns, bound);
     moveRange(block, bound);
     const Care care = P::rowCare(*bound, block.exactColumns, block.columnGrowth);
-    if constexpr (P::kWholeRows) {
-        if (block.wholeRows) {
-            P::row(*block.kernels, src, dst, block.index, block.weights, block.weightStep, block.guarded, *bound, care,
-                   block.width, block.axis[0].size);
-            grow(*bound, block.columnGrowth, bound);
-            return;
-        }
-    }
-    if (trailing > interior) {
-        P::row(*block.kernels, src, dst + interior, block.index + interior, block.weights + interior, block.weightStep,
-               block.guarded + interior, countedFrom(*bound, interior), care, trailing - interior);
-    }
-    borderColumns<P>(block, src, *bound, care, dst, 0, interior);
-    borderColumns<P>(block, src, *bound, care, dst, trailing, block.width);
+    if (block.groupWidth)
+        groupedColumns(block, src, *bound, care, dst);
+    else if (block.wholeRows)
+        wholeRow(block, src, *bound, care, dst);
+    else
+        singleColumns(block, src, *bound, care, dst);
     grow(*bound, block.columnGrowth, bound);
 }
 
@@ -270,8 +283,16 @@ template <class P> void tabulateColumns(const P& policy, ResizeBlock<P>* block, 
     block->usedColumns = last - block->firstColumn + 1;
     const int voxels = block->index[block->width - 1] - block->index[0];
     block->columnsPerVoxel = voxels > 0 ? (block->width - 1) / double(voxels) : 0;
-    if constexpr (P::kGroups)
-        block->groupWidth = block->kernels->group(block->index, block->weights, block->width, axis.size, block->groups);
+    block->groupWidth = 0;
+    if constexpr (P::kGroup) {
+        for (int x = block->width; P::kGroup == 8 && x < block->weightStep; ++x) {
+            block->weights[x] = 0;
+            block->guarded[x] = 0;
+        }
+        if (block->kernels->rowGroups)
+            block->groupWidth = P::group(block->index, block->weights, block->width, axis.size, block->groups);
+    }
+    block->wholeRows = false;
     if constexpr (P::kWholeRows) {
         const int reach = P::reach(*block->kernels);
         block->wholeRows = reach > 0 && block->width >= 16 && axis.size < 1 << 30;

@@ -7,6 +7,7 @@
 #include "volume/pirescub.h"
 #include "volume/pireslin.h"
 #include "volume/piresnn.h"
+#include "volume/presgroup.h"
 #include "volume/prvolume.h"
 
 namespace zenr {
@@ -85,8 +86,9 @@ template <class T> struct Linear {
     static constexpr int kFirstTap = 0; // relative to the base index
     static constexpr int kWeightsPerColumn = 1;
     static constexpr bool kDoubts = false;    // whether the depth pass leaves voxels to be done again
-    static constexpr bool kGroups = true;     // whether a row's columns may be done in groups, border included
     static constexpr bool kWholeRows = false; // whether row kernels may see to the border themselves
+    static constexpr int kGroup = 16;         // columns of a group; 0 if rows are never done in groups
+    using Group = FixedGroup;
     int mode;
 
     Weights weights(float f) const { return weightQ14(f); }
@@ -94,7 +96,14 @@ template <class T> struct Linear {
     static void borderTaps(const AxisMap& axis, int base, int* taps) { linearBorderTaps(axis, base, taps); }
     static Growth growth(const Weights&) { return {1, 1, 1}; }
     static Care rowCare(const Bound&, bool, const Growth&) { return Care::none; }
-    static void sourceBound(const Kernels&, const T*, int, Bound* bound) { bound->far = sizeof(T) == 2; }
+    static void sourceBound(const Kernels& k, const T* src, int n, Bound* bound) { bound->far = k.far(src, n); }
+    static int group(const int* index, const Weight* weights, int n, int size, Group* groups) {
+        return groupColumns<T>(index, weights, n, size, groups);
+    }
+    static void rowGroups(const Kernels& k, const T* src, RowInter* dst, const Group* groups, int count, int columns,
+                          const Weight*, const int*, const Bound& bound, Care) {
+        k.rowGroups(src, groups, count, columns, bound.far, dst);
+    }
     static void row(const Kernels& k, const T* src, RowInter* dst, const int* index, const Weight* weights, int,
                     const int*, const Bound&, Care, int n) {
         k.row(src, index, weights, dst, n);
@@ -120,8 +129,9 @@ template <> struct Linear<float> {
     static constexpr int kFirstTap = 0;
     static constexpr int kWeightsPerColumn = 1;
     static constexpr bool kDoubts = false;
-    static constexpr bool kGroups = false;
     static constexpr bool kWholeRows = false;
+    static constexpr int kGroup = 8;
+    using Group = FloatGroup;
     int mode;
 
     Weights weights(float f) const { return f; }
@@ -150,6 +160,13 @@ template <> struct Linear<float> {
     }
     static bool exactColumn(const Weights& w) { return isShort(w); }
     static void sourceBound(const Kernels& k, const float* src, int n, Bound* bound) { k.boundOf(src, n, bound); }
+    static int group(const int* index, const Weight*, int n, int size, Group* groups) {
+        return groupColumns(index, n, size, groups);
+    }
+    static void rowGroups(const Kernels& k, const float* src, RowInter* dst, const Group* groups, int count,
+                          int columns, const Weight* weights, const int* guarded, const Bound& bound, Care care) {
+        k.rowGroups(src, groups, count, columns, weights, guarded, bound, care, dst);
+    }
     static void row(const Kernels& k, const float* src, RowInter* dst, const int* index, const Weight* weights, int,
                     const int* guarded, const Bound& bound, Care care, int n) {
         k.row(src, index, weights, guarded, bound, care, dst, n);
@@ -179,8 +196,9 @@ template <class T> struct Cubic {
     static constexpr int kWeightsPerColumn = 4;
     using Bound = RowBound;
     static constexpr bool kDoubts = false;
-    static constexpr bool kGroups = false;
     static constexpr bool kWholeRows = true;
+    static constexpr int kGroup = 0;
+    using Group = char;
     int mode;
 
     Weights weights(float f) const {
@@ -311,11 +329,12 @@ template <class P> struct ResizeBlock {
     typename P::Weights* rowWeights; // per row
     RowInter* rowRing;
     Inter* planeRing;
-    bool exactColumns;   // none of them is guarded
-    Growth columnGrowth; // of rows resampled along x
-    FixedGroup* groups;  // of columns, if groupWidth is not 0
-    int groupWidth;      // columns that share a window
-    Bound* planeBounds;  // per row of each plane in the ring
+    bool exactColumns;         // none of them is guarded
+    Growth columnGrowth;       // of rows resampled along x
+    typename P::Group* groups; // of columns, if groupWidth is not 0
+    int groupCount;
+    int groupWidth;     // columns that share a window
+    Bound* planeBounds; // per row of each plane in the ring
 
     Bound* ringBounds(int p) const { return planeBounds + ptrdiff_t(p & (P::kTaps - 1)) * height; }
     RowInter* ringRow(int r) const { return rowRing + ptrdiff_t(r & (P::kTaps - 1)) * stride; }
