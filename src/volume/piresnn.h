@@ -8,22 +8,48 @@ namespace zenr {
 
 template <class T> using RowNearest = void(const T* src, const int* index, T* dst, int n);
 
-struct NearestKernels {
-    RowNearest<uint8_t>* row8;
-    RowNearest<uint16_t>* row16;
-    RowNearest<float>* row32;
+// The columns of 32 destination bytes, and where they find their voxels (presgroup.h): sixteen bytes share a window of
+// sixteen bytes, or eight do; the latter in windows 0 and 2, sixteen bytes in all, and 1 and 3.
+template <class T> struct NearestGroup {
+    static constexpr int kColumns = 32 / int(sizeof(T));
+    static constexpr int kVoxels = 16 / int(sizeof(T)); // of a window
+    uint8_t bytes[32];
+    int window[4];
+};
+// Eight or four floats share a window of eight.
+template <> struct NearestGroup<float> {
+    static constexpr int kColumns = 8;
+    static constexpr int kVoxels = 8;
+    uint8_t voxels[8];
+    int window[2];
+};
+// Where groups serve, they stand in the place of a table of columns.
+static_assert(sizeof(NearestGroup<uint8_t>) <= 32 * sizeof(int), "");
+static_assert(sizeof(NearestGroup<uint16_t>) <= 16 * sizeof(int), "");
+static_assert(sizeof(NearestGroup<float>) <= 8 * sizeof(int), "");
+
+template <class T> struct NearestKernels {
+    RowNearest<T>* row;
+    // n columns, at least those of a group; the last group has the last columns. Null at levels that have no shuffles.
+    void (*rowGroups)(const T* src, const NearestGroup<T>* groups, int columns, T* dst, int n);
+};
+
+struct AllNearestKernels {
+    NearestKernels<uint8_t> u8;
+    NearestKernels<uint16_t> u16;
+    NearestKernels<float> f32;
 };
 
 namespace sse2 {
-extern const NearestKernels kNearestRows;
+extern const AllNearestKernels kNearestRows;
 }
 namespace avx2 {
-extern const NearestKernels kNearestRows;
+extern const AllNearestKernels kNearestRows;
 }
 namespace avx512 {
-extern const NearestKernels kNearestRows;
+extern const AllNearestKernels kNearestRows;
 }
-inline const NearestKernels& nearestKernels(Level level) {
+inline const AllNearestKernels& nearestKernels(Level level) {
     return pick(level, sse2::kNearestRows, avx2::kNearestRows, avx512::kNearestRows);
 }
 

@@ -4,19 +4,20 @@
 // to the row beforehand, and so are windows: border columns are like others.
 #pragma once
 #include "volume/pireslin.h"
+#include "volume/piresnn.h"
 
 namespace zenr {
 
-// Columns [0, n) with taps base[x] and base[x] + 1, clamped to rows of `size` voxels, in windows of `voxels`. Columns
+// Columns [0, n) with taps base(x) and base(x) + 1, clamped to rows of `size` voxels, in windows of `voxels`. Columns
 // beyond the last are the last again.
-struct Windows {
-    const int* base;
+template <class Base> struct Windows {
+    const Base& base;
     int n;
     int size;
     int voxels;
 
     int tap(int x, int k) const {
-        const int at = base[x < n ? x : n - 1];
+        const int at = base(x < n ? x : n - 1);
         return at < 0 ? 0 : at < size - k ? at + k : size - 1;
     }
     // Where the window of columns from x on begins.
@@ -36,7 +37,8 @@ struct Windows {
 
 // These fill in the groups and return how many columns share a window; 0 where groups do not serve.
 template <class T> int groupColumns(const int* base, const uint16_t* weights, int n, int size, FixedGroup* groups) {
-    const Windows windows = {base, n, size, 16 / int(sizeof(T))};
+    const auto at = [&](int x) { return base[x]; };
+    const Windows<decltype(at)> windows = {at, n, size, 16 / int(sizeof(T))};
     const int columns = windows.share();
     for (int begin = 0; columns && begin < n; begin += 16) {
         FixedGroup& g = groups[begin / 16];
@@ -50,14 +52,14 @@ template <class T> int groupColumns(const int* base, const uint16_t* weights, in
             const int window = columns == 8 ? quarter & 2 : quarter;
             g.window[window] = windows.at(begin + 4 * window);
             for (int k = 0; k < 2; ++k) {
-                const int at = windows.tap(x, w < kOneQ14 ? k : 1) - g.window[window];
+                const int voxel = windows.tap(x, w < kOneQ14 ? k : 1) - g.window[window];
                 if constexpr (sizeof(T) == 1) {
-                    g.taps[columns == 8 ? 0 : quarter & 1][2 * i + k] = uint8_t(at);
+                    g.taps[columns == 8 ? 0 : quarter & 1][2 * i + k] = uint8_t(voxel);
                 } else {
                     const int word = columns == 8 ? i : (i & 8) + i % 4 + 4 * k;
                     uint8_t* const shuffle = g.taps[columns == 8 ? k : quarter & 1];
-                    shuffle[2 * word] = uint8_t(2 * at);
-                    shuffle[2 * word + 1] = uint8_t(2 * at + 1);
+                    shuffle[2 * word] = uint8_t(2 * voxel);
+                    shuffle[2 * word + 1] = uint8_t(2 * voxel + 1);
                 }
             }
         }
@@ -65,21 +67,53 @@ template <class T> int groupColumns(const int* base, const uint16_t* weights, in
     return columns;
 }
 inline int groupColumns(const int* base, int n, int size, FloatGroup* groups) {
-    const Windows windows = {base, n, size, 8};
+    const auto at = [&](int x) { return base[x]; };
+    const Windows<decltype(at)> windows = {at, n, size, 8};
     const int columns = windows.share();
     for (int x = 0; columns && x < int(unsigned(n + 15) & ~15u); ++x) {
         FloatGroup& g = groups[x / 8];
         const int half = columns == 8 ? 0 : x / 4 % 2;
         g.window[half] = windows.at(x / columns * columns);
         for (int k = 0; k < 2; ++k) {
-            const int at = windows.tap(x, k) - g.window[half];
+            const int voxel = windows.tap(x, k) - g.window[half];
             if (columns == 8)
-                g.taps[k][x % 8] = at;
+                g.taps[k][x % 8] = voxel;
             else
-                g.taps[half][x % 4 + 4 * k] = at;
+                g.taps[half][x % 4 + 4 * k] = voxel;
         }
     }
     return columns;
+}
+
+inline void place(NearestGroup<float>* g, int i, int voxel) {
+    g->voxels[i] = uint8_t(voxel);
+}
+template <class T> void place(NearestGroup<T>* g, int i, int voxel) {
+    for (int byte = 0; byte < int(sizeof(T)); ++byte)
+        g->bytes[i * int(sizeof(T)) + byte] = uint8_t(voxel * int(sizeof(T)) + byte);
+}
+// One tap a column. The last group has the last columns, some of which may be in the one before, too.
+template <class T, class Base> int groupNearest(const Base& base, int n, int size, NearestGroup<T>* groups) {
+    using Group = NearestGroup<T>;
+    if (n < Group::kColumns || size < Group::kVoxels) return 0;
+    const Windows<Base> windows = {base, n, size, Group::kVoxels};
+    for (int columns = Group::kVoxels; columns >= Group::kVoxels / 2; columns /= 2) {
+        bool fits = true;
+        for (int end = Group::kColumns; fits; end += Group::kColumns) {
+            const int begin = (end < n ? end : n) - Group::kColumns;
+            Group& g = groups[end / Group::kColumns - 1];
+            for (int i = 0; i < Group::kColumns; ++i) {
+                const int from = windows.at(begin + i / columns * columns);
+                const int voxel = windows.tap(begin + i, 0) - from;
+                fits = fits && voxel < Group::kVoxels;
+                g.window[i / columns * (columns == Group::kVoxels ? 2 : 1)] = from;
+                place(&g, i, voxel);
+            }
+            if (end >= n) break;
+        }
+        if (fits) return columns;
+    }
+    return 0;
 }
 
 } // namespace zenr

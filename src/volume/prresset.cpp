@@ -424,14 +424,13 @@ ZenStatus resizeInterpolated(const P& policy, Level level, const Source& src, Ze
     return zenStsNoErr;
 }
 
-inline RowNearest<uint8_t>* rowNearestOf(const NearestKernels& k, uint8_t) {
-    return k.row8;
-}
-inline RowNearest<uint16_t>* rowNearestOf(const NearestKernels& k, uint16_t) {
-    return k.row16;
-}
-inline RowNearest<float>* rowNearestOf(const NearestKernels& k, float) {
-    return k.row32;
+template <class T> const NearestKernels<T>& nearestOf(Level level) {
+    if constexpr (sizeof(T) == 1)
+        return nearestKernels(level).u8;
+    else if constexpr (sizeof(T) == 2)
+        return nearestKernels(level).u16;
+    else
+        return nearestKernels(level).f32;
 }
 
 inline ZenStatus copyPlane(const uint8_t* src, uint8_t* dst, int step, ZenrSize size) {
@@ -444,12 +443,40 @@ inline ZenStatus copyPlane(const float* src, float* dst, int step, ZenrSize size
     return zeniCopy_32f_C1R(src, step, dst, step, size);
 }
 
-// Columns [firstX, firstX + width) and rows [firstY, firstY + height) of a share of slices. `columns` and `rows` are
-// the source indices.
+// A block's columns and rows in the source. Columns are in groups where `share`, how many of them share a window, is not
+// 0; otherwise the table has them one by one.
+template <class T> struct NearestBlock {
+    const NearestKernels<T>* kernels;
+    int firstX, width;
+    int firstY, height;
+    int share;
+    int* columns;
+    int* rows;
+
+    NearestGroup<T>* groups() const { return reinterpret_cast<NearestGroup<T>*>(columns); }
+    void copyRow(const T* src, T* dst) const {
+        if (share)
+            kernels->rowGroups(src, groups(), share, dst, width);
+        else
+            kernels->row(src, columns, dst, width);
+    }
+};
+
+template <class T> void tabulate(const AxisMap* axis, const int* first, NearestBlock<T>* block) {
+    const auto column = [&](int x) { return axis[0].nearest(first[0] + block->firstX + x); };
+    block->share = block->kernels->rowGroups ? groupNearest<T>(column, block->width, axis[0].size, block->groups()) : 0;
+    if (!block->share)
+        for (int i = 0; i < block->width; ++i) block->columns[i] = column(i);
+    for (int i = 0; i < block->height; ++i) block->rows[i] = axis[1].nearest(first[1] + block->firstY + i);
+}
+
+// A share of slices of a block.
 template <class T, class Source, class Destination>
-ZenStatus nearestSlices(RowNearest<T>* rowKernel, const Source& src, const AxisMap& depth, const Destination& dst,
-                        int firstX, int width, const int* columns, int firstY, int height, const int* rows, int first,
-                        int count) {
+ZenStatus nearestSlices(const NearestBlock<T>& block, const Source& src, const AxisMap& depth, const Destination& dst,
+                        const int* origin, int first, int count) {
+    const int firstX = origin[0] + block.firstX, firstY = origin[1] + block.firstY;
+    const int width = block.width, height = block.height;
+    const int* const rows = block.rows;
     int last = -1;
     for (int i = 0; i < count; ++i) {
         const int z = first + i;
@@ -467,10 +494,11 @@ ZenStatus nearestSlices(RowNearest<T>* rowKernel, const Source& src, const AxisM
         const Slice<const T> in = src.slice(plane);
         for (int y = 0; y < height; ++y) {
             T* const row = out.row(y);
-            if (y > 0 && rows[y] == rows[y - 1])
+            // In groups a row is gathered again as fast as it is copied, and without waiting for the stores of the one before.
+            if (!block.share && y > 0 && rows[y] == rows[y - 1])
                 __builtin_memcpy(row, out.row(y - 1), size_t(width) * sizeof(T));
             else
-                rowKernel(in.row(rows[y]), columns, row, width);
+                block.copyRow(in.row(rows[y]), row);
         }
     }
     return zenStsNoErr;
@@ -482,27 +510,29 @@ ZenStatus resizeNearest(Level level, const Source& src, ZenrVolume srcVolume, co
     const AxisMap axis[3] = {{g.inverse[0], g.offset[0], srcVolume.width},
                              {g.inverse[1], g.offset[1], srcVolume.height},
                              {g.inverse[2], g.offset[2], srcVolume.depth}};
-    // The tables are shared by all threads. They hold all columns and rows, unless the reported size reached its limit.
+    // The tables are shared by all threads. They hold all columns, in steps of sixteen, and all rows, unless the reported
+    // size reached its limit.
     const long long entries = (long long)(bytes / sizeof(int));
-    const int tableColumns =
-        g.count[0] + (long long)g.count[1] <= entries ? g.count[0] : least(g.count[0], entries / 2);
+    const long long all = (g.count[0] + 15ll) & ~15ll;
+    const int tableColumns = least(all, all + g.count[1] <= entries ? all : entries / 32 * 16);
+    NearestBlock<T> block;
+    block.kernels = &nearestOf<T>(level);
+    block.columns = reinterpret_cast<int*>(scratch);
+    block.rows = block.columns + tableColumns;
     const int tableRows = least(g.count[1], entries - tableColumns);
-    int* const columns = reinterpret_cast<int*>(scratch);
-    int* const rows = columns + tableColumns;
 
     ZenStatus status = zenStsNoErr;
     for (int x = 0; x < g.count[0] && !status; x += least(tableColumns, g.count[0] - x)) {
-        const int width = least(tableColumns, g.count[0] - x);
-        for (int i = 0; i < width; ++i) columns[i] = axis[0].nearest(g.first[0] + x + i);
+        block.firstX = x;
+        block.width = least(tableColumns, g.count[0] - x);
         for (int y = 0; y < g.count[1] && !status; y += least(tableRows, g.count[1] - y)) {
-            const int height = least(tableRows, g.count[1] - y);
-            for (int i = 0; i < height; ++i) rows[i] = axis[1].nearest(g.first[1] + y + i);
+            block.firstY = y;
+            block.height = least(tableRows, g.count[1] - y);
+            tabulate(axis, g.first, &block);
             splitSlices(g, size_t(ownGetNumThreads() < 1 ? 1 : ownGetNumThreads()),
                         [&](int first, int count, int, int) {
                             const WideScope scope(level);
-                            const ZenStatus mine = nearestSlices<T>(rowNearestOf(nearestKernels(level), T()), src,
-                                                                    axis[2], dst, g.first[0] + x, width, columns,
-                                                                    g.first[1] + y, height, rows, first, count);
+                            const ZenStatus mine = nearestSlices(block, src, axis[2], dst, g.first, first, count);
 #pragma omp atomic write
                             status = mine;
                         });
