@@ -127,19 +127,16 @@ template <int columns> struct GroupLines {
         return {multiplyAdd(_mm256_sub_pd(t.second.low, t.first.low), _mm256_loadu_pd(f + x), t.first.low),
                 multiplyAdd(_mm256_sub_pd(t.second.high, t.first.high), _mm256_loadu_pd(f + x + 4), t.first.high)};
     }
-    ZENR_INLINE Eight line8(int x) const { return eight(x); }
-    ZENR_INLINE __m256 finish(__m256 r, int) const { return r; }
+    ZENR_INLINE Taps taps8(ptrdiff_t x) const { return joined(eight(int(x))); }
     ZENR_INLINE Eight size(int x) const {
         const Pair t = pair(x);
         return plus(absolute(t.first), absolute(t.second));
     }
-    ZENR_INLINE __m256i guarded8(int x) const {
-        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(guarded + x));
-    }
-    bool zero16(int x) const {
-        const Both v = both(x), w = both(x + 8);
-        const __m256 any = _mm256_or_ps(_mm256_or_ps(v.a, v.b), _mm256_or_ps(w.a, w.b));
-        return _mm256_testz_si256(_mm256_castps_si256(any), _mm256_set1_epi32(0x7FFFFFFF));
+    ZENR_INLINE unsigned guarded8(ptrdiff_t x) const { return signs8(guarded + x); }
+    template <int count> bool zeros(int x) const {
+        static_assert(count == 8, "");
+        const Both v = both(x);
+        return _mm256_testz_si256(_mm256_castps_si256(_mm256_or_ps(v.a, v.b)), _mm256_set1_epi32(0x7FFFFFFF));
     }
 };
 
@@ -175,7 +172,7 @@ void blendWords(const uint16_t* r0, const uint16_t* r1, uint16_t w, bool far, ui
     const __m256i twice = _mm256_set1_epi16(int16_t(2 * w));
     const auto near = [&](int x) { store16(dst + x, blendNear(load16(r0 + x), load16(r1 + x), twice)); };
     const auto any = [&](int x) { store16(dst + x, blendFar(load16(r0 + x), load16(r1 + x), twice)); };
-    if (far ? inGroups<16>(n, any) : inGroups<16>(n, near)) return;
+    if (far ? wholeGroups<16>(n, any) : wholeGroups<16>(n, near)) return;
 #endif
     (void)far;
     blendPlain<uint16_t, 8192, 14>(r0, r1, w, dst, n);
@@ -190,7 +187,7 @@ void blendVoxels(const uint16_t* p0, const uint16_t* p1, uint16_t w, bool, uint8
         const __m256i bytes = _mm256_permute4x64_epi64(_mm256_packus_epi16(low, high), 0xD8);
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), bytes);
     };
-    if (inGroups<32>(n, group)) return;
+    if (wholeGroups<32>(n, group)) return;
 #endif
     blendPlain<uint8_t, 524288, 20>(p0, p1, w, dst, n);
 }

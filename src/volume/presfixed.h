@@ -45,7 +45,7 @@ ZENR_INLINE __m256i blendLast(__m256i r0, __m256i r1, __m256i twice) {
 }
 
 // Rows of n elements in groups of `whole` ones, the last of which may overlap the one before; false for shorter rows.
-template <int whole, class Group> ZENR_INLINE bool inGroups(int n, const Group& group) {
+template <int whole, class Group> ZENR_INLINE bool wholeGroups(int n, const Group& group) {
     if (n < whole) return false;
     int x = 0;
     for (; x <= n - whole; x += whole) group(x);

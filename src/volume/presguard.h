@@ -260,6 +260,9 @@ struct Taps {
 ZENR_INLINE Eight halves(const Taps& a) {
     return {_mm512_castpd512_pd256(a.all), _mm512_extractf64x4_pd(a.all, 1)};
 }
+ZENR_INLINE Taps joined(const Eight& a) {
+    return {_mm512_insertf64x4(_mm512_castpd256_pd512(a.low), a.high, 1)};
+}
 ZENR_INLINE Taps minus(const Taps& a, const Taps& b) {
     return {_mm512_sub_pd(a.all, b.all)};
 }
@@ -291,6 +294,9 @@ ZENR_INLINE unsigned smallerThan(const Taps& s, float threshold) {
 #else
 using Taps = Eight;
 ZENR_INLINE Eight halves(const Taps& a) {
+    return a;
+}
+ZENR_INLINE Taps joined(const Eight& a) {
     return a;
 }
 ZENR_INLINE Taps times(const Taps& a, const double* b) {
