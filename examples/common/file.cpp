@@ -1,9 +1,11 @@
 // Reading whole files; writing them through a temporary file in the same folder.
 #include "file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -90,6 +92,16 @@ std::vector<unsigned char> readFile(const std::string& path) {
 
 void checkWritable(const std::string& path) {
     TemporaryFile probe(path);
+}
+
+void checkApart(const std::vector<std::string>& paths) {
+    std::vector<std::filesystem::path> places;
+    for (const std::string& path : paths) {
+        if (path.empty()) continue;
+        places.push_back(std::filesystem::weakly_canonical(std::filesystem::absolute(path)));
+        if (std::count(places.begin(), places.end(), places.back()) > 1)
+            throw Failure(path + ": is named for two outputs");
+    }
 }
 
 void writeFile(const std::string& path, const std::vector<unsigned char>& bytes) {

@@ -59,6 +59,7 @@ void printPicture(const Picture& picture, const Options& options) {
 void run(const Options& options) {
     if (options.render) checkWritable(options.output);
     if (!options.dump.empty()) checkWritable(options.dump);
+    if (options.render) checkApart({options.output, options.dump});
 
     Mesh mesh = loadMesh(options.mesh);
     if (!options.dump.empty()) {

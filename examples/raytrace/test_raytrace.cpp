@@ -176,6 +176,7 @@ TEST_F(Raytrace, UnwritableOutputIsRefused) {
     expectRefused(mesh + "-o " + folder_, "not a regular file");
     expectRefused(mesh + "-o /dev/null", "not a regular file");
     expectRefused(mesh + "--dump nowhere/a.mesh", "nowhere/a.mesh");
+    expectRefused(mesh + "-o " + path("a.png") + " --dump " + path("./a.png"), "two outputs");
     // What was there before stays when the mesh turns out to be unusable.
     write("old.png", "old");
     expectRefused(path("missing") + " -o " + path("old.png"), "missing");

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string_view>
 
 #include "angles.h"
 #include "failure.h"
@@ -38,6 +39,33 @@ std::vector<float> linearOf16() {
     return table;
 }
 
+// Whether a Radiance picture has all its rows. The decoder takes what is missing for black, and never returns from a row
+// that ends, or is damaged, between two runs.
+bool holdsRows(const std::vector<unsigned char>& bytes, int width, int height) {
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    const size_t header = text.find("\n\n"); // then a line with the size
+    const size_t line = header == text.npos ? text.npos : text.find('\n', header + 2);
+    if (line == text.npos) return false;
+    size_t at = line + 1;
+    const auto plain = [&] { return bytes.size() - at >= size_t(4) * width * height; };
+    if (width < 8 || width >= 32768) return plain();
+    for (int y = 0; y < height; ++y) {
+        if (bytes.size() - at < 4) return false;
+        if (bytes[at] != 2 || bytes[at + 1] != 2 || bytes[at + 2] >= 128) return y == 0 && plain();
+        at += 4;
+        for (int component = 0; component < 4; ++component) {
+            for (int x = 0; x < width;) {
+                if (at >= bytes.size()) return false;
+                const int code = bytes[at++], count = code > 128 ? code - 128 : code;
+                at += code > 128 ? 1 : size_t(count);
+                x += count;
+                if (count == 0 || x > width || at > bytes.size()) return false;
+            }
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 Environment loadEnvironment(const std::string& path) {
@@ -55,6 +83,7 @@ Environment loadEnvironment(const std::string& path) {
     const size_t values = static_cast<size_t>(map.width) * map.height * 3;
     const auto undecoded = [&] { return Failure(path + ": cannot be decoded: " + stbi_failure_reason()); };
     if (stbi_is_hdr_from_memory(bytes.data(), size)) {
+        if (!holdsRows(bytes, map.width, map.height)) throw Failure(path + ": is cut off or damaged");
         const Pixels<float> pixels(stbi_loadf_from_memory(bytes.data(), size, &map.width, &map.height, &channels, 3));
         if (!pixels) throw undecoded();
         map.rgb.assign(pixels.get(), pixels.get() + values);

@@ -98,6 +98,7 @@ void run(const Options& options) {
     if (render) checkWritable(options.output);
     if (!options.maps.empty()) checkWritable(options.maps);
     if (!options.saveEnvironment.empty()) checkWritable(options.saveEnvironment);
+    checkApart({render ? options.output : "", options.maps, options.saveEnvironment});
     const int threads = options.threads > 0 ? options.threads : omp_get_max_threads();
     if (options.threads > 0) zenSetNumThreads(options.threads);
 

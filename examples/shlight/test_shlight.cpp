@@ -264,6 +264,14 @@ TEST_F(Shlight, BadInputIsRefusedInOneLine) {
     write("empty.png", "");
     const std::string hdr = slurp(path("work/map.hdr"));
     write("cut.hdr", hdr.substr(0, 20));
+    write("short.hdr", hdr.substr(0, hdr.size() - 1));
+    writeMap("wide.hdr", 64, [](double x, double y, double z) { return std::array<double, 3>{1 + x, 1 + y, 1 + z}; });
+    const std::string rows = slurp(path("work/wide.hdr"));
+    write("half.hdr", rows.substr(0, rows.size() / 2));
+    write("almost.hdr", rows.substr(0, rows.size() - 1));
+    std::string stuck = rows;
+    stuck[rows.find("\n", rows.find("\n\n") + 2) + 5] = 0; // no pixels in the first run
+    write("stuck.hdr", stuck);
     // Light of 2^127 in each colour of each pixel.
     write("bright.hdr", "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 2 +X 4\n" + std::string(4 * 8, '\xff'));
 
@@ -277,6 +285,10 @@ TEST_F(Shlight, BadInputIsRefusedInOneLine) {
     expectRefused("--env text.png", "text.png");
     expectRefused("--env empty.png", "empty.png");
     expectRefused("--env cut.hdr", "cut.hdr");
+    for (const std::string name : {"short", "half", "almost", "stuck"})
+        expectRefused("--env " + name + ".hdr", name + ".hdr: is cut off or damaged");
+    expectRefused("m.mesh --sky -o p.png --maps ./p.png", "two outputs");
+    expectRefused("--sky --maps p.hdr --save-env p.hdr", "two outputs");
     expectRefused("--env bright.hdr", "too bright");
     expectRefused("--sky -L 16", "--order");
     expectRefused("--sky -L -1", "--order");

@@ -51,6 +51,7 @@ template <class Work> void run(const Options& options, const char* verb, const W
     if (options.threads > 0) zenSetNumThreads(options.threads);
     if (!options.output.empty()) checkVolumeWritable(options.output);
     if (!options.picture.empty()) checkWritable(options.picture);
+    checkApart({options.output, options.picture});
 
     const Volume source = readVolume(options.input, raw);
     const auto start = std::chrono::steady_clock::now();

@@ -213,6 +213,9 @@ TEST_F(VolumeProgram, BadInputIsRefusedInOneLine) {
     expectRefused("warp in.raw out.raw --size 5x4x3 --shift 1,nan,0", "--shift");
     expectRefused("warp in.raw out.raw --size 5x4x3 --rotate nan", "--rotate");
     expectRefused("warp in.raw out.raw --size 5x4x3 --scale 0", "--scale");
+    for (const std::string singular : {"0,0,0,0,0,0,0,0,0,0,0,0", "1,1,0,0,1,1,0,0,0,0,1,0"})
+        expectRefused("warp in.raw out.raw --size 5x4x3 --matrix " + singular, "leaves no volume");
+    expectRefused("warp in.raw out.png --size 5x4x3 --picture ./out.png", "two outputs");
     expectRefused("remap in.raw out.raw --size 5x4x3 --twist inf", "--twist");
     expectRefused("warp in.raw out.raw --size 5x4x3 --rotate 5 --axis 0,0,0", "--axis");
     expectRefused("warp in.raw out.raw --size 5x4x3 --scale 1,2", "--scale");

@@ -37,6 +37,11 @@ ZenrBox whole(const Volume& v) {
     return {0, 0, 0, v.width, v.height, v.depth};
 }
 
+double determinant(const Matrix& m) {
+    return m[0] * (m[5] * m[10] - m[6] * m[9]) - m[1] * (m[4] * m[10] - m[6] * m[8]) +
+           m[2] * (m[4] * m[9] - m[5] * m[8]);
+}
+
 template <class T, class Warp>
 void warpSlabs(Warp warp, const Volume& s, Volume& d, const Matrix& matrix, int mode, const Report& report) {
     const auto from = planesOf<const T>(s);
@@ -96,6 +101,8 @@ Matrix aboutCentre(const Volume& volume, double degrees, const double axis[3], c
 }
 
 Volume warped(const Volume& source, const Matrix& matrix, int interpolation, const Report& report) {
+    // The library writes nothing then, without an error.
+    if (std::abs(determinant(matrix)) < 1e-10) throw Failure("the matrix leaves no volume");
     Volume result = Volume::make(source.width, source.height, source.depth, source.type);
     result.world = source.world;
     switch (source.type) {
