@@ -90,21 +90,29 @@ void releaseContext(MemContext* context) {
     zensFree(context);
 }
 
+// Threads that build subtrees meet here and in nextBlock() alone, and by atomic steps instead of a lock: an OpenMP lock
+// without a name is the caller's too, who would wait for himself when he builds under one.
 BlockHeader* takeBlock(MemContext& context, BlockHeader& chain) {
-    if (!budgetAllowsBlock(context)) return nullptr;
+    uint32_t remaining = __atomic_load_n(&context.remaining, __ATOMIC_RELAXED);
+    do {
+        if (!budgetAllowsBlock(context, remaining)) return nullptr;
+    } while (!__atomic_compare_exchange_n(&context.remaining, &remaining, remaining - kBlockCharge, false,
+                                          __ATOMIC_RELAXED, __ATOMIC_RELAXED));
     BlockHeader* const block = static_cast<BlockHeader*>(mallocWords(sizeof(BlockHeader)));
-    if (!block) return nullptr;
-    block->start = block->cursor = static_cast<char*>(mallocWords(kBlockBytes));
-    if (!block->start) {
-        zensFree(block);
+    char* const start = block ? static_cast<char*>(mallocWords(kBlockBytes)) : nullptr;
+    if (!start) {
+        if (block) zensFree(block);
+        __atomic_fetch_add(&context.remaining, kBlockCharge, __ATOMIC_RELAXED);
         return nullptr;
     }
-    block->end = block->start + kBlockBytes;
-    context.remaining -= kBlockCharge;
+    block->start = block->cursor = start;
+    block->end = start + kBlockBytes;
+    // Last of the chain. Who replaces a last block is the only one to set its link; nobody walks the chain meanwhile.
     block->next = &chain;
-    block->prev = chain.prev;
-    chain.prev->next = block;
-    chain.prev = block;
+    BlockHeader* last = __atomic_load_n(&chain.prev, __ATOMIC_RELAXED);
+    do block->prev = last;
+    while (!__atomic_compare_exchange_n(&chain.prev, &last, block, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED));
+    last->next = block;
     return block;
 }
 

@@ -125,8 +125,8 @@ void startOver(MemContext& context, BlockTables& tables);
 
 // Whether the remaining budget pays for one more block. The fixed pools may have overdrawn it: then `remaining` has
 // wrapped above the budget.
-inline bool budgetAllowsBlock(const MemContext& context) {
-    return context.remaining <= context.budget && context.remaining >= kBlockCharge;
+inline bool budgetAllowsBlock(const MemContext& context, uint32_t remaining) {
+    return remaining <= context.budget && remaining >= kBlockCharge;
 }
 // One more block at the end of a chain; null when the budget does not pay for it or there is no memory.
 BlockHeader* takeBlock(MemContext& context, BlockHeader& chain);

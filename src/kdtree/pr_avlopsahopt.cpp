@@ -40,24 +40,19 @@ bool nextBlock(Builder& builder, Workspace& space, BlockKind kind) {
     MemContext& context = *builder.context;
     BlockTables& tables = builder.tables;
     BlockHeader* const chains[kBlockKinds] = {&context.nodeBlocks, &context.listBlocks, &context.arrayBlocks};
-    BlockHeader* block;
-    // Rare, and the only place where threads that build meet.
-#pragma omp critical
-    {
-        block = takeBlock(context, *chains[kind]);
-        if (block) {
-            uint32_t* const words = reinterpret_cast<uint32_t*>(block->start);
-            uint32_t& number = space.blockNumbers[kind];
-            if (kind == kNodeBlocks)
-                tables.nodes[number = tables.nodeCount++] = block->start;
-            else if (kind == kListBlocks)
-                tables.lists[number = tables.listCount++] = words;
-            else
-                tables.arrays[number = tables.arrayCount++] = words;
-            space.blocks[kind] = block;
-        }
-    }
-    return block != nullptr;
+    BlockHeader* const block = takeBlock(context, *chains[kind]);
+    if (!block) return false;
+    const auto taken = [](uint32_t& count) { return __atomic_fetch_add(&count, 1u, __ATOMIC_RELAXED); };
+    uint32_t* const words = reinterpret_cast<uint32_t*>(block->start);
+    uint32_t& number = space.blockNumbers[kind];
+    if (kind == kNodeBlocks)
+        tables.nodes[number = taken(tables.nodeCount)] = block->start;
+    else if (kind == kListBlocks)
+        tables.lists[number = taken(tables.listCount)] = words;
+    else
+        tables.arrays[number = taken(tables.arrayCount)] = words;
+    space.blocks[kind] = block;
+    return true;
 }
 
 namespace {

@@ -237,6 +237,20 @@ TEST(SAHBuilder, SameBytesForAnyThreadCountAndAgain) {
     }
 }
 
+// An OpenMP lock without a name belongs to the whole process: a builder that took it would wait for its own caller.
+TEST(SAHBuilder, MayBeCalledUnderALockOfTheCallers) {
+    const Mesh mesh = reference::sphere(4);
+    const Built expected = build(mesh, 0.5f);
+    for (int t : {1, 3}) {
+        threads = t;
+        Built built;
+#pragma omp critical
+        built = build(mesh, 0.5f);
+        threads = 1;
+        EXPECT_EQ(built.words, expected.words);
+    }
+}
+
 // A team needs blocks of its own. Where the budget does not pay for them, or an allocation fails, one thread builds the
 // tree after all.
 TEST(SAHBuilder, TeamsWithoutMemoryGiveWayToOneThread) {
@@ -324,13 +338,13 @@ TEST(SAHBuilder, ContextAccount) {
     EXPECT_EQ(context->poolA.cursor, context->poolA.start);
     EXPECT_NE(zenr::takeRecords(context->poolA, records), nullptr);
     EXPECT_EQ(zenr::takeRecords(context->poolA, 1), nullptr);
-    EXPECT_FALSE(zenr::budgetAllowsBlock(*context));
+    EXPECT_FALSE(zenr::budgetAllowsBlock(*context, context->remaining));
     context->remaining = 0x1000013;
-    EXPECT_FALSE(zenr::budgetAllowsBlock(*context));
+    EXPECT_FALSE(zenr::budgetAllowsBlock(*context, context->remaining));
     context->remaining = 0x1000014;
-    EXPECT_TRUE(zenr::budgetAllowsBlock(*context));
+    EXPECT_TRUE(zenr::budgetAllowsBlock(*context, context->remaining));
     context->remaining = uint32_t(-5); // overdrawn
-    EXPECT_FALSE(zenr::budgetAllowsBlock(*context));
+    EXPECT_FALSE(zenr::budgetAllowsBlock(*context, context->remaining));
     zenr::releaseContext(context);
     EXPECT_EQ(outstanding, 0);
     EXPECT_EQ(zenr::poolBytesB(1000000), 48u << 20);
