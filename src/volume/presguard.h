@@ -5,7 +5,7 @@
 // settle nearly all elements:
 //
 // - Guarded: the float next to the sum is right unless a half-way point between two floats lies within that error.
-//   Where the sum is not less than 2^-15 of the bound, the error is less than 2^18 of its last places, and half-way
+//   Where the sum is not less than 2^-13 of the bound, the error is less than 2^17 of its last places, and half-way
 //   points show in the low 29 bits.
 // - Half-way: interpolations s0 + (s1 - s0)*f, fused, where f lies from 2^-10 to 1 - 2^-10 and results cannot be
 //   denormal. Operands within a factor of 2^15 of each other give an exact product in extended precision and an exact
@@ -89,7 +89,8 @@ ZENR_INLINE __m256 sizes(__m256 v) {
 
 // 0 where a half-way point between two floats lies within `error` last places of a sum, a positive number elsewhere; in
 // the order of lowWords.
-constexpr int kGuardedError = 1 << 18;
+constexpr float kSmall = 0x1p-13f;
+constexpr int kGuardedError = 1 << 17;
 constexpr int kHalfwayError = 1 << 12;
 template <int error> ZENR_INLINE __m256i offHalfway(const Eight& s) {
     const __m256i distance = _mm256_add_epi32(lowWords(s), _mm256_set1_epi32((1 << 28) + error));
@@ -103,7 +104,7 @@ ZENR_INLINE __m256 orderedLanes(__m256i lanes) {
 }
 // Sums below this are small beside the bound, as 0 is.
 inline float guardThreshold(float bound) {
-    const float threshold = bound * 0x1p-14f;
+    const float threshold = bound * kSmall;
     return threshold > 0x1p-126f ? threshold : 0x1p-126f; // a smaller float ends at another bit
 }
 
@@ -148,7 +149,7 @@ ZENR_INLINE Eight absolute(const Eight& v) {
 // Which of eight sums are small beside their own operands; all 0 is not.
 template <class Op> ZENR_INLINE __m256 small8(const Op& op, int x) {
     const __m256 size = floats(op.size(x)); // the sum of the operands' sizes
-    const __m256 threshold = _mm256_max_ps(_mm256_mul_ps(size, _mm256_set1_ps(0x1p-14f)), _mm256_set1_ps(0x1p-126f));
+    const __m256 threshold = _mm256_max_ps(_mm256_mul_ps(size, _mm256_set1_ps(kSmall)), _mm256_set1_ps(0x1p-126f));
     const __m256 nonzero = _mm256_cmp_ps(size, _mm256_setzero_ps(), _CMP_NEQ_UQ);
     return _mm256_and_ps(nonzero, _mm256_cmp_ps(sizes(floats(op.eight(x))), threshold, _CMP_NGE_UQ));
 }
@@ -157,7 +158,6 @@ template <class Op> ZENR_INLINE __m256 small8(const Op& op, int x) {
 // again and again in their loops.)
 template <int count, class Op, class Element>
 __attribute__((noinline)) void settle(Op op, Element* dst, int x, unsigned near, unsigned small) {
-    if (!near && op.template zeros<count>(x)) return;
     if (small) {
         const __m256 low = small8(op, x);
         small &= count == 8 ? unsigned(_mm256_movemask_ps(low)) : lanes16(low, small8(op, x + 8));
@@ -215,7 +215,7 @@ ZENR_INLINE void roundGuarded16(const Op& op, __m256 threshold, Element* dst, in
     const __m256i size[2] = {_mm256_castps_si256(sizes(low)), _mm256_castps_si256(sizes(high))};
     const __m256i small = _mm256_cmpgt_epi32(_mm256_castps_si256(threshold), _mm256_min_epu32(size[0], size[1]));
     const __m256i any = _mm256_or_si256(small, isZero(_mm256_min_epu32(off[0], off[1])));
-    if (__builtin_expect(_mm256_testz_si256(any, any), 1)) return;
+    if (__builtin_expect(_mm256_testz_si256(any, any), 1) || op.template zeros<16>(x)) return;
     settle<16>(
         op, dst, x, lanes16(orderedLanes(isZero(off[0])), orderedLanes(isZero(off[1]))),
         lanes16(_mm256_cmp_ps(sizes(low), threshold, _CMP_LT_OQ), _mm256_cmp_ps(sizes(high), threshold, _CMP_LT_OQ)));
@@ -324,7 +324,8 @@ ZENR_INLINE void roundTaps8(const Op& op, float threshold, bool normal, double* 
     const unsigned needed = exempt ? op.guarded8(x) : 0xFF;
     const unsigned near = nearHalfway<error>(s) & needed;
     const unsigned small = error == kGuardedError ? smallerThan(s, threshold) & needed : 0;
-    if (__builtin_expect((near | small) != 0, 0)) settle<8>(op, dst, int(x), near, small);
+    if (__builtin_expect((near | small) != 0, 0) && (near || !op.template zeros<8>(int(x))))
+        settle<8>(op, dst, int(x), near, small);
 }
 
 // Elements [begin, end) of a row pass, eight or more; begin and end of `bound` are those of the result. Where short

@@ -271,6 +271,30 @@ TEST(ResizeRounding, CubicSumsInDoubt) {
     }
 }
 
+// 16-bit volumes of all ranges: noise, ramps with many half-way sums, and few voxels that are not 0.
+TEST(ResizeRounding, CubicSumsOfAllRanges) {
+    zenrtest::Floats r(80);
+    for (int round = 0; round < zenrtest::rounds(64); ++round) {
+        const ZenrVolume v = {67, 9, 8};
+        TestVolume<uint16_t> src(v, 0, false, false, Guarded<uint16_t>::atEnd);
+        const int most = (1 << (1 + round % 16)) - 1;
+        for (int z = 0; z < v.depth; ++z)
+            for (int y = 0; y < v.height; ++y)
+                for (int x = 0; x < v.width; ++x)
+                    src.at(x, y, z) = round % 3 == 0   ? uint16_t(r.bits() & unsigned(most))
+                                      : round % 3 == 1 ? uint16_t((3 * x + 2 * y + z) & most)
+                                                       : uint16_t(r.bits() % 9 ? 0 : most);
+        const double factors[] = {1.5, 2, 2.0 / 3, 1.23, 0.3};
+        const double f = factors[round % 5];
+        const ZenrVolume w = {int(67 * f), int(9 * f), int(8 * f)};
+        const Arguments a = {
+            {0, 0, 0, 67, 9, 8}, {0, 0, 0, w.width, w.height, w.depth}, {f, f, f}, {}, kModes[2 + round / 3 % 4]};
+        TestVolume<uint16_t> dst(w, 0, false, false, Guarded<uint16_t>::atEnd);
+        checkCase(src, dst, a, true, {1}, 0);
+        if (::testing::Test::HasFatalFailure()) FAIL() << "round " << round;
+    }
+}
+
 // What the error bound of those sums supposes.
 TEST(ResizeWeights, SizesAddUpToLittle) {
     for (int mode : {4, 5, 6, 7})
