@@ -14,9 +14,6 @@ template <class Real> static inline Real ownpi_Cubic0Kernel(Real d) {
     const Real t = d < 0 ? -d : d;
     const Real t2 = t * t;
     if (t < 1) return 1 - t2 + Real(0.5) * (t2 * t - t);
-    // The polynomial passes through its samples. The double coefficients below would leave 8e-17 of a neighbour, which is
-    // all there is where a sample is 0.
-    if (t == 1) return 0;
     if (t < 2) return t * (Real(-0.16666666666666666) * t2 - Real(1.8333333333333333)) + t2 + 1;
     return 0;
 }

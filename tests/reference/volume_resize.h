@@ -57,7 +57,6 @@ inline long double cubicKernel(int mode, long double d) {
                            c2 = 0.8333333333333334, c3 = -0.38333333333333336, c4 = 1.8666666666666667, c5 = 3.4;
     const bool inner = t < 1;
     if (!inner && !(t < 2)) return 0;
-    if (mode == 4 && t == 1) return 0; // passes through its samples; the rounded coefficients do not quite
     switch (mode) {
     case 4:
         return inner ? 1 - t * t + 0.5L * (t * t * t - t) : t * (sixth * (t * t) - elevenSixths) + t * t + 1;

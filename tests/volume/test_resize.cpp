@@ -326,9 +326,9 @@ TEST(ResizeWeights, FormulasAndIntegerPositions) {
     EXPECT_EQ(w[2], 0);
     EXPECT_EQ(w[3], 0);
     ownpi_CubicWeights(4, &zero, 1, w);
-    EXPECT_EQ(w[0], 0);
+    EXPECT_NEAR(w[0], 0, 1e-16);
     EXPECT_EQ(w[1], 1);
-    EXPECT_EQ(w[2], 0);
+    EXPECT_NEAR(w[2], 0, 1e-16);
     EXPECT_EQ(w[3], 0);
     ownpi_CubicWeights(5, &zero, 1, w);
     EXPECT_FLOAT_EQ(w[0], 1.f / 6);
