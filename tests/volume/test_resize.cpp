@@ -200,6 +200,34 @@ TYPED_TEST(Resize, WideRowsAndTeams) {
     }
 }
 
+// Columns that share windows of voxels, by two or more to a window, at both ends of a row; 16-bit voxels of 15 bits and
+// with one of 16; fractions next to 1, whose fixed-point weight is 1.
+TYPED_TEST(Resize, ColumnsInGroups) {
+    using T = TypeParam;
+    zenrtest::Floats r(29);
+    const bool brief = zenrtest::rounds(30) == 1;
+    for (int width : {8, 17, 33, 70})
+        for (double factor : {0.37, 0.5, 2.0 / 3, 0.97, 1.0, 1.5, 2.3})
+            for (double shift : {0.0, 1e-6, -1.3}) {
+                const ZenrVolume v = {width, 3, 2}, w = {int(width * factor) + 1, 3, 2};
+                for (int mode : {1, 2}) {
+                    if (brief && (width % 3 == 0 || shift < 0)) continue;
+                    const Arguments a = {
+                        {0, 0, 0, width, 3, 2}, {0, 0, 0, w.width, 3, 2}, {factor, 1, 1}, {shift, shift, shift}, mode};
+                    const auto side = shift == 0 ? Guarded<T>::atEnd : Guarded<T>::atStart;
+                    TestVolume<T> src(v, 0, false, false, side);
+                    TestVolume<T> dst(w, 0, false, false, side);
+                    for (size_t i = 0; i < src.memory().size(); ++i) {
+                        const float any = randomVoxel<float>(r, 2);
+                        src.memory()[i] = sizeof(T) == 4 ? T(any) : T(r.bits() & 0x7FFF);
+                    }
+                    if (factor < 1) src.memory()[size_t(width + width / 2)] = T(40000);
+                    checkCase(src, dst, a, true, {1}, shift > 0);
+                    if (this->HasFatalFailure()) FAIL();
+                }
+            }
+}
+
 // Sources made of one value, or of rows whose sums lie half-way between two floats, reach the tests of doubt.
 TEST(ResizeRounding, HalfWaySums) {
     zenrtest::Floats r(77);
