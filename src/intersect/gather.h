@@ -41,19 +41,19 @@ struct GatherTile {
 enum : uint8_t { kAtHome = 1, kWellInside = 2 };
 
 // A tile, and the triangles that each ray may meet: the nearest `room` of them, in the order of their places.
-struct GatheringTile : Tile<64> {
+struct GatheringTile : Tile {
     float place[kRays][kPlaces];
     int number[kRays][kPlaces];
     uint8_t how[kRays][kPlaces];
     uint8_t count[kRays];
     int room;
-    Set unsure; // rays that met what cannot be placed
+    Set64 unsure; // rays that met what cannot be placed
     // Triangles of the leaves visited last, which wait to be tested side by side.
     int queue[kBatch];
     uint8_t leafOf[kBatch];
     int queued, leaves;
     struct Visit {
-        Set rays;
+        Set64 rays;
         Floats tmin[kVectors], tmax[kVectors];
     } visit[kBatch];
 
@@ -96,10 +96,10 @@ struct GatheringTile : Tile<64> {
 // Whether the errors of a tile's rays are as small as the above wants them, and all go the same way. With e = 2^-24, `end`
 // the end of the rays' intervals and `inverse` a reciprocal: where a plane is crossed is within 3e of its size; an origin
 // is rounded by e of its size, times `inverse`.
-ZENR_INLINE bool mayGather(const Tile<64>& tile, Tile<64>::Set rays, const float* box) {
+ZENR_INLINE bool mayGather(const Tile& tile, Set64 rays, const float* box) {
     if (!(tile.reach < __builtin_inff())) return false;
     Floats last = {};
-    for (int v = 0; v < Tile<64>::kVectors; ++v) last = larger(select(part(rays, v), tile.tmax[v], Floats{}), last);
+    for (int v = 0; v < Tile::kVectors; ++v) last = larger(select(part(rays, v), tile.tmax[v], Floats{}), last);
     const float end = greatest(last);
     float error = 0;
     for (int k = 0; k < 3; ++k) {
@@ -118,9 +118,8 @@ ZENR_INLINE int projectionOf(const ZenrTriangleAccel& r) {
 }
 
 // Notes a triangle for those rays that may meet it; returns the rays whose room is full.
-ZENR_INLINE GatheringTile::Set placeTriangle(GatheringTile& tile, const ZenrTriangleAccel& record, int j,
-                                             const GatheringTile::Visit& visit, GatheringTile::Set rays) {
-    typedef GatheringTile::Set Set;
+ZENR_INLINE Set64 placeTriangle(GatheringTile& tile, const ZenrTriangleAccel& record, int j,
+                                const GatheringTile::Visit& visit, Set64 rays) {
     if (projectionOf(record) == 3) {
         tile.unsure |= rays;
         return 0;
@@ -134,7 +133,7 @@ ZENR_INLINE GatheringTile::Set placeTriangle(GatheringTile& tile, const ZenrTria
     const double normal = __builtin_fabs(r.nA) + __builtin_fabs(r.nB) + 1;
     const Floats gate = all(float((terms + normal * double(tile.reach)) * 0x1p-24));
     const Floats num = all(float(r.num));
-    Set full = 0;
+    Set64 full = 0;
     for (int v = 0; v < GatheringTile::kVectors; ++v) {
         Bits bits = part(rays, v);
         if (!bits) continue;
@@ -144,7 +143,7 @@ ZENR_INLINE GatheringTile::Set placeTriangle(GatheringTile& tile, const ZenrTria
         const Floats det = toFloats(low, high);
         const Floats t = num / det;
         const Bits placed = less(gate, absolute(det)) & less(absolute(t), all(1e30f));
-        tile.unsure |= whole<Set>(bits & ~placed, v);
+        tile.unsure |= whole(bits & ~placed, v);
         bits &= placed & less(all(-kPlace), t);
         const Floats tmin = visit.tmin[v], tmax = visit.tmax[v];
         const Bits home = less(tmin, tmax) & lessEqual(t, tmax + all(kHomeSlack));
@@ -153,23 +152,22 @@ ZENR_INLINE GatheringTile::Set placeTriangle(GatheringTile& tile, const ZenrTria
         for (; bits; bits &= bits - 1) {
             const int lane = __builtin_ctz(bits), ray = v * kLanes + lane;
             const unsigned flags = (outer >> lane & 1) * kAtHome | (inner >> lane & 1) * kWellInside;
-            if (tile.note(ray, reinterpret_cast<const float*>(&t)[lane], j, uint8_t(flags))) full |= Set(1) << ray;
+            if (tile.note(ray, reinterpret_cast<const float*>(&t)[lane], j, uint8_t(flags))) full |= Set64(1) << ray;
         }
     }
     return full;
 }
 
 // Tests the triangles that wait.
-inline GatheringTile::Set gatherQueue(const ZenrTriangleAccel* accel, GatheringTile& tile) {
-    typedef GatheringTile::Set Set;
-    Set rays = 0, full = 0;
+inline Set64 gatherQueue(const ZenrTriangleAccel* accel, GatheringTile& tile) {
+    Set64 rays = 0, full = 0;
     for (int i = 0; i < tile.leaves; ++i) rays |= tile.visit[i].rays;
-    Set inQuestion[kBatch];
+    Set64 inQuestion[kBatch];
     unsigned left = quickTest<false>(accel, tile.queue, tile.queued, tile, rays, inQuestion);
     for (; left; left &= left - 1) {
         const int i = __builtin_ctz(left), j = tile.queue[i];
         const GatheringTile::Visit& visit = tile.visit[tile.leafOf[i]];
-        const Set met = inQuestion[i] & visit.rays;
+        const Set64 met = inQuestion[i] & visit.rays;
         if (met && accel[j].axes != 0) full |= placeTriangle(tile, accel[j], j, visit, met);
     }
     tile.queued = tile.leaves = 0;
@@ -177,15 +175,15 @@ inline GatheringTile::Set gatherQueue(const ZenrTriangleAccel* accel, GatheringT
 }
 
 // Queues the triangles of a leaf; returns rays whose room is full.
-template <class T>
-ZENR_INLINE typename T::Set gatherLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, T& tile,
-                                       typename T::Set active, const Floats* tmin, const Floats* tmax) {
+ZENR_INLINE Set64 gatherLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, Tile& of, Set64 active,
+                             const Floats* tmin, const Floats* tmax) {
+    GatheringTile& tile = static_cast<GatheringTile&>(of);
     const LeafList triangles(leaf);
-    typename T::Set full = 0;
+    Set64 full = 0;
     const auto visit = [&] {
-        auto& here = tile.visit[tile.leaves++];
+        GatheringTile::Visit& here = tile.visit[tile.leaves++];
         here.rays = active;
-        for (int v = 0; v < T::kVectors; ++v) {
+        for (int v = 0; v < Tile::kVectors; ++v) {
             here.tmin[v] = tmin[v];
             here.tmax[v] = tmax[v];
         }

@@ -14,9 +14,6 @@ namespace {
 
 // ---- Tiles of a block ---------------------------------------------------------------------------------------------
 
-typedef Tile<64> Block64;
-typedef Block64::Set Set64;
-
 // Lanes 4p .. 4p + 3 of a tile are rays start[p] .. start[p] + 3 of the block.
 constexpr int kPieces = 64 / 4;
 
@@ -94,10 +91,9 @@ template <class T> ZENR_INLINE void gather(Floats* to, const T* from, const Plac
         return _mm_loadu_ps(reinterpret_cast<const float*>(four));
     };
     if (place.rays == ~Set64(0)) {
-        for (int v = 0; v < Block64::kVectors; ++v)
-            to[v] = joinFours([&](int i) { return whole(v * (kLanes / 4) + i); });
+        for (int v = 0; v < Tile::kVectors; ++v) to[v] = joinFours([&](int i) { return whole(v * (kLanes / 4) + i); });
     } else {
-        for (int v = 0; v < Block64::kVectors; ++v)
+        for (int v = 0; v < Tile::kVectors; ++v)
             to[v] = joinFours([&](int i) { return partial(v * (kLanes / 4) + i); });
     }
 }
@@ -125,11 +121,11 @@ ZENR_INLINE float* floatsOf(Floats* x) {
 // ---- Setting rays up ----------------------------------------------------------------------------------------------
 
 // The largest size of any component; infinite where one is NaN.
-ZENR_INLINE float largestOf(const Floats (&x)[4][Block64::kVectors]) {
+ZENR_INLINE float largestOf(const Floats (&x)[4][Tile::kVectors]) {
     Floats largest = {};
     Bits ordered = kAllLanes;
     for (int k = 0; k < 3; ++k) {
-        for (int v = 0; v < Block64::kVectors; ++v) {
+        for (int v = 0; v < Tile::kVectors; ++v) {
             largest = larger(absolute(x[k][v]), largest);
             ordered &= lessEqual(x[k][v], x[k][v]);
         }
@@ -143,8 +139,8 @@ ZENR_INLINE __m128 sizeOf(__m128 x) {
 
 // Bounds of the directions: sixteen by sixteen and of all. Where one is NaN they are not looked at, because `reach` is
 // infinite.
-ZENR_INLINE void setBoxes(Block64& tile) {
-    static_assert(Block64::kBoxes == 4, "a lane each");
+ZENR_INLINE void setBoxes(Tile& tile) {
+    static_assert(Tile::kBoxes == 4, "a lane each");
     constexpr int kEach = kBoxRays / kLanes;
     __m128 lows[3], highs[3];
     Floats sum = {};
@@ -176,26 +172,26 @@ ZENR_INLINE void setBoxes(Block64& tile) {
     tile.reach = lessEqual(sum, sum) == kAllLanes ? greatestOfFour(size) : __builtin_inff();
 }
 
-void finishDirections(Block64& tile) {
+void finishDirections(Tile& tile) {
     setBoxes(tile);
-    for (int v = 0; v < Block64::kVectors; ++v) tile.direction[3][v] = tile.inverse[3][v] = Floats{};
+    for (int v = 0; v < Tile::kVectors; ++v) tile.direction[3][v] = tile.inverse[3][v] = Floats{};
     tile.negative[3] = 0;
 }
 
 // Lanes that are not among the `rays`, which are some, follow one that is: they widen no bounds.
-void setDirections(Block64& tile, const RayBlock& block, const Place& place, Set64 rays) {
+void setDirections(Tile& tile, const RayBlock& block, const Place& place, Set64 rays) {
     for (int k = 0; k < 3; ++k) {
         gather(tile.direction[k], block.direction[k], place);
         if (rays != ~Set64(0)) {
             const Floats one = all(floatsOf(tile.direction[k])[__builtin_ctzll(rays)]);
-            for (int v = 0; v < Block64::kVectors; ++v)
+            for (int v = 0; v < Tile::kVectors; ++v)
                 tile.direction[k][v] = select(part(rays, v), tile.direction[k][v], one);
         }
     }
     finishDirections(tile);
 }
 
-void shareOrigin(Block64& tile, const float* origin) {
+void shareOrigin(Tile& tile, const float* origin) {
     for (int k = 0; k < 4; ++k) {
         tile.sharedOrigin[k] = k < 3 ? origin[k] : 0;
         tile.sharedFrom[k] = double(tile.sharedOrigin[k]);
@@ -203,9 +199,9 @@ void shareOrigin(Block64& tile, const float* origin) {
     tile.drift = 0;
 }
 
-void ownOrigins(Block64& tile, const RayBlock& block, const Place& place) {
+void ownOrigins(Tile& tile, const RayBlock& block, const Place& place) {
     for (int k = 0; k < 3; ++k) gather(tile.origin[k], block.origins[k], place);
-    for (int v = 0; v < Block64::kVectors; ++v) {
+    for (int v = 0; v < Tile::kVectors; ++v) {
         tile.origin[3][v] = Floats{};
         for (int k = 0; k < 4; ++k) {
             tile.from[k][v][0] = toDoubles<0>(tile.origin[k][v]);
@@ -216,23 +212,23 @@ void ownOrigins(Block64& tile, const RayBlock& block, const Place& place) {
 }
 
 // Reciprocals and near children of one axis; returns the rays of v that are parallel to it.
-ZENR_INLINE Bits setAxis(Block64& tile, int k, int v, float parallelInverse, bool segment) {
+ZENR_INLINE Bits setAxis(Tile& tile, int k, int v, float parallelInverse, bool segment) {
     const Floats d = tile.direction[k][v];
     const Bits parallel = lessEqual(absolute(d), all(kParallel));
     tile.inverse[k][v] = select(parallel, all(parallelInverse), all(1.f) / d);
-    tile.negative[k] |= whole<Set64>(less(d, Floats{}) & (segment ? kAllLanes : ~parallel), v);
+    tile.negative[k] |= whole(less(d, Floats{}) & (segment ? kAllLanes : ~parallel), v);
     return parallel;
 }
 
 // Narrows the intervals of the rays that are not parallel to a slab.
-ZENR_INLINE void clipSlab(Block64& tile, int v, Floats t1, Floats t2, Bits parallel) {
+ZENR_INLINE void clipSlab(Tile& tile, int v, Floats t1, Floats t2, Bits parallel) {
     tile.tmin[v] = select(parallel, tile.tmin[v], larger(smaller(t1, t2), tile.tmin[v]));
     tile.tmax[v] = select(parallel, tile.tmax[v], smaller(larger(t1, t2), tile.tmax[v]));
 }
 
 // Rays of v whose interval is not empty; it is set to reach a little behind the box. A maximum distance that is NaN is
 // tmax's too: such a ray hits nothing, because no distance is less.
-ZENR_INLINE Bits finishClip(Block64& tile, int v) {
+ZENR_INLINE Bits finishClip(Tile& tile, int v) {
     const Bits some = lessEqual(tile.tmin[v], tile.tmax[v]);
     tile.tmax[v] = tile.tmax[v] + all(kBehindBox);
     return some;
@@ -246,7 +242,7 @@ struct Slabs {
     bool enters[3], leaves[3]; // the slab may be the last that a ray enters, or the first that it leaves
     float first[3], second[3]; // the planes that come first and second, from the origin
 
-    Slabs(const Block64& tile, const float* box) {
+    Slabs(const Tile& tile, const float* box) {
         float firstHigh[3] = {}, secondLow[3] = {};
         float enter = 0, leave = __builtin_inff();
         bool known = tile.reach < leave;
@@ -278,10 +274,10 @@ struct Slabs {
 };
 
 // Clips rays of a shared origin to the box; returns those that meet it.
-Set64 clipFromEye(Block64& tile, const float* box, const Slabs& slabs) {
+Set64 clipFromEye(Tile& tile, const float* box, const Slabs& slabs) {
     Set64 meets = 0;
     for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
-    for (int v = 0; v < Block64::kVectors; ++v) {
+    for (int v = 0; v < Tile::kVectors; ++v) {
         tile.tmin[v] = Floats{};
         tile.tmax[v] = tile.best[v];
         for (int k = 0; k < 3; ++k) {
@@ -295,16 +291,16 @@ Set64 clipFromEye(Block64& tile, const float* box, const Slabs& slabs) {
                          parallel);
             }
         }
-        meets |= whole<Set64>(finishClip(tile, v), v);
+        meets |= whole(finishClip(tile, v), v);
     }
     return meets;
 }
 
 // The same for rays with their own origins; those parallel to a slab have to be inside it.
-Set64 clipOwn(Block64& tile, const float* box) {
+Set64 clipOwn(Tile& tile, const float* box) {
     Set64 meets = 0;
     for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
-    for (int v = 0; v < Block64::kVectors; ++v) {
+    for (int v = 0; v < Tile::kVectors; ++v) {
         tile.tmin[v] = Floats{};
         tile.tmax[v] = tile.best[v];
         Bits out = 0;
@@ -314,26 +310,26 @@ Set64 clipOwn(Block64& tile, const float* box) {
             out |= parallel & ~(less(all(box[k]), o) & less(o, all(box[3 + k])));
             clipSlab(tile, v, (all(box[k]) - o) * inverse, (all(box[3 + k]) - o) * inverse, parallel);
         }
-        meets |= whole<Set64>(finishClip(tile, v) & ~out, v);
+        meets |= whole(finishClip(tile, v) & ~out, v);
     }
     return meets;
 }
 
-void clearHits(Block64& tile) {
-    for (int v = 0; v < Block64::kVectors; ++v) {
+void clearHits(Tile& tile) {
+    for (int v = 0; v < Tile::kVectors; ++v) {
         tile.triangle[v] = all(int32_t(-1));
         tile.weight[0][v] = tile.weight[1][v] = Floats{};
     }
 }
 
-Set64 hits(const Block64& tile) {
+Set64 hits(const Tile& tile) {
     Set64 none = 0;
-    for (int v = 0; v < Block64::kVectors; ++v) none |= whole<Set64>(equal(tile.triangle[v], all(int32_t(-1))), v);
+    for (int v = 0; v < Tile::kVectors; ++v) none |= whole(equal(tile.triangle[v], all(int32_t(-1))), v);
     return ~none;
 }
 
 // Walks with the rays of each octant of directions in turn. False as for walk().
-template <class Search> bool walkOctants(const RayBlock& block, Block64& tile, Set64 rays) {
+template <class Search> bool walkOctants(const RayBlock& block, Tile& tile, Set64 rays) {
     while (rays) {
         const int first = __builtin_ctzll(rays);
         Set64 octant = rays;
@@ -354,7 +350,7 @@ template <class One> void eachRay(const Place& place, Set64 rays, const One& one
 
 // ---- The four searches --------------------------------------------------------------------------------------------
 
-void storeNearest(const RayBlock& block, Block64& tile, const Place& place) {
+void storeNearest(const RayBlock& block, Tile& tile, const Place& place) {
     scatter(block.triangle, reinterpret_cast<int*>(tile.triangle), place, place.rays);
     const Set64 hit = hits(tile) & place.rays;
     scatter(block.distance, floatsOf(tile.best), place, hit);
@@ -364,7 +360,7 @@ void storeNearest(const RayBlock& block, Block64& tile, const Place& place) {
 
 void eye(const RayBlock& block) {
     const Tiling tiling(block);
-    Block64 tile;
+    Tile tile;
     shareOrigin(tile, block.origin);
     for (size_t i = 0; i < tiling.count; ++i) {
         Place place;
@@ -404,11 +400,11 @@ void nearestOneByOne(const RayBlock& block, const Place& place) {
 }
 
 // Whether a tile's rays keep together: one octant, and directions that differ by less than a quarter of the largest.
-bool keepTogether(const Block64& tile, Set64 rays) {
+bool keepTogether(const Tile& tile, Set64 rays) {
     for (int k = 0; k < 3; ++k) {
         if ((tile.negative[k] & rays) != 0 && (tile.negative[k] & rays) != rays) return false;
         Floats low = all(__builtin_inff()), high = all(-__builtin_inff());
-        for (int v = 0; v < Block64::kVectors; ++v) {
+        for (int v = 0; v < Tile::kVectors; ++v) {
             low = smaller(select(part(rays, v), tile.direction[k][v], low), low);
             high = larger(select(part(rays, v), tile.direction[k][v], high), high);
         }
@@ -424,7 +420,7 @@ struct Batch {
     Set64 negative[3][kStreamRays / 64];
 };
 
-void addToStream(Stream& stream, int slot, Block64& tile) {
+void addToStream(Stream& stream, int slot, Tile& tile) {
     const auto fours = [](const Floats* from, int p) {
         return _mm_loadu_ps(reinterpret_cast<const float*>(from) + 4 * p);
     };
@@ -481,7 +477,7 @@ void nearest(const RayBlock& block) {
     const Tiling tiling(block);
     constexpr size_t most = kStreamRays / 64;
     Stream stream;
-    Block64 tile;
+    Tile tile;
     Batch batch;
     for (size_t first = 0; first < tiling.count; first += most) {
         batch.tiles = 0;
@@ -527,9 +523,9 @@ void nearest(const RayBlock& block) {
 }
 
 // Sets segments up, and finds what blocks them. False as for walk().
-bool walkSegments(const RayBlock& block, Block64& tile, Set64 rays) {
+bool walkSegments(const RayBlock& block, Tile& tile, Set64 rays) {
     for (int k = 0; k < 3; ++k) tile.negative[k] = 0;
-    for (int v = 0; v < Block64::kVectors; ++v) {
+    for (int v = 0; v < Tile::kVectors; ++v) {
         tile.tmin[v] = Floats{};
         tile.tmax[v] = all(kSegmentEnd);
         for (int k = 0; k < 3; ++k) setAxis(tile, k, v, kParallelInverse, true);
@@ -546,15 +542,15 @@ void anyOneByOne(const RayBlock& block, size_t at) {
 Set64 unmasked(const RayBlock& block, const Place& place, int (&mask)[64]) {
     gather(reinterpret_cast<Floats*>(mask), block.mask, place);
     Set64 rays = place.rays;
-    for (int v = 0; v < Block64::kVectors; ++v) {
+    for (int v = 0; v < Tile::kVectors; ++v) {
         Ints m;
         __builtin_memcpy(&m, mask + v * kLanes, sizeof m);
-        rays &= ~whole<Set64>(equal(m >> 31, all(int32_t(-1))), v);
+        rays &= ~whole(equal(m >> 31, all(int32_t(-1))), v);
     }
     return rays;
 }
 
-void anyInTile(const RayBlock& block, Block64& tile, const Place& place) {
+void anyInTile(const RayBlock& block, Tile& tile, const Place& place) {
     alignas(64) int mask[64];
     const Set64 rays = unmasked(block, place, mask);
     clearHits(tile);
@@ -588,19 +584,19 @@ struct Order {
 constexpr float kApart = 1.15f; // tiles that span so much more than they would in order are put in order
 
 // The rays of a tile that are to be searched, and the charts of all.
-Set64 chartTile(const RayBlock& block, const Place& place, Block64& tile, Chart (&charts)[Block64::kVectors]) {
+Set64 chartTile(const RayBlock& block, const Place& place, Tile& tile, Chart (&charts)[Tile::kVectors]) {
     alignas(64) int mask[64];
     const Set64 rays = unmasked(block, place, mask);
     if (!rays) return 0;
     for (int k = 0; k < 3; ++k) gather(tile.direction[k], block.direction[k], place);
-    for (int v = 0; v < Block64::kVectors; ++v)
+    for (int v = 0; v < Tile::kVectors; ++v)
         charts[v] = chartOf(tile.direction[0][v], tile.direction[1][v], tile.direction[2][v]);
     return rays;
 }
 
 // What the directions of every so many tiles' rays range over; `perimeters` is that of each tile by itself, times its
 // rays.
-ChartRange rangeOf(const RayBlock& block, const Tiling& tiling, size_t first, size_t count, size_t step, Block64& tile,
+ChartRange rangeOf(const RayBlock& block, const Tiling& tiling, size_t first, size_t count, size_t step, Tile& tile,
                    int& rays, float& perimeters) {
     ChartRange range;
     rays = 0;
@@ -608,11 +604,11 @@ ChartRange rangeOf(const RayBlock& block, const Tiling& tiling, size_t first, si
     for (size_t i = 0; i < count; i += step) {
         Place place;
         tiling.place(first + i, place);
-        Chart charts[Block64::kVectors];
+        Chart charts[Tile::kVectors];
         const Set64 set = chartTile(block, place, tile, charts);
         if (!set) continue;
         ChartRange here;
-        for (int v = 0; v < Block64::kVectors; ++v) here.add(charts[v], part(set, v));
+        for (int v = 0; v < Tile::kVectors; ++v) here.add(charts[v], part(set, v));
         rays += __builtin_popcountll(set);
         perimeters += float(__builtin_popcountll(set)) * here.perimeter();
         range.add(here);
@@ -621,7 +617,7 @@ ChartRange rangeOf(const RayBlock& block, const Tiling& tiling, size_t first, si
 }
 
 // Orders the rays of tiles from `first` on that are to be searched, unless they keep together where they are.
-bool orderRays(const RayBlock& block, const Tiling& tiling, size_t first, size_t count, Block64& tile, Order& order) {
+bool orderRays(const RayBlock& block, const Tiling& tiling, size_t first, size_t count, Tile& tile, Order& order) {
     // A look at some of the tiles: ordered, each sixty-four rays would have their share of the range.
     constexpr size_t kStep = 5;
     int rays;
@@ -637,9 +633,9 @@ bool orderRays(const RayBlock& block, const Tiling& tiling, size_t first, size_t
         Place place;
         tiling.place(first + i, place);
         __builtin_memcpy(order.start[i], place.start, sizeof place.start);
-        Chart charts[Block64::kVectors];
+        Chart charts[Tile::kVectors];
         const Set64 set = chartTile(block, place, tile, charts);
-        for (int v = 0; v < Block64::kVectors; ++v) {
+        for (int v = 0; v < Tile::kVectors; ++v) {
             Bits bits = part(set, v);
             if (!bits) continue;
             const Ints key = scale.key(charts[v]);
@@ -654,7 +650,7 @@ bool orderRays(const RayBlock& block, const Tiling& tiling, size_t first, size_t
 }
 
 // Sixty-four after sixty-four.
-void anyInOrder(const RayBlock& block, Block64& tile, const Order& order) {
+void anyInOrder(const RayBlock& block, Tile& tile, const Order& order) {
     for (int i = 0; i < order.count; i += 64) {
         const int count = order.count - i < 64 ? order.count - i : 64;
         for (int lane = 0; lane < 64; ++lane) {
@@ -679,7 +675,7 @@ void anyInOrder(const RayBlock& block, Block64& tile, const Order& order) {
 
 void any(const RayBlock& block) {
     const Tiling tiling(block);
-    Block64 tile;
+    Tile tile;
     shareOrigin(tile, block.origin);
     Order order;
     for (size_t first = 0; first < tiling.count; first += kOrderTiles) {
@@ -740,7 +736,7 @@ bool multipleOfOne(const RayBlock& block, GatheringTile& tile, int ray, size_t a
 
 // The successive hits of rays from what one walk gathers; returns the rays that are left to searches.
 Set64 multipleAtOnce(const RayBlock& block, GatheringTile& tile, const Place& place, Set64 rays,
-                     const Floats (&maximum)[Block64::kVectors], float eye) {
+                     const Floats (&maximum)[Tile::kVectors], float eye) {
     if (block.maxHits < 2 || block.maxHits + kSpare > kPlaces || !mayGather(tile, rays, block.box)) return rays;
     float far = eye; // the largest component of any origin
     for (int k = 0; k < 6; ++k) far = largerOf(far, fabsf(block.box[k]) + tile.reach);
@@ -750,11 +746,11 @@ Set64 multipleAtOnce(const RayBlock& block, GatheringTile& tile, const Place& pl
     gatherQueue(block.accel, tile);
 
     const size_t stride = size_t(block.width) * size_t(block.height);
-    Floats total[Block64::kVectors];     // distance from the eye
-    Doubles along[Block64::kVectors][2]; // the same, not rounded
+    Floats total[Tile::kVectors];     // distance from the eye
+    Doubles along[Tile::kVectors][2]; // the same, not rounded
     Set64 left = tile.unsure & rays;
-    for (int v = 0; v < Block64::kVectors; ++v) {
-        left |= whole<Set64>(~lessEqual(tile.tmax[v], maximum[v]) & part(rays, v), v);
+    for (int v = 0; v < Tile::kVectors; ++v) {
+        left |= whole(~lessEqual(tile.tmax[v], maximum[v]) & part(rays, v), v);
         for (int k = 0; k < 3; ++k) tile.from[k][v][0] = tile.from[k][v][1] = all(tile.sharedFrom[k]);
         tile.best[v] = maximum[v];
         total[v] = Floats{};
@@ -765,12 +761,12 @@ Set64 multipleAtOnce(const RayBlock& block, GatheringTile& tile, const Place& pl
     for (int layer = 0; on; ++layer) {
         const size_t at = size_t(layer) * stride;
         Set64 hit = 0, inside = 0;
-        for (int v = 0; v < Block64::kVectors; ++v) {
+        for (int v = 0; v < Tile::kVectors; ++v) {
             const Bits bits = part(on, v);
             if (!bits) continue;
             const NextHits next = nextHits(tile, v, bits, layer, tile.best[v], block.accel);
-            hit |= whole<Set64>(next.hit, v);
-            close |= whole<Set64>(bits & ~next.hit & ~next.nothing, v);
+            hit |= whole(next.hit, v);
+            close |= whole(bits & ~next.hit & ~next.nothing, v);
             const Floats t = select(next.hit, next.t, Floats{});
             total[v] = layer > 0 ? t + total[v] : t;
             tile.triangle[v] = next.triangle;
@@ -784,7 +780,7 @@ Set64 multipleAtOnce(const RayBlock& block, GatheringTile& tile, const Place& pl
                 high = high + toDoubles<1>(tile.direction[k][v]) * toDoubles<1>(t);
             }
             const Floats p = toFloats(along[v][0], along[v][1]);
-            inside |= whole<Set64>(less(tile.tmin[v], p) & less(p, tile.tmax[v] - all(kInside)), v);
+            inside |= whole(less(tile.tmin[v], p) & less(p, tile.tmax[v] - all(kInside)), v);
             tile.best[v] = all(FLT_MAX);
         }
         scatter(block.triangle + at, reinterpret_cast<int*>(tile.triangle), place, hit);
@@ -806,9 +802,9 @@ Set64 multipleAtOnce(const RayBlock& block, GatheringTile& tile, const Place& pl
 }
 
 // Layer after layer: one walk finds the next hits of all rays of a tile that have had one so far. False as for walk().
-bool multipleInLayers(const RayBlock& block, Block64& tile, const Place& place, Set64 rays, float eye) {
+bool multipleInLayers(const RayBlock& block, Tile& tile, const Place& place, Set64 rays, float eye) {
     const size_t stride = size_t(block.width) * size_t(block.height);
-    for (int v = 0; v < Block64::kVectors; ++v) {
+    for (int v = 0; v < Tile::kVectors; ++v) {
         for (int k = 0; k < 4; ++k) {
             tile.origin[k][v] = all(tile.sharedOrigin[k]);
             tile.from[k][v][0] = tile.from[k][v][1] = all(tile.sharedFrom[k]);
@@ -816,7 +812,7 @@ bool multipleInLayers(const RayBlock& block, Block64& tile, const Place& place, 
         tile.previous[v] = all(int32_t(-1));
     }
     tile.drift = 0;
-    Floats total[Block64::kVectors]; // distance from the eye
+    Floats total[Tile::kVectors]; // distance from the eye
     for (int layer = 0; rays; ++layer) {
         const size_t at = size_t(layer) * stride;
         tile.recentCount = layer % kRing;
@@ -829,7 +825,7 @@ bool multipleInLayers(const RayBlock& block, Block64& tile, const Place& place, 
             if (!walkOctants<SuccessiveTile>(block, tile, rays)) return false;
         }
         const Set64 hit = hits(tile) & rays;
-        for (int v = 0; v < Block64::kVectors; ++v) {
+        for (int v = 0; v < Tile::kVectors; ++v) {
             // Rays that have ended stay where they are: what follows bounds all origins.
             const Floats t = select(part(hit, v), tile.best[v], Floats{});
             total[v] = layer > 0 ? t + total[v] : t;
@@ -872,12 +868,12 @@ void multiple(const RayBlock& block) {
         tiling.place(i, place);
         setDirections(tile, block, place, place.rays);
         gather(tile.best, block.distance, place);
-        Floats maximum[Block64::kVectors];
-        for (int v = 0; v < Block64::kVectors; ++v) maximum[v] = tile.best[v];
+        Floats maximum[Tile::kVectors];
+        for (int v = 0; v < Tile::kVectors; ++v) maximum[v] = tile.best[v];
         const Set64 rays = clipFromEye(tile, block.box, Slabs(tile, block.box)) & place.rays;
         if (!rays) continue;
         const Set64 left = multipleAtOnce(block, tile, place, rays, maximum, eye);
-        for (int v = 0; v < Block64::kVectors; ++v) tile.best[v] = maximum[v];
+        for (int v = 0; v < Tile::kVectors; ++v) tile.best[v] = maximum[v];
         if (multipleInLayers(block, tile, place, left, eye)) continue;
         // What is written already is written again, with the same bits.
         scatter(block.distance, floatsOf(maximum), place, left);

@@ -21,28 +21,27 @@ namespace zenr {
 namespace ZENR_LEVEL {
 
 // A set of rays of a tile, one bit a ray.
-template <int Rays> struct SetOf { typedef uint64_t Type; };
-template <> struct SetOf<16> { typedef uint32_t Type; };
+typedef uint64_t Set64;
 
-template <class Set> ZENR_INLINE Bits part(Set set, int v) {
+// The rays of a register.
+ZENR_INLINE Bits part(Set64 set, int v) {
     return Bits(set >> (v * kLanes)) & kAllLanes;
 }
 // The same of a group of registers.
-template <class Set> ZENR_INLINE Bits groupPart(Set set, int v) {
+ZENR_INLINE Bits groupPart(Set64 set, int v) {
     return Bits(set >> (v * kLanes)) & Bits((1ull << kGroupLanes) - 1);
 }
-template <class Set> ZENR_INLINE Set whole(Bits bits, int v) {
-    return Set(bits) << (v * kLanes);
+ZENR_INLINE Set64 whole(Bits bits, int v) {
+    return Set64(bits) << (v * kLanes);
 }
 
 constexpr int kBoxRays = 16;
 
 // Four entries where three would do, so that the two-bit axis numbers of a malformed node or record stay inside.
-template <int Rays> struct Tile {
-    typedef typename SetOf<Rays>::Type Set;
-    static constexpr int kRays = Rays;
-    static constexpr int kVectors = Rays / kLanes;
-    static constexpr int kBoxes = Rays / kBoxRays;
+struct Tile {
+    static constexpr int kRays = 64;
+    static constexpr int kVectors = kRays / kLanes;
+    static constexpr int kBoxes = kRays / kBoxRays;
 
     Floats direction[4][kVectors];
     Floats inverse[4][kVectors]; // reciprocal of the direction, or its stand-in
@@ -50,7 +49,7 @@ template <int Rays> struct Tile {
     Floats best[kVectors]; // running best distance
     Floats weight[2][kVectors];
     Ints triangle[kVectors];
-    Set negative[4]; // rays whose upper child comes first
+    Set64 negative[4]; // rays whose upper child comes first
     // Where the directions of each sixteen rays lie: at most so far from the middle.
     float middle[3][kBoxes], spread[3][kBoxes];
     float low[4], high[4]; // the same of all rays, from and to
@@ -109,8 +108,8 @@ struct Triangle {
     double u, w, num;
 };
 
-template <class Search, class T>
-ZENR_INLINE void load(Triangle& r, const ZenrTriangleAccel& from, int number, const T& tile) {
+template <class Search>
+ZENR_INLINE void load(Triangle& r, const ZenrTriangleAccel& from, int number, const Tile& tile) {
     r.number = number;
     r.k = int(from.axes >> 4) & 3;
     r.a = int(from.axes >> 2) & 3;
@@ -137,8 +136,7 @@ struct Solution {
 };
 
 // The rays of a half that hit the triangle's plane inside it; operation for operation as for one ray.
-template <class Search, int Half, class T>
-ZENR_INLINE Bits inside(const Triangle& r, const T& tile, int v, Solution& s) {
+template <class Search, int Half> ZENR_INLINE Bits inside(const Triangle& r, const Tile& tile, int v, Solution& s) {
     const Doubles dA = toDoubles<Half>(tile.direction[r.a][v]), dB = toDoubles<Half>(tile.direction[r.b][v]),
                   dK = toDoubles<Half>(tile.direction[r.k][v]);
     s.det = all(r.nA) * dA + all(r.nB) * dB + dK;
@@ -248,7 +246,7 @@ ZENR_INLINE void outline(Outline& o, const ZenrTriangleAccel* accel, const int* 
 }
 
 // The triangles that some ray of a box may meet.
-template <class T> ZENR_INLINE Bits mayMeet(const Outline& o, const T& tile, int box) {
+ZENR_INLINE Bits mayMeet(const Outline& o, const Tile& tile, int box) {
     Floats low[3], high[3];
     for (int i = 0; i < 3; ++i) {
         Floats middle = o.factor[i][0] * all(tile.middle[0][box]);
@@ -283,17 +281,17 @@ template <bool Segment> ZENR_INLINE Bits mayBeInside(const Outlines& o, int i, F
 }
 
 // Finds the rays in question of each triangle of a batch; returns the triangles that have any.
-template <bool Segment, class T>
-ZENR_INLINE unsigned quickTest(const ZenrTriangleAccel* accel, const int* list, int count, const T& tile,
-                               typename T::Set active, typename T::Set* inQuestion) {
+template <bool Segment>
+ZENR_INLINE unsigned quickTest(const ZenrTriangleAccel* accel, const int* list, int count, const Tile& tile,
+                               Set64 active, Set64* inQuestion) {
     Outlines outlines;
-    unsigned candidates[T::kBoxes] = {};
+    unsigned candidates[Tile::kBoxes] = {};
     unsigned any = 0;
     for (int first = 0; first < count; first += kLanes) {
         Outline o;
         outline<Segment>(o, accel, list + first, count - first, tile.sharedOrigin, tile.reach, tile.drift);
         unsigned here = 0;
-        for (int box = 0; box < T::kBoxes; ++box) {
+        for (int box = 0; box < Tile::kBoxes; ++box) {
             if (!(active >> (box * kBoxRays) & 0xFFFFu)) continue;
             const unsigned bits = mayMeet(o, tile, box);
             candidates[box] |= bits << first;
@@ -312,13 +310,13 @@ ZENR_INLINE unsigned quickTest(const ZenrTriangleAccel* accel, const int* list, 
     }
     if (!any) return 0;
     for (int i = 0; i < kBatch; ++i) inQuestion[i] = 0;
-    for (int v = 0; v < T::kVectors; ++v) {
+    for (int v = 0; v < Tile::kVectors; ++v) {
         const Bits bits = part(active, v);
         if (!bits) continue;
         const Floats dX = tile.direction[0][v], dY = tile.direction[1][v], dZ = tile.direction[2][v];
         for (unsigned left = candidates[v * kLanes / kBoxRays]; left; left &= left - 1) {
             const int i = __builtin_ctz(left);
-            inQuestion[i] |= whole<typename T::Set>(bits & mayBeInside<Segment>(outlines, i, dX, dY, dZ), v);
+            inQuestion[i] |= whole(bits & mayBeInside<Segment>(outlines, i, dX, dY, dZ), v);
         }
     }
     return any;
@@ -353,7 +351,7 @@ ZENR_INLINE void outline(OwnOutline& o, const ZenrTriangleAccel& r, float reach,
     o.error = fine ? error : __builtin_inff();
 }
 
-template <class T> ZENR_INLINE Bits mayBeInside(const OwnOutline& o, const T& tile, int v) {
+ZENR_INLINE Bits mayBeInside(const OwnOutline& o, const Tile& tile, int v) {
     const ZenrTriangleAccel& r = *o.record;
     const int k = int(r.axes >> 4) & 3, a = int(r.axes >> 2) & 3, b = int(r.axes) & 3;
     const Floats dA = tile.direction[a][v], dB = tile.direction[b][v];
@@ -371,25 +369,23 @@ template <class T> ZENR_INLINE Bits mayBeInside(const OwnOutline& o, const T& ti
     return ~(less(low, all(-o.error)) & less(all(o.error), high)) & kAllLanes;
 }
 
-template <class T>
-ZENR_INLINE unsigned quickTestOwn(const ZenrTriangleAccel* accel, const int* list, int count, const T& tile,
-                                  typename T::Set active, typename T::Set* inQuestion) {
+ZENR_INLINE unsigned quickTestOwn(const ZenrTriangleAccel* accel, const int* list, int count, const Tile& tile,
+                                  Set64 active, Set64* inQuestion) {
     OwnOutline outlines[kBatch];
     for (int i = 0; i < count; ++i) {
         outline(outlines[i], accel[list[i]], tile.reach, tile.away);
         inQuestion[i] = 0;
     }
-    for (int v = 0; v < T::kVectors; ++v) {
+    for (int v = 0; v < Tile::kVectors; ++v) {
         const Bits bits = part(active, v);
         if (!bits) continue;
-        for (int i = 0; i < count; ++i)
-            inQuestion[i] |= whole<typename T::Set>(bits & mayBeInside(outlines[i], tile, v), v);
+        for (int i = 0; i < count; ++i) inQuestion[i] |= whole(bits & mayBeInside(outlines[i], tile, v), v);
     }
     return (1u << count) - 1;
 }
 
 // Tests a triangle for the rays of a vector that `bits` names, and takes its hits; returns them.
-template <class Search, class T> ZENR_INLINE Bits takeHits(const Triangle& r, T& tile, int v, Bits bits) {
+template <class Search> ZENR_INLINE Bits takeHits(const Triangle& r, Tile& tile, int v, Bits bits) {
     Solution low = {}, high = {};
     Bits hit = 0;
     // A half without a ray in question is left out; its results are not looked at.
@@ -442,17 +438,17 @@ ZENR_INLINE void prefetchBelow(const ZenrKDTreeNode* node, const ZenrTriangleAcc
 }
 
 // The rays of a tile, for testRow().
-template <class T> struct TileRays {
-    T& tile;
+struct TileRays {
+    Tile& tile;
 
     ZENR_INLINE float& bestOf(int ray) const { return reinterpret_cast<float*>(tile.best)[ray]; }
     ZENR_INLINE Components toward(int ray) const {
         const float* x = reinterpret_cast<const float*>(tile.direction);
-        return componentsOf(x[ray], x[T::kRays + ray], x[2 * T::kRays + ray]);
+        return componentsOf(x[ray], x[Tile::kRays + ray], x[2 * Tile::kRays + ray]);
     }
     ZENR_INLINE Components fromOf(int ray) const {
         const double* x = reinterpret_cast<const double*>(tile.from);
-        return componentsOf(x[ray], x[T::kRays + ray], x[2 * T::kRays + ray]);
+        return componentsOf(x[ray], x[Tile::kRays + ray], x[2 * Tile::kRays + ray]);
     }
     ZENR_INLINE bool passesOver(int ray, int number) const {
         bool over = reinterpret_cast<const int*>(tile.previous)[ray] == number;
@@ -469,9 +465,8 @@ template <class T> struct TileRays {
 };
 
 // Whether a leaf's triangles are better taken side by side than its rays; where both are as good is flat.
-template <class Search, class Set> ZENR_INLINE bool fewFor(Set rays, int triangles) {
-    const int n = sizeof rays > 4 ? __builtin_popcountll(rays) : __builtin_popcount(uint32_t(rays));
-    return kHalf >= 4 && n <= (kOneOrigin<Search> ? kFewShared : triangles + 6);
+template <class Search> ZENR_INLINE bool fewFor(Set64 rays, int triangles) {
+    return kHalf >= 4 && __builtin_popcountll(rays) <= (kOneOrigin<Search> ? kFewShared : triangles + 6);
 }
 
 // The list of a leaf's triangles.
@@ -514,14 +509,13 @@ ZENR_INLINE void prefetchLeaf(const ZenrKDTreeNode* node, const ZenrTriangleAcce
 }
 
 // The triangles of a leaf in list order; returns the rays that may have found one, of segments those that have.
-template <class Search, class T>
-ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, T& tile,
-                                     typename T::Set active) {
+template <class Search>
+ZENR_INLINE Set64 testLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, Tile& tile, Set64 active) {
     const LeafList triangles(leaf);
     const int* list = triangles.list;
     const uint32_t count = triangles.count;
-    const typename T::Set before = active;
-    typename T::Set found = 0;
+    const Set64 before = active;
+    Set64 found = 0;
     constexpr uint32_t kMost = kOneOrigin<Search> ? kBatch : kBatch / 2;
     for (uint32_t done = 0; done < count; done += kMost) {
         const int batch = int(count - done < kMost ? count - done : kMost);
@@ -534,14 +528,14 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
                 Row r;
                 load(r, list + i, batch - i < kHalf ? batch - i : kHalf, accel);
                 if (!Search::kOwnOrigins) share(r, tile.sharedFrom);
-                active &= ~testRow<Search>(r, list + i, TileRays<T>{tile}, active);
+                active &= ~testRow<Search>(r, list + i, TileRays{tile}, active);
             }
             if (!active) break;
             list += batch;
             continue;
         }
         // First the quick test.
-        typename T::Set inQuestion[kBatch];
+        Set64 inQuestion[kBatch];
         unsigned left;
         if constexpr (kOneOrigin<Search>)
             left = quickTest<Search::kSegment>(accel, list, batch, tile, active, inQuestion);
@@ -549,19 +543,19 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
             left = quickTestOwn(accel, list, batch, tile, active, inQuestion);
         for (; left; left &= left - 1) {
             const int i = __builtin_ctz(left);
-            const typename T::Set rays = inQuestion[i] & active;
+            const Set64 rays = inQuestion[i] & active;
             const int j = list[i];
             if (!rays || accel[j].axes == 0) continue;
             Triangle r;
             load<Search>(r, accel[j], j, tile);
-            for (int v = 0; v < T::kVectors; ++v) {
+            for (int v = 0; v < Tile::kVectors; ++v) {
                 const Bits bits = part(rays, v);
                 if (!bits) continue;
                 const Bits hit = takeHits<Search>(r, tile, v, bits);
                 if (Search::kSegment)
-                    active &= ~whole<typename T::Set>(hit, v);
+                    active &= ~whole(hit, v);
                 else
-                    found |= whole<typename T::Set>(hit, v);
+                    found |= whole(hit, v);
             }
         }
         if (Search::kSegment && !active) break;
@@ -571,9 +565,8 @@ ZENR_INLINE typename T::Set testLeaf(const ZenrKDTreeNode* leaf, const ZenrTrian
 }
 
 // Instead, where triangles are only gathered (gather.h).
-template <class T>
-typename T::Set gatherLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, T& tile, typename T::Set active,
-                           const Floats* tmin, const Floats* tmax);
+Set64 gatherLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel* accel, Tile& tile, Set64 active,
+                 const Floats* tmin, const Floats* tmax);
 
 // ---- The walk -----------------------------------------------------------------------------------------------------
 
@@ -599,11 +592,11 @@ struct Bounds {
 };
 
 // False where a ray's interval is reversed: a later search of successive hits may start outside the box.
-template <class Search, class T> ZENR_INLINE bool bound(Bounds& bounds, const T& tile, typename T::Set rays) {
+template <class Search> ZENR_INLINE bool bound(Bounds& bounds, const Tile& tile, Set64 rays) {
     const float inf = __builtin_inff();
     const auto spanOf = [rays, inf](const Floats* x) {
         Floats low = all(inf), high = all(-inf);
-        for (int v = 0; v < T::kVectors; ++v) {
+        for (int v = 0; v < Tile::kVectors; ++v) {
             const Bits bits = part(rays, v);
             if (!bits) continue;
             low = smaller(select(bits, x[v], low), low);
@@ -614,16 +607,16 @@ template <class Search, class T> ZENR_INLINE bool bound(Bounds& bounds, const T&
     // Where no ray of the tile is parallel to an axis or differs in sign, the directions' bounds give the reciprocals'.
     bool same[3];
     for (int k = 0; k < 3; ++k) same[k] = tile.reach < inf && (tile.low[k] > kParallel || tile.high[k] < -kParallel);
-    typename T::Set odd = 0, ordered = 0;
-    for (int v = 0; v < T::kVectors; ++v) {
-        ordered |= whole<typename T::Set>(lessEqual(tile.tmin[v], tile.tmax[v]), v);
+    Set64 odd = 0, ordered = 0;
+    for (int v = 0; v < Tile::kVectors; ++v) {
+        ordered |= whole(lessEqual(tile.tmin[v], tile.tmax[v]), v);
         Bits fine = kAllLanes;
         for (int k = 0; k < 3; ++k) {
             const Floats size = absolute(tile.inverse[k][v]);
             if (!same[k]) fine &= less(Floats{}, size) & less(size, all(inf));
             if (Search::kOwnOrigins) fine &= less(absolute(tile.origin[k][v]), all(inf));
         }
-        odd |= whole<typename T::Set>(~fine & kAllLanes, v);
+        odd |= whole(~fine & kAllLanes, v);
     }
     if (rays & ~ordered) return false;
     const bool usable = !(odd & rays);
@@ -643,7 +636,7 @@ template <class Search, class T> ZENR_INLINE bool bound(Bounds& bounds, const T&
     Floats low[3], high[2];
     low[0] = low[1] = low[2] = all(inf);
     high[0] = high[1] = all(-inf);
-    for (int v = 0; v < T::kVectors; ++v) {
+    for (int v = 0; v < Tile::kVectors; ++v) {
         const Bits bits = part(rays, v);
         const Floats of[3] = {tile.tmin[v], tile.tmax[v], tile.best[v]};
         for (int i = 0; i < 3; ++i) low[i] = smaller(select(bits, of[i], low[i]), low[i]);
@@ -670,10 +663,10 @@ template <class Search> ZENR_INLINE Span crossing(const Bounds& bounds, int axis
 }
 
 // The far child of a node, and the rays that are to visit it, from the node's middles on.
-template <class T> struct Pending {
+struct Pending {
     const ZenrKDTreeNode* node;
-    typename T::Set always; // these did not visit the near child
-    typename T::Set unless; // these did, and stop there if what they found ends before the middle
+    Set64 always; // these did not visit the near child
+    Set64 unless; // these did, and stop there if what they found ends before the middle
     Span tminBounds, tmaxBounds;
     const Floats* tmax;
     int depth; // of the middles
@@ -685,16 +678,16 @@ ZENR_INLINE bool isEmptyLeaf(const ZenrKDTreeNode* node) {
 
 // The rays of a set that go on behind `middle`, because they have found nothing before it. `latest` bounds the middles,
 // `best` the distances.
-template <class Search, class T>
-ZENR_INLINE typename T::Set goOn(const T& tile, typename T::Set rays, const Floats* middle, float latest, float best) {
+template <class Search>
+ZENR_INLINE Set64 goOn(const Tile& tile, Set64 rays, const Floats* middle, float latest, float best) {
     if (latest < best) return rays;
-    typename T::Set on = 0;
-    for (int v = 0; v < T::kVectors; v += kGroup) {
+    Set64 on = 0;
+    for (int v = 0; v < Tile::kVectors; v += kGroup) {
         if (!groupPart(rays, v)) continue;
         Flags by[kGroup];
         for (int i = 0; i < kGroup; ++i)
             by[i] = flagLessEqual(Search::kSegment ? all(1.f) : tile.best[v + i], middle[v + i]);
-        on |= whole<typename T::Set>(~bitsOf(by) & Bits((1ull << kGroupLanes) - 1), v);
+        on |= whole(~bitsOf(by) & Bits((1ull << kGroupLanes) - 1), v);
     }
     on &= rays;
     return on;
@@ -702,12 +695,12 @@ ZENR_INLINE typename T::Set goOn(const T& tile, typename T::Set rays, const Floa
 
 // Walks the tree with rays that agree about near children, each over its interval. False where the caller has to trace
 // these rays one by one: an interval is reversed, or a tree that no builder of ours makes needs a larger stack.
-template <class Search, class T>
-ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, T& tile, typename T::Set rays) {
-    Pending<T> stack[kMaxTreeDepth];
+template <class Search>
+ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel, Tile& tile, Set64 rays) {
+    Pending stack[kMaxTreeDepth];
     // Where each ray goes over from the near to the far child of the nodes on the way here at which some were split: the
     // end of its interval in the one, its beginning in the other.
-    Floats middles[kMaxTreeDepth][T::kVectors];
+    Floats middles[kMaxTreeDepth][Tile::kVectors];
     int pending = 0, depth = 0;
     const Floats* tmin = tile.tmin;
     const Floats* tmax = tile.tmax;
@@ -716,8 +709,8 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
     if (!bound<Search>(bounds, tile, rays)) return false;
     int nearChild[4];
     for (int k = 0; k < 4; ++k) nearChild[k] = (tile.negative[k] & rays) != 0;
-    typename T::Set active = rays;
-    typename T::Set alive = rays; // of segments: not blocked yet
+    Set64 active = rays;
+    Set64 alive = rays; // of segments: not blocked yet
 
     for (;;) {
         while (!(node->w0 & kLeafBit)) {
@@ -737,11 +730,11 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
 
             if (depth == kMaxTreeDepth) return false;
             Floats* const middle = middles[depth];
-            typename T::Set farOnly = 0, nearOnly = 0;
+            Set64 farOnly = 0, nearOnly = 0;
             prefetchBelow(nearer, accel);
             prefetchBelow(farther, accel);
             const Floats tolerance = all(Search::kTolerance);
-            for (int v = 0; v < T::kVectors; v += kGroup) {
+            for (int v = 0; v < Tile::kVectors; v += kGroup) {
                 if (!groupPart(active, v)) continue;
                 Flags far[kGroup], near[kGroup];
                 for (int i = 0; i < kGroup; ++i) {
@@ -752,8 +745,8 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
                     // For a ray of the near child alone this is its tmax, for one of the far child alone its tmin.
                     middle[v + i] = larger(tmin[v + i], smaller(t, tmax[v + i]));
                 }
-                farOnly |= whole<typename T::Set>(bitsOf(far), v);
-                nearOnly |= whole<typename T::Set>(bitsOf(near), v);
+                farOnly |= whole(bitsOf(far), v);
+                nearOnly |= whole(bitsOf(near), v);
             }
             farOnly &= active;
             nearOnly &= active & ~farOnly;
@@ -766,7 +759,7 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
                 continue;
             }
 
-            const typename T::Set both = active & ~farOnly & ~nearOnly;
+            const Set64 both = active & ~farOnly & ~nearOnly;
             const Span middleBounds = {largerOf(bounds.tmin.low, smallerOf(cross.low, bounds.tmax.low)),
                                        largerOf(bounds.tmin.high, smallerOf(cross.high, bounds.tmax.high))};
             ++depth;
@@ -793,7 +786,7 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
         if (pending && node->w1 != 0) {
             prefetchLeaf(stack[pending - 1].node, accel);
         }
-        typename T::Set found;
+        Set64 found;
         if constexpr (Search::kGather)
             found = gatherLeaf(node, accel, tile, active, tmin, tmax);
         else
@@ -808,7 +801,7 @@ ZENR_INLINE bool walk(const ZenrKDTreeNode* node, const ZenrTriangleAccel* accel
         // The interval that a ray searched last ended at the middle of the entry.
         do {
             if (pending == 0) return true;
-            const Pending<T>& next = stack[--pending];
+            const Pending& next = stack[--pending];
             node = next.node;
             depth = next.depth;
             tmin = middles[depth++];
