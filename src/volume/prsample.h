@@ -116,32 +116,32 @@ template <class T> struct SampleKernels {
     RemapRow<T>* remap[kModeCount];
 };
 
-struct AllSampleKernels {
-    SampleKernels<uint8_t> u8;
-    SampleKernels<uint16_t> u16;
-    SampleKernels<float> f32;
-};
-
 namespace sse2 {
-extern const AllSampleKernels kSample;
-}
+extern const SampleKernels<uint8_t> kSample8;
+extern const SampleKernels<uint16_t> kSample16;
+extern const SampleKernels<float> kSample32;
+} // namespace sse2
 namespace avx2 {
-extern const AllSampleKernels kSample;
-}
+extern const SampleKernels<uint8_t> kSample8;
+extern const SampleKernels<uint16_t> kSample16;
+extern const SampleKernels<float> kSample32;
+} // namespace avx2
 namespace avx512 {
-extern const AllSampleKernels kSample;
+extern const SampleKernels<uint8_t> kSample8;
+extern const SampleKernels<uint16_t> kSample16;
+extern const SampleKernels<float> kSample32;
+} // namespace avx512
+inline const SampleKernels<uint8_t>& kernelsFor(Level level, uint8_t) {
+    return pick(level, sse2::kSample8, avx2::kSample8, avx512::kSample8);
 }
-inline const SampleKernels<uint8_t>& kernelsFor(const AllSampleKernels& k, uint8_t) {
-    return k.u8;
+inline const SampleKernels<uint16_t>& kernelsFor(Level level, uint16_t) {
+    return pick(level, sse2::kSample16, avx2::kSample16, avx512::kSample16);
 }
-inline const SampleKernels<uint16_t>& kernelsFor(const AllSampleKernels& k, uint16_t) {
-    return k.u16;
-}
-inline const SampleKernels<float>& kernelsFor(const AllSampleKernels& k, float) {
-    return k.f32;
+inline const SampleKernels<float>& kernelsFor(Level level, float) {
+    return pick(level, sse2::kSample32, avx2::kSample32, avx512::kSample32);
 }
 template <class T> const SampleKernels<T>& sampleKernels(Level level) {
-    return kernelsFor(pick(level, sse2::kSample, avx2::kSample, avx512::kSample), T());
+    return kernelsFor(level, T());
 }
 
 } // namespace zenr

@@ -139,10 +139,10 @@ inline float larger(float a, float b) {
     return a > b ? a : b;
 }
 
-// Base voxels and fractions of a chunk along an axis, as axisBase gives them.
-template <class Real> inline void placeAxis(const double* s, int high, int* base, Real* fraction) {
+// Base voxels and fractions along an axis, as axisBase gives them.
+template <int count, class Real> inline void placeAxis(const double* s, int high, int* base, Real* fraction) {
     const double end = high;
-    for (int x = 0; x < kChunk; ++x) {
+    for (int x = 0; x < count; ++x) {
         const double snapped = s[x] + kSnap;
         const int i = int(snapped);
         base[x] = i < high ? i : high - 1;

@@ -1,19 +1,10 @@
 // Positions of rows side by side: one voxel of each, in registers.
 #pragma once
-#include <immintrin.h>
-
-#include "frame/simd.h"
-#include "volume/prsamplechunk.h"
 #include "volume/prsamplevec.h"
 
 namespace zenr {
 namespace ZENR_LEVEL {
 namespace {
-
-typedef double Doubles __attribute__((vector_size(kSimdBytes)));
-typedef int64_t Flags __attribute__((vector_size(kSimdBytes))); // -1 or 0
-constexpr int kLanes = kSimdBytes / int(sizeof(double));
-constexpr int kParts = kChunk / kLanes;
 
 struct Column {
     Doubles s[3][kParts];
@@ -22,16 +13,7 @@ struct Column {
 // The flags as bits, the first voxel's lowest.
 inline unsigned bitsOf(const Flags* flags) {
     unsigned bits = 0;
-    for (int p = 0; p < kParts; ++p) {
-#if defined(ZENR_LEVEL_avx512)
-        const unsigned part = _mm512_movepi64_mask(__m512i(flags[p]));
-#elif defined(ZENR_LEVEL_avx2)
-        const unsigned part = unsigned(_mm256_movemask_pd(__m256d(flags[p])));
-#else
-        const unsigned part = unsigned(_mm_movemask_pd(__m128d(flags[p])));
-#endif
-        bits |= part << (p * kLanes);
-    }
+    for (int p = 0; p < kParts; ++p) bits |= bitsOf(flags[p]) << (p * kLanes);
     return bits;
 }
 
@@ -42,11 +24,9 @@ inline void move(Column* at, const double advance[3]) {
 
 enum class Whereabouts { inside, edge, outside };
 
-// Of this and the next columns, `count` in all. The last one is estimated, so near the box's edges nothing is said;
-// nor up to `rim` before its ends.
+// Of this and the next columns, `count` in all. The last one is estimated, so near the box's edges nothing is said.
 template <class T>
-inline Whereabouts whereabouts(const SampleSource<T>& src, const Column& at, const double advance[3], int count,
-                               double rim) {
+inline Whereabouts whereabouts(const SampleSource<T>& src, const Column& at, const double advance[3], int count) {
     constexpr double kSlack = 9.094947017729282e-13; // 2^-40; rounding makes up 2^-46 at the most
     Flags in[kParts], out[kParts];
     for (int p = 0; p < kParts; ++p) in[p] = ~Flags{}, out[p] = Flags{};
@@ -56,7 +36,7 @@ inline Whereabouts whereabouts(const SampleSource<T>& src, const Column& at, con
             const Doubles a = at.s[k][p], b = a + way;
             const Doubles slack = ((a < 0 ? -a : a) + (b < 0 ? -b : b)) * kSlack;
             const Doubles least = (a < b ? a : b) - slack, most = (a < b ? b : a) + slack;
-            in[p] &= (least >= low) & (most + rim <= high);
+            in[p] &= (least >= low) & (most <= high);
             out[p] |= (most < low) | (least > high);
         }
     }
@@ -79,73 +59,68 @@ template <class T> inline unsigned putInside(const SampleSource<T>& src, Column*
     return bitsOf(out);
 }
 
-#if defined(ZENR_LEVEL_avx512)
-// Whole numbers as doubles: offsets are exact in them, and cost one conversion.
-inline __m512d whole(__m512d s, double add) {
-    return _mm512_roundscale_pd(_mm512_add_pd(s, _mm512_set1_pd(add)), _MM_FROUND_TO_ZERO);
-}
-template <class T> inline __m512d planeOffset(const SampleSource<T>& src, const Column& at, double add, int part) {
-    return _mm512_fmadd_pd(whole(at.s[1][part], add), _mm512_set1_pd(double(src.step)), whole(at.s[0][part], add));
+// Columns are sampled several at a time, in two stages: all of them are placed before the first voxel is fetched, so that
+// no load waits for an address that was just computed. More of them would drive source voxels out of the first cache.
+constexpr int kColumns = 4;
+
+// Where the voxels of a column are: how far from the start of a regular source's first plane, or of which plane.
+struct Places {
+    alignas(64) int offset[kChunk];
+    alignas(64) int plane[kChunk]; // of sources that are not regular
+};
+
+#if defined(ZENR_WIDE)
+// For whole numbers as doubles, in which offsets are exact and cost one conversion.
+template <class T> ZENR_INLINE void locate(const SampleSource<T>& src, const Doubles (*at)[kParts], Places* places) {
+    const Doubles step = Doubles{} + double(src.step), planeStep = Doubles{} + src.planeStep;
+    const auto flat = [&](int p) { return multiplyAdd(at[1][p], step, at[0][p]); };
+    const auto deep = [&](int p) { return multiplyAdd(at[2][p] - src.low[2], planeStep, flat(p)); };
+    const auto store = [](Ints v, int* to) { __builtin_memcpy(to, &v, sizeof v); };
+    for (int p = 0; p < kParts; p += 2) {
+        if (src.regular) {
+            store(integers(deep(p), deep(p + 1)), &places->offset[p * kLanes]);
+        } else {
+            store(integers(flat(p), flat(p + 1)), &places->offset[p * kLanes]);
+            store(integers(at[2][p], at[2][p + 1]), &places->plane[p * kLanes]);
+        }
+    }
 }
 #endif
 
-// Voxels of a regular source at positions that are inside, truncated after an addition: offsets from its first plane.
-template <class T> inline void regularOffsets(const SampleSource<T>& src, const Column& at, double add, int* offset) {
-#if defined(ZENR_LEVEL_avx512)
-    const __m512d planeStep = _mm512_set1_pd(src.planeStep), low = _mm512_set1_pd(src.low[2]);
-    const auto half = [&](int part) {
-        return _mm512_cvttpd_epi32(
-            _mm512_fmadd_pd(_mm512_sub_pd(whole(at.s[2][part], add), low), planeStep, planeOffset(src, at, add, part)));
-    };
-    _mm512_store_si512(offset, both(half(0), half(1)));
+// Of positions that are inside, truncated after an addition.
+template <class T> inline void locate(const SampleSource<T>& src, const Column& at, double add, Places* places) {
+#if defined(ZENR_WIDE)
+    Doubles whole[3][kParts];
+    for (int k = 0; k < 3; ++k)
+        for (int p = 0; p < kParts; ++p) whole[k][p] = truncated(at.s[k][p] + add);
+    locate(src, whole, places);
 #else
     alignas(64) double s[3][kChunk];
     __builtin_memcpy(s, &at, sizeof s);
     const int step = int(src.step), planeStep = src.planeStep, low = src.low[2];
-    for (int x = 0; x < kChunk; ++x)
-        offset[x] = (int(s[2][x] + add) - low) * planeStep + int(s[1][x] + add) * step + int(s[0][x] + add);
-#endif
-    stageDone();
-}
-// And of any: planes, and offsets from where they start.
-template <class T>
-inline void planeOffsets(const SampleSource<T>& src, const Column& at, double add, int* plane, int* offset) {
-#if defined(ZENR_LEVEL_avx512)
-    const auto planes = [&](int part) { return _mm512_cvttpd_epi32(whole(at.s[2][part], add)); };
-    const auto flat = [&](int part) { return _mm512_cvttpd_epi32(planeOffset(src, at, add, part)); };
-    _mm512_store_si512(plane, both(planes(0), planes(1)));
-    _mm512_store_si512(offset, both(flat(0), flat(1)));
-#else
-    alignas(64) double s[3][kChunk];
-    __builtin_memcpy(s, &at, sizeof s);
-    const int step = int(src.step);
     for (int x = 0; x < kChunk; ++x) {
-        plane[x] = int(s[2][x] + add);
-        offset[x] = int(s[1][x] + add) * step + int(s[0][x] + add);
+        const int flat = int(s[1][x] + add) * step + int(s[0][x] + add), plane = int(s[2][x] + add);
+        places->offset[x] = src.regular ? (plane - low) * planeStep + flat : flat;
+        places->plane[x] = plane;
     }
 #endif
-    stageDone();
 }
 
 // Voxels by the definition: those of a mask.
 template <class Policy, class T>
-__attribute__((noinline)) void redoColumn(const SampleSource<T>& src, Column at, unsigned mask, T* out) {
+__attribute__((noinline)) void redoColumn(const SampleSource<T>& src, const Column& at, unsigned mask, T* out) {
     alignas(64) double s[3][kChunk];
     __builtin_memcpy(s, &at, sizeof s);
     redo<Policy>(src, {{s[0], s[1], s[2]}}, mask, out);
 }
 
 // Asks for voxels that will be needed when this slice is done: of every fourth position, as a line serves several
-// columns, and which of them changes from column to column.
-struct Ahead {
-    ptrdiff_t by; // 0: for none
-    int column;
-};
+// columns, and which of them changes from column to column. Inlined, because the compiler drops calls that only ask.
 constexpr int kAskEvery = 4;
-template <class T> inline void ask(const T* origin, const int* offset, Ahead ahead) {
-    if (!ahead.by) return;
-    const T* const at = origin + ahead.by;
-    for (int x = ahead.column % kAskEvery; x < kChunk; x += kAskEvery) __builtin_prefetch(at + offset[x]);
+template <class T> ZENR_INLINE void ask(const T* origin, const int* offset, int count, ptrdiff_t ahead, int column) {
+    if (!ahead) return;
+    const T* const at = origin + ahead;
+    for (int x = column % kAskEvery; x < count; x += kAskEvery) __builtin_prefetch(at + offset[x]);
 }
 
 } // namespace

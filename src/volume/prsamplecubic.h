@@ -71,10 +71,10 @@ template <int mode, class Number, class Real> inline void weightPolynomials(Real
 
 inline constexpr double kWeightError = 1.7763568394002505e-15; // 2^-49
 
-// Cubic weights of a chunk along an axis, each rounded to float. `error` grows by what the roundings leave open: the
+// Cubic weights of voxels along an axis, each rounded to float. `error` grows by what the roundings leave open: the
 // weights defined differ from these by no more, all four together.
-template <int mode> inline void weighAxis(const double* fraction, double (*w)[kChunk], double* error) {
-    for (int x = 0; x < kChunk; ++x) {
+template <int mode, int count> inline void weighAxis(const double* fraction, double (*w)[count], double* error) {
+    for (int x = 0; x < count; ++x) {
         const double f = float(fraction[x]);
         double v[4];
         weightPolynomials<mode, double>(f, v);
@@ -161,8 +161,8 @@ template <class T, int mode> struct Cubic {
             alignas(64) double f[kChunk], w[4][kChunk], error[kChunk] = {};
             alignas(64) Real tap[4][kChunk];
             alignas(64) float most[kChunk] = {};
-            placeAxis(run.x + x, src.high[0], base, f);
-            weighAxis<mode>(f, w, error);
+            placeAxis<kChunk>(run.x + x, src.high[0], base, f);
+            weighAxis<mode, kChunk>(f, w, error);
             stageDone();
             for (int i = 0; i < kChunk; ++i) {
                 const int at = base[i] - 1 - run.first;
@@ -237,22 +237,27 @@ template <class T, int mode> struct Cubic {
     }
 
     static constexpr bool kFloats = false;
-    static void column(const SampleSource<T>& src, const Column& at, Ahead ahead, T* out) {
-        alignas(64) double s[3][kChunk];
-        __builtin_memcpy(s, &at, sizeof s);
-        chunk(src, {s[0], s[1], s[2]}, ahead, out);
+    static void columns(const SampleSource<T>& src, const Column* at, int count, [[maybe_unused]] ptrdiff_t ahead,
+                        T (*out)[kChunk]) {
+        for (int c = 0; c < count; ++c) {
+            alignas(64) double s[3][kChunk];
+            __builtin_memcpy(s, &at[c], sizeof s);
+#if defined(ZENR_WIDE)
+            for (int x = 0; x < kChunk; x += kWide) sample(src, {s[0] + x, s[1] + x, s[2] + x}, ahead, c, out[c] + x);
+#else
+            chunk(src, {s[0], s[1], s[2]}, out[c]);
+#endif
+        }
     }
 
-    static void chunk(const SampleSource<T>& src, const Positions& at, [[maybe_unused]] Ahead ahead, T* out) {
-#if defined(ZENR_LEVEL_avx512)
-        return chunk16(src, at, ahead, out);
-#endif
+#if !defined(ZENR_WIDE)
+    static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
         alignas(64) int base[3][kChunk];
         alignas(64) double f[3][kChunk], error[kChunk] = {};
         Weights weights;
         for (int k = 0; k < 3; ++k) {
-            placeAxis(at.s[k], src.high[k], base[k], f[k]);
-            weighAxis<mode>(f[k], weights.w[k], error);
+            placeAxis<kChunk>(at.s[k], src.high[k], base[k], f[k]);
+            weighAxis<mode, kChunk>(f[k], weights.w[k], error);
         }
         stageDone();
         alignas(64) Real sums[kChunk];
@@ -273,136 +278,125 @@ template <class T, int mode> struct Cubic {
         if (__builtin_expect(any != 0, 0)) redo<Cubic>(src, at, maskOf(doubt), out);
     }
 
-#if defined(ZENR_LEVEL_avx512)
-    // The same in whole registers.
-    static void chunk16(const SampleSource<T>& src, const Positions& at, Ahead ahead, T* out) {
-        alignas(64) int base[3][kChunk];
-        alignas(64) T copied[kChunk][64];
-        Taps16<T> taps;
-        __m512i flat = _mm512_setzero_si512();
-        __mmask16 edge = src.regular ? 0 : 0xFFFF;
-        Real16 fraction[3];
+#else
+    // The same for a register of voxels.
+    static void sample(const SampleSource<T>& src, const Positions& at, ptrdiff_t ahead, int column, T* out) {
+        alignas(64) int base[3][kWide];
+        alignas(64) T copied[kWide][64];
+        WideTaps<T> taps;
+        Ints flat = {}, edge = Ints{} - !src.regular;
+        Wide fraction[3];
         const int steps[3] = {1, int(src.step), src.planeStep}, origin[3] = {0, 0, src.low[2]};
         for (int k = 0; k < 3; ++k) {
-            const auto placed = place16<Floats16>(at.s[k], src.high[k], kSnap);
-            edge |= _mm512_cmple_epi32_mask(placed.base, _mm512_set1_epi32(src.low[k])) |
-                    _mm512_cmpge_epi32_mask(placed.base, _mm512_set1_epi32(src.high[k] - 1));
-            const __m512i from = _mm512_sub_epi32(placed.base, _mm512_set1_epi32(origin[k] + 1));
-            flat = _mm512_add_epi32(flat, _mm512_mullo_epi32(from, _mm512_set1_epi32(steps[k])));
-            _mm512_store_si512(base[k], placed.base);
-            fraction[k] = Real16::of(placed.fraction.v);
+            const auto axis = placed<WideFloats>(at.s[k], src.high[k]);
+            edge |= (axis.base <= src.low[k]) | (axis.base >= src.high[k] - 1);
+            flat += (axis.base - (origin[k] + 1)) * steps[k];
+            __builtin_memcpy(base[k], &axis.base, sizeof axis.base);
+            fraction[k] = Wide::of(axis.fraction.v);
         }
-        _mm512_store_si512(taps.offset, flat);
+        __builtin_memcpy(taps.offset, &flat, sizeof flat);
         for (auto& group : taps.group) group = {src.planes[src.low[2]], src.step, src.planeStep};
         stageDone();
-        ask(src.planes[src.low[2]], taps.offset, ahead);
-        if (__builtin_expect(edge != 0, 0)) copyEdges(src, base, edge, copied, &taps);
+        ask(src.planes[src.low[2]], taps.offset, kWide, ahead, column);
+        const unsigned edges = bitsOf(edge);
+        if (__builtin_expect(edges != 0, 0)) copyEdges(src, base, edges, copied, &taps);
         unsigned doubt;
         if constexpr (sizeof(T) == 1) {
-            Rows16 rows;
+            TapRows rows;
             stageDone();
-            collectRows16(taps, &rows);
+            collectRows(taps, &rows);
             stageDone();
-            Float16 w[3][4];
-            for (int k = 0; k < 3; ++k) weightPolynomials<mode, float>(Float16(fraction[k].v), w[k]);
-            const __m512 sum = sumRows16(rows, RowWeights16(w[0]), w[1], w[2]);
-            doubt = settle16(out, {_mm512_mul_ps(sum, _mm512_set1_ps(kRowUnit))}, all16(kErrorOf8), float(kHalfUp));
+            Floats w[3][4];
+            for (int k = 0; k < 3; ++k) weightPolynomials<mode, float>(fraction[k].v, w[k]);
+            const Floats sum = sumOfRows(rows, RowWeights(w[0]), w[1], w[2]);
+            doubt = settle(out, {sum * kRowUnit}, Wide::all(kErrorOf8));
         } else {
-            DoubleWeights16 weights;
-            Columns16 columns;
-            alignas(64) double open[kChunk] = {};
+            WideWeights weights;
+            TapColumns columns;
+            alignas(64) double open[kWide] = {};
             unsigned apart = 0;
             for (int k = 0; k < 3; ++k)
-                apart |= weigh8(fraction[k].low, weights.w[k], 0) | weigh8(fraction[k].high, weights.w[k], 8);
+                apart |= weigh(fraction[k].low, weights.w[k], 0) | weigh(fraction[k].high, weights.w[k], kLanes);
             if (__builtin_expect(apart != 0, 0)) weighOpen(src, at, weights.w, open);
             stageDone();
-            sumColumns16(taps, weights.w, &columns);
+            sumColumns(taps, weights.w, &columns);
             stageDone();
-            const Doubles16 sum = {sumRows8(columns.sum, weights.w[0], 0), sumRows8(columns.sum + 8, weights.w[0], 8)};
-            const Doubles16 gap = {_mm512_load_pd(open), _mm512_load_pd(open + 8)};
-            const auto add = [](double scale, Doubles16 gap, double least) {
-                return Doubles16{_mm512_fmadd_pd(gap.low, _mm512_set1_pd(scale), _mm512_set1_pd(least)),
-                                 _mm512_fmadd_pd(gap.high, _mm512_set1_pd(scale), _mm512_set1_pd(least))};
-            };
+            const Wide sum = {sumRows(columns.sum, weights.w[0], 0), sumRows(columns.sum, weights.w[0], kLanes)};
+            Doubles gap[2];
+            __builtin_memcpy(gap, open, sizeof gap);
             if constexpr (sizeof(T) == 4) {
-                const Doubles16 size = {largest8(columns.size), largest8(columns.size + 8)};
-                const Doubles16 share = add(2, gap, kShare);
-                doubt =
-                    settle16(out, sum, {_mm512_mul_pd(size.low, share.low), _mm512_mul_pd(size.high, share.high)}, 0);
-                const __m512d most = _mm512_set1_pd(kLargest);
-                doubt |= _mm512_cmp_pd_mask(size.low, most, _CMP_NLE_UQ) |
-                         unsigned(_mm512_cmp_pd_mask(size.high, most, _CMP_NLE_UQ)) << 8;
+                const Wide size = {largestOf(columns.size, 0), largestOf(columns.size, kLanes)};
+                doubt = settle(out, sum, {size.low * (gap[0] * 2 + kShare), size.high * (gap[1] * 2 + kShare)});
+                const double most = kLargest;
+                doubt |= bitsOf(size.low > most) | bitsOf(size.high > most) << kLanes;
             } else {
-                doubt = settle16(out, sum, add(131072, gap, kErrorOf16), kHalfUp);
+                doubt = settle(out, sum, {gap[0] * 131072 + kErrorOf16, gap[1] * 131072 + kErrorOf16});
             }
         }
         if (__builtin_expect(doubt != 0, 0)) redo<Cubic>(src, at, doubt, out);
     }
-    using Real16 = typename Real16Of<Real>::Type;
+    using Wide = typename WideOf<Real>::Type;
 
+#if defined(ZENR_LEVEL_avx512)
     // A chunk of a line; false, and nothing done, where roundings of weights are open.
     static bool interpolate16(const SampleSource<T>& src, const Aligned& run, int x, const Real* line,
                               const float* size, T* out) {
-        const auto placed = place16<Floats16>(run.x + x, src.high[0], kSnap);
-        const Real16 fraction = Real16::of(placed.fraction.v);
-        const __m512i at = _mm512_sub_epi32(placed.base, _mm512_set1_epi32(1 + run.first));
+        const auto axis = placed<WideFloats>(run.x + x, src.high[0]);
+        const Wide fraction = Wide::of(axis.fraction.v);
+        const Ints at = axis.base - (1 + run.first);
         unsigned doubt;
         if constexpr (sizeof(T) == 1) {
-            Float16 w[4], tap[4];
-            weightPolynomials<mode, float>(Float16(fraction.v), w);
+            Floats w[4], tap[4];
+            weightPolynomials<mode, float>(fraction.v, w);
             lineTaps<4>(line, at, tap);
-            __m512 sum = __m512(tap[0] * w[0]);
-            for (int t = 1; t < 4; ++t) sum = _mm512_fmadd_ps(__m512(tap[t]), __m512(w[t]), sum);
-            doubt = settle16(out, {sum}, all16(kErrorOfLine8), float(kHalfUp));
+            Floats sum = tap[0] * w[0];
+            for (int t = 1; t < 4; ++t) sum = multiplyAdd(tap[t], w[t], sum);
+            doubt = settle(out, {sum}, Wide::all(kErrorOfLine8));
         } else {
-            alignas(64) double w[4][kChunk];
-            if (weigh8(fraction.low, w, 0) | weigh8(fraction.high, w, 8)) return false;
-            const Doubles16 sum = {sumLine8(line, _mm512_castsi512_si256(at), w, 0),
-                                   sumLine8(line, _mm512_extracti64x4_epi64(at, 1), w, 8)};
+            alignas(64) double w[4][kWide];
+            if (weigh(fraction.low, w, 0) | weigh(fraction.high, w, kLanes)) return false;
+            const Wide sum = {sumLine(line, _mm512_castsi512_si256(__m512i(at)), w, 0),
+                              sumLine(line, _mm512_extracti64x4_epi64(__m512i(at), 1), w, kLanes)};
             if constexpr (sizeof(T) == 4) {
-                Float16 tap[4];
+                Floats tap[4];
                 lineTaps<4>(size, at, tap);
-                const __m512 most = _mm512_max_ps(_mm512_max_ps(__m512(tap[0]), __m512(tap[1])),
-                                                  _mm512_max_ps(__m512(tap[2]), __m512(tap[3])));
-                const __m512d share = _mm512_set1_pd(kShare);
-                doubt = settle16(out, sum,
-                                 {_mm512_mul_pd(firstHalf(most), share), _mm512_mul_pd(secondHalf(most), share)}, 0);
-                doubt |= _mm512_cmp_ps_mask(most, _mm512_set1_ps(kLargest), _CMP_NLE_UQ);
+                const Floats most = larger(larger(tap[0], tap[1]), larger(tap[2], tap[3]));
+                doubt = settle(out, sum, {lowHalf(most) * kShare, highHalf(most) * kShare});
+                doubt |= ~bitsOf(most <= kLargest) & kAll;
             } else {
-                doubt = settle16(out, sum, all16(kErrorOf16), kHalfUp);
+                doubt = settle(out, sum, Wide::all(kErrorOf16));
             }
         }
         if (__builtin_expect(doubt != 0, 0)) redoAligned<Cubic>(src, run, x, doubt, out);
         return true;
     }
+#endif
 
-    static unsigned weigh8(__m512d f, double (*w)[kChunk], int at) {
+    static unsigned weigh(Doubles f, double (*w)[kWide], int at) {
         // As weighAxis has it; but weights of whole positions are known.
-        const __m512d least = _mm512_set1_pd(kWeightError), one = _mm512_set1_pd(1);
-        const __mmask8 between =
-            _mm512_cmp_pd_mask(f, _mm512_setzero_pd(), _CMP_NEQ_OQ) & _mm512_cmp_pd_mask(f, one, _CMP_NEQ_OQ);
-        const __m512d error = _mm512_maskz_max_pd(between, least, _mm512_sub_pd(least, _mm512_add_pd(f, f)));
-        Double8 v[4];
-        weightPolynomials<mode, double>(Double8(f), v);
-        return roundWeights8(v, error, w, at);
+        const Doubles before = kWeightError - (f + f),
+                      error = before > kWeightError ? before : Doubles{} + kWeightError;
+        Doubles v[4];
+        weightPolynomials<mode, double>(f, v);
+        return roundWeights(v, (f != 0) & (f != 1) ? error : Doubles{}, w, at);
     }
 
     // Fractions next to 0 leave many weights open.
     static __attribute__((noinline)) void weighOpen(const SampleSource<T>& src, const Positions& at,
-                                                    double (*w)[4][kChunk], double* open) {
-        alignas(64) int base[kChunk];
-        alignas(64) double f[kChunk];
+                                                    double (*w)[4][kWide], double* open) {
+        alignas(64) int base[kWide];
+        alignas(64) double f[kWide];
         for (int k = 0; k < 3; ++k) {
-            placeAxis(at.s[k], src.high[k], base, f);
-            weighAxis<mode>(f, w[k], open);
+            placeAxis<kWide>(at.s[k], src.high[k], base, f);
+            weighAxis<mode, kWide>(f, w[k], open);
         }
     }
 
     // Groups with voxels whose bits are set take their taps from copies.
-    static __attribute__((noinline)) void copyEdges(const SampleSource<T>& src, const int (*base)[kChunk],
-                                                    unsigned edge, T (*copied)[64], Taps16<T>* taps) {
+    static __attribute__((noinline)) void copyEdges(const SampleSource<T>& src, const int (*base)[kWide], unsigned edge,
+                                                    T (*copied)[64], WideTaps<T>* taps) {
         constexpr unsigned kOne = (1u << kGroup) - 1;
-        for (int g = 0; g < kChunk; g += kGroup) {
+        for (int g = 0; g < kWide; g += kGroup) {
             if (!(edge >> g & kOne)) continue;
             taps->group[g / kGroup] = {copied[0], 4, 16};
             for (int x = g; x < g + kGroup; ++x) {
@@ -421,10 +415,11 @@ template <class T, int mode> struct Cubic {
     // As bound() has it.
     static constexpr double kErrorOf16 = 2e-9;
     static constexpr double kShare = 1.4210854715202004e-14; // 2^-46, of the largest tap
-    static constexpr int kRest = kLineRest;
 #endif
 
-#if !defined(ZENR_LEVEL_avx512)
+#if defined(ZENR_LEVEL_avx512)
+    static constexpr int kRest = kLineRest;
+#else
     static constexpr int kRest = 0;
 #endif
 

@@ -1,48 +1,47 @@
-// Cubic warp and remap in whole registers, at the level that has them wide enough: the weights, taps and sums of sixteen
-// voxels.
+// Cubic warp and remap in whole registers, at the levels that have them wide enough: the weights, taps and sums of a
+// register of voxels.
 //
 // Voxels lie side by side in a register wherever numbers are their own. Only taps in double are four neighbours of one
 // voxel: their conversion from memory costs no more than a load. So y and z are summed first, voxel by voxel, and the
-// four columns that remain are turned over to sixteen voxels for the sum along x.
+// four columns that remain are turned over to voxels side by side for the sum along x.
 #pragma once
 #include "volume/prsampleline.h"
 
-#if defined(ZENR_LEVEL_avx512)
+#if defined(ZENR_WIDE)
 namespace zenr {
-namespace avx512 {
+namespace ZENR_LEVEL {
 namespace {
 
-// The weights of a chunk, by axis and tap. Those of x are apart for 8-bit voxels, which take them as integers.
-struct alignas(64) DoubleWeights16 {
-    double w[3][4][16];
+// Weights by axis and tap. 8-bit voxels have theirs in registers.
+struct alignas(64) WideWeights {
+    double w[3][4][kWide];
 };
 
-// Rounds four weights of eight voxels to float, which differ from the weights defined by less than `error`. The result is
-// a mask of those voxels whose rounding that leaves open.
-inline __mmask8 roundWeights8(const Double8 v[4], __m512d error, double (*w)[16], int at) {
+// Rounds four weights of a register of voxels to float, which differ from the weights defined by less than `error`. The
+// result is the bits of those voxels whose rounding that leaves open.
+inline unsigned roundWeights(const Doubles v[4], Doubles error, double (*w)[kWide], int at) {
     constexpr long long kUnit = 1LL << 29; // of a float's last place, in those of a double
-    const __m512i half = _mm512_set1_epi64(kUnit / 2), keep = _mm512_set1_epi64(-kUnit);
     // Neither end of the interval is -0 where the error is 0.
-    const __m512d back = _mm512_sub_pd(_mm512_setzero_pd(), error);
-    __m512i apart = _mm512_setzero_si512();
+    const Doubles back = 0 - error;
+    Flags apart = {};
     for (int t = 0; t < 4; ++t) {
-        const __m512i low = _mm512_add_epi64(_mm512_castpd_si512(_mm512_add_pd(__m512d(v[t]), back)), half);
-        const __m512i high = _mm512_add_epi64(_mm512_castpd_si512(_mm512_add_pd(__m512d(v[t]), error)), half);
-        _mm512_store_si512(&w[t][at], _mm512_and_si512(high, keep));
-        apart = _mm512_ternarylogic_epi64(apart, low, high, 0xF6); // apart | (low ^ high)
+        const Flags low = (Flags)(v[t] + back) + kUnit / 2, high = (Flags)(v[t] + error) + kUnit / 2;
+        const Flags rounded = high & -kUnit;
+        __builtin_memcpy(&w[t][at], &rounded, sizeof rounded);
+        apart |= low ^ high;
     }
-    return _mm512_test_epi64_mask(apart, keep);
+    return bitsOf((apart & -kUnit) != 0);
 }
 
-// Where the taps of a chunk are. Voxel x's first is at first + offset[x] of its group of four voxels.
+// Where the taps of a register of voxels are. Voxel x's first is at first + offset[x] of its group of four voxels.
 constexpr int kGroup = 4;
 template <class T> struct TapGroup {
     const T* first;
     ptrdiff_t step, planeStep;
 };
-template <class T> struct alignas(64) Taps16 {
-    int offset[16];
-    TapGroup<T> group[16 / kGroup];
+template <class T> struct alignas(64) WideTaps {
+    int offset[kWide];
+    TapGroup<T> group[kWide / kGroup];
 };
 
 // Which of four voxels in memory are a row's taps, as bytes to shuffle: where the first, none or the last tap lies beyond
@@ -99,20 +98,33 @@ template <class T> inline void copyTaps(const SampleSource<T>& src, const int ba
 }
 
 // Voxel by voxel, the four columns of taps along x, summed up in y and z.
-struct alignas(64) Columns16 {
-    double sum[16][4];
-    double size[16][4]; // the largest tap, of 32f
+struct alignas(64) TapColumns {
+    double sum[kWide][4];
+    double size[kWide][4]; // the largest tap, of 32f
 };
 
 inline __m256d fourDoubles(const uint16_t* p) {
-    return _mm256_cvtepi64_pd(_mm256_cvtepu16_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
+    const __m128i words = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+#if defined(ZENR_LEVEL_avx512)
+    return _mm256_cvtepi64_pd(_mm256_cvtepu16_epi64(words));
+#else
+    return _mm256_cvtepi32_pd(_mm_cvtepu16_epi32(words));
+#endif
 }
 inline __m256d fourDoubles(const float* p) {
     return _mm256_cvtps_pd(_mm_loadu_ps(p));
 }
+// The larger in size, as a size; b where a is no number.
+inline __m256d largerSize(__m256d a, __m256d b) {
+#if defined(ZENR_LEVEL_avx512)
+    return _mm256_range_pd(a, b, 0xB);
+#else
+    return _mm256_max_pd(_mm256_andnot_pd(_mm256_set1_pd(-0.), a), b);
+#endif
+}
 
-template <class T> inline void sumColumns16(const Taps16<T>& taps, const double (*w)[4][16], Columns16* columns) {
-    for (int x = 0; x < 16; ++x) {
+template <class T> inline void sumColumns(const WideTaps<T>& taps, const double (*w)[4][kWide], TapColumns* columns) {
+    for (int x = 0; x < kWide; ++x) {
         const TapGroup<T>& group = taps.group[x / kGroup];
         const ptrdiff_t step = group.step;
         const T* p = group.first + taps.offset[x];
@@ -120,7 +132,7 @@ template <class T> inline void sumColumns16(const Taps16<T>& taps, const double 
         for (int j = 0; j < 4; ++j) wy[j] = _mm256_broadcast_sd(&w[1][j][x]);
         const auto tap = [&](const T* q) {
             const __m256d v = fourDoubles(q);
-            if constexpr (sizeof(T) == 4) size = _mm256_range_pd(v, size, 0xB); // the larger in size, as a size
+            if constexpr (sizeof(T) == 4) size = largerSize(v, size);
             return v;
         };
         for (int k = 0; k < 4; ++k, p += group.planeStep) {
@@ -136,65 +148,89 @@ template <class T> inline void sumColumns16(const Taps16<T>& taps, const double 
     }
 }
 
-// The sums of eight voxels along x.
-inline __m512d sumRows8(const double (*columns)[4], const double (*w)[16], int at) {
+// Four numbers of each of a register of voxels, turned over.
+ZENR_INLINE void turnOver(const double (*rows)[4], Doubles* column) {
+#if defined(ZENR_LEVEL_avx512)
     const __m512i first = _mm512_setr_epi64(0, 4, 8, 12, 1, 5, 9, 13);
     const __m512i last = _mm512_setr_epi64(2, 6, 10, 14, 3, 7, 11, 15);
-    const __m512d a = _mm512_load_pd(columns[0]), b = _mm512_load_pd(columns[2]), c = _mm512_load_pd(columns[4]),
-                  d = _mm512_load_pd(columns[6]);
+    const __m512d a = _mm512_load_pd(rows[0]), b = _mm512_load_pd(rows[2]), c = _mm512_load_pd(rows[4]),
+                  d = _mm512_load_pd(rows[6]);
     const __m512d ab = _mm512_permutex2var_pd(a, first, b), cd = _mm512_permutex2var_pd(c, first, d),
                   ef = _mm512_permutex2var_pd(a, last, b), gh = _mm512_permutex2var_pd(c, last, d);
-    __m512d sum = _mm512_mul_pd(_mm512_shuffle_f64x2(ab, cd, 0x44), _mm512_load_pd(w[0] + at));
-    sum = _mm512_fmadd_pd(_mm512_shuffle_f64x2(ab, cd, 0xEE), _mm512_load_pd(w[1] + at), sum);
-    sum = _mm512_fmadd_pd(_mm512_shuffle_f64x2(ef, gh, 0x44), _mm512_load_pd(w[2] + at), sum);
-    return _mm512_fmadd_pd(_mm512_shuffle_f64x2(ef, gh, 0xEE), _mm512_load_pd(w[3] + at), sum);
+    column[0] = (Doubles)_mm512_shuffle_f64x2(ab, cd, 0x44);
+    column[1] = (Doubles)_mm512_shuffle_f64x2(ab, cd, 0xEE);
+    column[2] = (Doubles)_mm512_shuffle_f64x2(ef, gh, 0x44);
+    column[3] = (Doubles)_mm512_shuffle_f64x2(ef, gh, 0xEE);
+#else
+    const __m256d a = _mm256_load_pd(rows[0]), b = _mm256_load_pd(rows[1]), c = _mm256_load_pd(rows[2]),
+                  d = _mm256_load_pd(rows[3]);
+    const __m256d ab = _mm256_unpacklo_pd(a, b), cd = _mm256_unpacklo_pd(c, d), ef = _mm256_unpackhi_pd(a, b),
+                  gh = _mm256_unpackhi_pd(c, d);
+    column[0] = (Doubles)_mm256_permute2f128_pd(ab, cd, 0x20);
+    column[1] = (Doubles)_mm256_permute2f128_pd(ef, gh, 0x20);
+    column[2] = (Doubles)_mm256_permute2f128_pd(ab, cd, 0x31);
+    column[3] = (Doubles)_mm256_permute2f128_pd(ef, gh, 0x31);
+#endif
 }
 
-// The largest of each of eight voxels' four sizes.
-inline __m512d largest8(const double (*size)[4]) {
-    const auto larger = [](__m512d a, __m512d b) { return _mm512_range_pd(a, b, 0xB); };
-    const auto halves = [&](const double(*s)[4]) {
-        const __m512d a = _mm512_load_pd(s[0]), b = _mm512_load_pd(s[2]);
-        return larger(_mm512_unpacklo_pd(a, b), _mm512_unpackhi_pd(a, b));
-    };
-    const __m512d a = halves(size), b = halves(size + 4);
-    const __m512d mixed = larger(_mm512_shuffle_f64x2(a, b, 0x88), _mm512_shuffle_f64x2(a, b, 0xDD));
-    return _mm512_permutexvar_pd(_mm512_setr_epi64(0, 2, 1, 3, 4, 6, 5, 7), mixed);
+ZENR_INLINE Doubles weighted(const Doubles tap[4], const double (*w)[kWide], int at) {
+    Doubles weight[4];
+    for (int t = 0; t < 4; ++t) __builtin_memcpy(&weight[t], &w[t][at], sizeof weight[t]);
+    Doubles sum = tap[0] * weight[0];
+    for (int t = 1; t < 4; ++t) sum = multiplyAdd(tap[t], weight[t], sum);
+    return sum;
+}
+// The sums of kLanes voxels along x.
+inline Doubles sumRows(const double (*columns)[4], const double (*w)[kWide], int at) {
+    Doubles tap[4];
+    turnOver(columns + at, tap);
+    return weighted(tap, w, at);
+}
+// The largest of each of their four sizes, none of which is less than 0.
+inline Doubles largestOf(const double (*size)[4], int at) {
+    Doubles tap[4];
+    turnOver(size + at, tap);
+    const auto more = [](Doubles a, Doubles b) ZENR_INLINED { return a > b ? a : b; };
+    return more(more(tap[0], tap[1]), more(tap[2], tap[3]));
 }
 
-// ---- 8 bit: the four taps of a row are one number of 32 bits, so that all stages take sixteen voxels side by side. ----
+// ---- 8 bit: the four taps of a row are one number of 32 bits, so that all stages take voxels side by side. ----
 
 // Rows along x are summed in integers: weights in two pieces of 15 bits, of taps 0 and 2, and 1 and 3.
 constexpr int kPiece = 15;
 constexpr float kWhole = 1 << 29;           // weight 1, in units of the lower piece
 constexpr float kRowUnit = 1.f / (1 << 21); // of the sums of rows
-struct RowWeights16 {
-    __m512i upper[2], lower[2];
-    explicit RowWeights16(const Float16 w[4]) {
-        const __m512i odd = _mm512_set1_epi32(int(0xFFFF0000u)), low = _mm512_set1_epi16((1 << kPiece) - 1);
+ZENR_INLINE Ints nearestInts(Floats v) {
+#if defined(ZENR_LEVEL_avx512)
+    return (Ints)_mm512_cvtps_epi32(__m512(v));
+#else
+    return (Ints)_mm256_cvtps_epi32(__m256(v));
+#endif
+}
+struct RowWeights {
+    Ints upper[2], lower[2];
+    explicit RowWeights(const Floats w[4]) {
+        const Ints odd = Ints{} + int(0xFFFF0000u), low = Ints{} + ((1 << kPiece) - 1) * 0x10001;
         for (int t = 0; t < 2; ++t) {
-            const __m512i a = _mm512_cvtps_epi32(__m512(w[t] * kWhole)),
-                          b = _mm512_cvtps_epi32(__m512(w[t + 2] * kWhole));
-            const auto pair = [&](__m512i first, __m512i second) { // odd ? second : first
-                return _mm512_ternarylogic_epi32(odd, second, first, 0xCA);
-            };
-            upper[t] = pair(_mm512_srai_epi32(a, kPiece), _mm512_slli_epi32(b, 16 - kPiece));
-            lower[t] = _mm512_and_si512(pair(a, _mm512_slli_epi32(b, 16)), low);
+            const Ints a = nearestInts(w[t] * kWhole), b = nearestInts(w[t + 2] * kWhole);
+            const auto pair = [&](Ints first, Ints second) { return (first & ~odd) | (second & odd); };
+            upper[t] = pair(a >> kPiece, b << (16 - kPiece));
+            lower[t] = pair(a, b << 16) & low;
         }
     }
 };
 
-// Rows of four taps: by row, of sixteen voxels.
-struct alignas(64) Rows16 {
-    int tap[16][16];
+// Rows of four taps: by row.
+struct alignas(64) TapRows {
+    int tap[16][kWide];
 };
 inline int fourBytes(const uint8_t* p) {
     int v;
     __builtin_memcpy(&v, p, 4);
     return v;
 }
-inline void collectRows16(const Taps16<uint8_t>& taps, Rows16* rows) {
-    for (int x = 0; x < 16; x += kGroup) {
+inline void collectRows(const WideTaps<uint8_t>& taps, TapRows* rows) {
+    for (int x = 0; x < kWide; x += kGroup) {
         const TapGroup<uint8_t>& group = taps.group[x / kGroup];
         const ptrdiff_t step = group.step, planeStep = group.planeStep;
         const int* const offset = &taps.offset[x];
@@ -212,37 +248,35 @@ inline void collectRows16(const Taps16<uint8_t>& taps, Rows16* rows) {
 }
 
 // In units of kRowUnit.
-inline __m512 sumRows16(const Rows16& rows, const RowWeights16& wx, const Float16 wy[4], const Float16 wz[4]) {
-    const __m512i even = _mm512_set1_epi16(0xFF);
-    __m512 total = _mm512_setzero_ps();
+inline Floats sumOfRows(const TapRows& rows, const RowWeights& wx, const Floats wy[4], const Floats wz[4]) {
+    using Pieces = Simd<kSimdBytes>;
+    const auto madd = [](Ints a, Ints b) ZENR_INLINED { return (Ints)Pieces::madd((Pieces::I16)a, (Pieces::I16)b); };
+    Floats total = {};
     for (int k = 0; k < 4; ++k) {
-        __m512 sum = _mm512_setzero_ps();
+        Floats sum = {};
         for (int j = 0; j < 4; ++j) {
-            const __m512i v = _mm512_load_si512(rows.tap[4 * k + j]);
-            const __m512i a = _mm512_and_si512(v, even), b = _mm512_srli_epi16(v, 8);
-            const __m512i upper =
-                _mm512_add_epi32(_mm512_madd_epi16(a, wx.upper[0]), _mm512_madd_epi16(b, wx.upper[1]));
-            const __m512i lower =
-                _mm512_add_epi32(_mm512_madd_epi16(a, wx.lower[0]), _mm512_madd_epi16(b, wx.lower[1]));
-            const __m512i row = _mm512_add_epi32(_mm512_slli_epi32(upper, 7), _mm512_srai_epi32(lower, 8));
-            sum = _mm512_fmadd_ps(_mm512_cvtepi32_ps(row), __m512(wy[j]), sum);
+            Ints v;
+            __builtin_memcpy(&v, rows.tap[4 * k + j], sizeof v);
+            const Ints a = v & 0x00FF00FF, b = (Ints)((HalfWords)v >> 8);
+            const Ints upper = madd(a, wx.upper[0]) + madd(b, wx.upper[1]);
+            const Ints lower = madd(a, wx.lower[0]) + madd(b, wx.lower[1]);
+            sum = multiplyAdd(__builtin_convertvector((upper << 7) + (lower >> 8), Floats), wy[j], sum);
         }
-        total = _mm512_fmadd_ps(sum, __m512(wz[k]), total);
+        total = multiplyAdd(sum, wz[k], total);
     }
     return total;
 }
 
-// ---- Lines. ----
-
-inline __m512d sumLine8(const double* line, __m256i at, const double (*w)[16], int x) {
-    Double8 tap[4];
+#if defined(ZENR_LEVEL_avx512)
+// The sums of eight voxels of a line.
+inline Doubles sumLine(const double* line, __m256i at, const double (*w)[kWide], int x) {
+    Doubles tap[4];
     lineTaps<4>(line, at, tap);
-    __m512d sum = _mm512_mul_pd(__m512d(tap[0]), _mm512_load_pd(w[0] + x));
-    for (int t = 1; t < 4; ++t) sum = _mm512_fmadd_pd(__m512d(tap[t]), _mm512_load_pd(w[t] + x), sum);
-    return sum;
+    return weighted(tap, w, x);
 }
+#endif
 
 } // namespace
-} // namespace avx512
+} // namespace ZENR_LEVEL
 } // namespace zenr
 #endif

@@ -8,10 +8,6 @@ namespace zenr {
 namespace avx512 {
 namespace {
 
-// One formula for numbers and registers.
-typedef float Float16 __attribute__((vector_size(64)));
-typedef double Double8 __attribute__((vector_size(64)));
-
 // Room that a window may take behind the last voxel of a line.
 constexpr int kLineRest = 32;
 
@@ -32,34 +28,36 @@ inline int blendRows16(const uint8_t* const row[16], const float weight[16], Int
 
 // Four rows become one line, likewise.
 inline int blendRows4(const uint8_t* const row[4], float fy, float fz, Interval range, float* line) {
-    const Floats16 wy = all16(fy), wz = all16(fz);
+    const WideFloats wy = WideFloats::all(fy), wz = WideFloats::all(fz);
     const auto load = [](const uint8_t* p) {
-        return Floats16::of(_mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))));
+        return WideFloats::of((Ints)_mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))));
     };
     int i = range.begin;
     for (; range.end - i >= 16; i += 16) {
-        const Floats16 low = blend(load(row[0] + i), load(row[1] + i), wy),
-                       high = blend(load(row[2] + i), load(row[3] + i), wy);
-        _mm512_storeu_ps(line + i, blend(low, high, wz).v);
+        const WideFloats low = blend(load(row[0] + i), load(row[1] + i), wy),
+                         high = blend(load(row[2] + i), load(row[3] + i), wy);
+        const Floats sum = blend(low, high, wz).v;
+        __builtin_memcpy(line + i, &sum, sizeof sum);
     }
     return i;
 }
 
 // Neighbouring taps of eight or sixteen voxels, the first of each at line + at: from a window of a line where it is wide
 // enough, as it is for all but strong reductions.
-template <int count> inline void lineTaps(const double* line, __m256i at, Double8* tap) {
+template <int count> inline void lineTaps(const double* line, __m256i at, Doubles* tap) {
     const int first = _mm_cvtsi128_si32(_mm256_castsi256_si128(at)), last = _mm256_extract_epi32(at, 7);
     const int from = first < last ? first : last, to = first < last ? last : first;
     if (__builtin_expect(to - from + count <= 16, 1)) {
         const __m512d low = _mm512_loadu_pd(line + from), high = _mm512_loadu_pd(line + from + 8);
         const __m512i index = _mm512_cvtepi32_epi64(_mm256_sub_epi32(at, _mm256_set1_epi32(from)));
         for (int t = 0; t < count; ++t)
-            tap[t] = Double8(_mm512_permutex2var_pd(low, _mm512_add_epi64(index, _mm512_set1_epi64(t)), high));
+            tap[t] = Doubles(_mm512_permutex2var_pd(low, _mm512_add_epi64(index, _mm512_set1_epi64(t)), high));
     } else {
-        for (int t = 0; t < count; ++t) tap[t] = Double8(_mm512_i32gather_pd(at, line + t, 8));
+        for (int t = 0; t < count; ++t) tap[t] = Doubles(_mm512_i32gather_pd(at, line + t, 8));
     }
 }
-template <int count> inline void lineTaps(const float* line, __m512i at, Float16* tap) {
+template <int count> inline void lineTaps(const float* line, Ints places, Floats* tap) {
+    const __m512i at = __m512i(places);
     const int first = _mm_cvtsi128_si32(_mm512_castsi512_si128(at)),
               last = _mm_extract_epi32(_mm512_extracti32x4_epi32(at, 3), 3);
     const int from = first < last ? first : last, to = first < last ? last : first;
@@ -67,9 +65,9 @@ template <int count> inline void lineTaps(const float* line, __m512i at, Float16
         const __m512 low = _mm512_loadu_ps(line + from), high = _mm512_loadu_ps(line + from + 16);
         const __m512i index = _mm512_sub_epi32(at, _mm512_set1_epi32(from));
         for (int t = 0; t < count; ++t)
-            tap[t] = Float16(_mm512_permutex2var_ps(low, _mm512_add_epi32(index, _mm512_set1_epi32(t)), high));
+            tap[t] = Floats(_mm512_permutex2var_ps(low, _mm512_add_epi32(index, _mm512_set1_epi32(t)), high));
     } else {
-        for (int t = 0; t < count; ++t) tap[t] = Float16(_mm512_i32gather_ps(at, line + t, 4));
+        for (int t = 0; t < count; ++t) tap[t] = Floats(_mm512_i32gather_ps(at, line + t, 4));
     }
 }
 

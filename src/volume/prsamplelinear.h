@@ -68,7 +68,7 @@ template <class T> struct Linear {
             alignas(64) int base[kChunk], doubt[kChunk];
             alignas(64) Real f[kChunk], a[kChunk], b[kChunk];
             alignas(64) float most[kChunk] = {};
-            placeAxis(run.x + x, src.high[0], base, f);
+            placeAxis<kChunk>(run.x + x, src.high[0], base, f);
             stageDone();
             for (int i = 0; i < kChunk; ++i) {
                 const int at = base[i] - run.first;
@@ -92,11 +92,11 @@ template <class T> struct Linear {
     static constexpr int kRest = sizeof(T) == 1 ? kLineRest : 0;
 
     static void interpolate16(const SampleSource<T>& src, const Aligned& run, int x, const float* line, T* out) {
-        const auto placed = place16<Floats16>(run.x + x, src.high[0], kSnap);
-        Float16 tap[2];
-        lineTaps<2>(line, _mm512_sub_epi32(placed.base, _mm512_set1_epi32(run.first)), tap);
-        const Floats16 sum = blend(Floats16{__m512(tap[0])}, Floats16{__m512(tap[1])}, placed.fraction);
-        const unsigned doubt = settle16(out, sum, all16(kError), float(kHalfUp));
+        const auto at = placed<WideFloats>(run.x + x, src.high[0]);
+        Floats tap[2];
+        lineTaps<2>(line, at.base - run.first, tap);
+        const unsigned doubt =
+            settle(out, blend(WideFloats{tap[0]}, WideFloats{tap[1]}, at.fraction), WideFloats::all(kError));
         if (__builtin_expect(doubt != 0, 0)) redoAligned<Linear>(src, run, x, doubt, out);
     }
 #else
@@ -104,27 +104,101 @@ template <class T> struct Linear {
 #endif
 
     static constexpr bool kFloats = false;
-    static void column(const SampleSource<T>& src, const Column& at, [[maybe_unused]] Ahead ahead, T* out) {
+    static void columns(const SampleSource<T>& src, const Column* at, int count, [[maybe_unused]] ptrdiff_t ahead,
+                        T (*out)[kChunk]) {
         // Along an axis of one voxel base and base + 1 would be two.
         bool thin = false;
         for (int k = 0; k < 3; ++k) thin |= src.low[k] == src.high[k];
-        if (__builtin_expect(thin, 0)) return redoColumn<Linear>(src, at, kAll, out);
-#if defined(ZENR_LEVEL_avx512)
-        column16(src, at, ahead, out);
+        if (__builtin_expect(thin, 0)) {
+            for (int c = 0; c < count; ++c) redoColumn<Linear>(src, at[c], kAll, out[c]);
+            return;
+        }
+#if defined(ZENR_WIDE)
+        WidePlaces places[kColumns];
+        for (int c = 0; c < count; ++c) {
+            place(src, at[c], &places[c]);
+            stageDone();
+            ask(src.planes[src.low[2]], places[c].offset, kChunk, ahead, c);
+        }
+        stageDone();
+        for (int c = 0; c < count; ++c) {
+            const unsigned doubt =
+                src.regular ? sampleRegular(src, places[c], out[c]) : samplePlanes(src, places[c], out[c]);
+            if (__builtin_expect(doubt != 0, 0)) redoColumn<Linear>(src, at[c], doubt, out[c]);
+        }
 #else
-        alignas(64) double s[3][kChunk];
-        __builtin_memcpy(s, &at, sizeof s);
-        chunk(src, {{s[0], s[1], s[2]}}, out);
+        for (int c = 0; c < count; ++c) {
+            alignas(64) double s[3][kChunk];
+            __builtin_memcpy(s, &at[c], sizeof s);
+            chunk(src, {{s[0], s[1], s[2]}}, out[c]);
+        }
 #endif
     }
 
-#if !defined(ZENR_LEVEL_avx512)
+#if defined(ZENR_WIDE)
+    using Wide = typename WideOf<Real>::Type;
+    struct WidePlaces : Places {
+        Wide fraction[3][kChunk / kWide];
+    };
+
+    static ZENR_INLINE void place(const SampleSource<T>& src, const Column& at, WidePlaces* places) {
+        Doubles base[3][kParts];
+        for (int k = 0; k < 3; ++k)
+            for (int p = 0; p < kParts; p += 2) {
+                Doubles f[2];
+                for (int i = 0; i < 2; ++i) base[k][p + i] = baseOf(at.s[k][p + i], src.high[k], &f[i]);
+                places->fraction[k][p / 2] = Wide::of(f[0], f[1]);
+            }
+        locate(src, base, places);
+    }
+
+    static unsigned sampleRegular(const SampleSource<T>& src, const WidePlaces& places, T* out) {
+        const T* const origin = src.planes[src.low[2]];
+        const T* const row[4] = {origin, origin + src.step, origin + src.planeStep, origin + src.planeStep + src.step};
+        return sample(places, out, [&](int r, int x) ZENR_INLINED { return row[r] + places.offset[x]; });
+    }
+    static unsigned samplePlanes(const SampleSource<T>& src, const WidePlaces& places, T* out) {
+        return sample(places, out, [&](int r, int x) ZENR_INLINED {
+            return src.planes[places.plane[x] + (r >> 1)] + places.offset[x] + (r & 1 ? src.step : 0);
+        });
+    }
+
+    // A column whose voxels' pairs of rows begin at tap(row, voxel). Returns the bits of those in doubt.
+    template <class Tap> static ZENR_INLINE unsigned sample(const WidePlaces& places, T* out, const Tap& tap) {
+        unsigned doubt = 0;
+        for (int part = 0; part < kChunk / kWide; ++part) {
+            const int first = part * kWide;
+            const auto &x = places.fraction[0][part], &y = places.fraction[1][part], &z = places.fraction[2][part];
+            const auto rowPairs = [&](int r) ZENR_INLINED {
+                return pairs(out, [&](int i) ZENR_INLINED { return tap(r, first + i); });
+            };
+            const auto a = rowPairs(0), b = rowPairs(1), c = rowPairs(2), d = rowPairs(3);
+            const auto along = [&](const auto& p)
+                                   ZENR_INLINED { return blend(Wide::of(p.first), Wide::of(p.second), x); };
+            const Wide sum = blend(blend(along(a), along(b), y), blend(along(c), along(d), y), z);
+            unsigned open;
+            if constexpr (sizeof(T) == 4) {
+                Floats most = Floats{};
+                const auto add = [&](const auto& p)
+                                     ZENR_INLINED { most = larger(sizes(p.first), larger(sizes(p.second), most)); };
+                add(a), add(b), add(c), add(d);
+                const Wide size = Wide::of(most);
+                open = settle(out + first, sum, {size.low * kShare, size.high * kShare}) | bitsOf(most > kLargest);
+            } else {
+                open = settle(out + first, sum, Wide::all(kError));
+            }
+            doubt |= open << first;
+        }
+        return doubt;
+    }
+    static constexpr double kShare = 3.552713678800501e-15; // 2^-48, of the largest tap
+#else
     __attribute__((noinline)) static void chunk(const SampleSource<T>& src, const Positions& at, T* out) {
         using Pairs = Pair<T>;
         alignas(64) int base[3][kChunk], offset[kChunk];
         alignas(64) Real f[3][kChunk];
         alignas(64) typename Pairs::Type pair[4][kChunk];
-        for (int k = 0; k < 3; ++k) placeAxis(at.s[k], src.high[k], base[k], f[k]);
+        for (int k = 0; k < 3; ++k) placeAxis<kChunk>(at.s[k], src.high[k], base[k], f[k]);
         const int step = int(src.step);
         for (int x = 0; x < kChunk; ++x) offset[x] = base[1][x] * step + base[0][x];
         stageDone();
@@ -159,56 +233,6 @@ template <class T> struct Linear {
             any |= doubt[x];
         }
         if (__builtin_expect(any != 0, 0)) redo<Linear>(src, at, maskOf(doubt), out);
-    }
-#else
-    __attribute__((always_inline)) static void column16(const SampleSource<T>& src, const Column& at, Ahead ahead,
-                                                        T* out) {
-        using Real16 = typename Real16Of<Real>::Type;
-        const auto x = place16<Real16>(at.s[0][0], at.s[0][1], src.high[0], kSnap),
-                   y = place16<Real16>(at.s[1][0], at.s[1][1], src.high[1], kSnap),
-                   z = place16<Real16>(at.s[2][0], at.s[2][1], src.high[2], kSnap);
-        const __m512i flat = _mm512_add_epi32(_mm512_mullo_epi32(y.base, _mm512_set1_epi32(int(src.step))), x.base);
-        alignas(64) int offset[kChunk];
-        unsigned doubt;
-        const auto blendAll = [&](const auto& tap) {
-            typename Pairs16<T>::Type pair[4];
-            for (int r = 0; r < 4; ++r) pair[r] = pairs16(out, [&](int k) { return tap(r, k); });
-            Real16 row[4];
-            for (int r = 0; r < 4; ++r)
-                row[r] = blend(Real16::of(pair[r].first), Real16::of(pair[r].second), x.fraction);
-            const Real16 sum = blend(blend(row[0], row[1], y.fraction), blend(row[2], row[3], y.fraction), z.fraction);
-            if constexpr (sizeof(T) == 4) {
-                __m512 most = _mm512_setzero_ps();
-                for (int r = 0; r < 4; ++r)
-                    most =
-                        _mm512_max_ps(_mm512_abs_ps(pair[r].first), _mm512_max_ps(_mm512_abs_ps(pair[r].second), most));
-                const __m512d unit = _mm512_set1_pd(3.552713678800501e-15); // 2^-48
-                const Real16 size = Real16::of(most);
-                doubt = settle16(out, sum, {_mm512_mul_pd(size.low, unit), _mm512_mul_pd(size.high, unit)}, 0) |
-                        _mm512_cmp_ps_mask(most, _mm512_set1_ps(kLargest), _CMP_GT_OQ);
-            } else {
-                doubt = settle16(out, sum, all16(kError), Real(kHalfUp));
-            }
-        };
-        if (src.regular) {
-            const __m512i slice = _mm512_sub_epi32(z.base, _mm512_set1_epi32(src.low[2]));
-            _mm512_store_si512(offset,
-                               _mm512_add_epi32(flat, _mm512_mullo_epi32(slice, _mm512_set1_epi32(src.planeStep))));
-            stageDone();
-            const T* const origin = src.planes[src.low[2]];
-            ask(origin, offset, ahead);
-            const T* const row[4] = {origin, origin + src.step, origin + src.planeStep,
-                                     origin + src.planeStep + src.step};
-            blendAll([&](int r, int k) { return row[r] + offset[k]; });
-        } else {
-            alignas(64) int plane[kChunk];
-            _mm512_store_si512(plane, z.base);
-            _mm512_store_si512(offset, flat);
-            stageDone();
-            blendAll(
-                [&](int r, int k) { return src.planes[plane[k] + (r >> 1)] + offset[k] + (r & 1 ? src.step : 0); });
-        }
-        if (__builtin_expect(doubt != 0, 0)) redoColumn<Linear>(src, at, doubt, out);
     }
 #endif
 };

@@ -60,17 +60,21 @@ template <class T> struct Nearest {
     static constexpr bool kFloats = false;
 #endif
 
-    static void column(const SampleSource<T>& src, const Column& at, Ahead ahead, T* out) {
-        alignas(64) int plane[kChunk], offset[kChunk];
-        if (src.regular) {
-            regularOffsets(src, at, kHalfUp, offset);
-            const T* const origin = src.planes[src.low[2]];
-            ask(origin, offset, ahead);
-            for (int x = 0; x < kChunk; ++x) put(out + x, origin[offset[x]]);
-            return;
+    static void columns(const SampleSource<T>& src, const Column* at, int count, ptrdiff_t ahead, T (*out)[kChunk]) {
+        Places places[kColumns];
+        const T* const origin = src.planes[src.low[2]];
+        for (int c = 0; c < count; ++c) {
+            locate(src, at[c], kHalfUp, &places[c]);
+            stageDone();
+            ask(origin, places[c].offset, kChunk, ahead, c);
         }
-        planeOffsets(src, at, kHalfUp, plane, offset);
-        for (int x = 0; x < kChunk; ++x) put(out + x, src.planes[plane[x]][offset[x]]);
+        for (int c = 0; c < count; ++c) {
+            const int *const offset = places[c].offset, *const plane = places[c].plane;
+            if (src.regular)
+                for (int x = 0; x < kChunk; ++x) put(out[c] + x, origin[offset[x]]);
+            else
+                for (int x = 0; x < kChunk; ++x) put(out[c] + x, src.planes[plane[x]][offset[x]]);
+        }
     }
 };
 

@@ -1,119 +1,218 @@
-// Chunks of warp and remap in whole registers, at the level that has them wide enough: sixteen voxels at a time.
+// Voxels of warp and remap in whole registers, at the levels that have them wide enough: as many voxels at a time as
+// floats fit a register.
 //
 // Taps are loaded voxel by voxel, neighbours along x at once, and put together in registers: gathers of bytes would read
-// beyond a caller's memory.
+// beyond a caller's memory, and gathers of anything take longer.
 #pragma once
-#include "volume/prsample.h"
+#include "frame/simd.h"
+#include "volume/prsamplechunk.h"
 
-#if defined(ZENR_LEVEL_avx512)
-#include <immintrin.h>
+namespace zenr {
+namespace ZENR_LEVEL {
+namespace {
+
+typedef double Doubles __attribute__((vector_size(kSimdBytes)));
+typedef int64_t Flags __attribute__((vector_size(kSimdBytes))); // -1 or 0
+constexpr int kLanes = kSimdBytes / int(sizeof(double));
+constexpr int kParts = kChunk / kLanes;
+
+#if defined(ZENR_LEVEL_sse2)
+inline unsigned bitsOf(Flags flags) {
+    return unsigned(_mm_movemask_pd(__m128d(flags)));
+}
+#endif
+
+} // namespace
+} // namespace ZENR_LEVEL
+} // namespace zenr
+
+#if defined(ZENR_LEVEL_avx2) || defined(ZENR_LEVEL_avx512)
+#define ZENR_WIDE 1
+#define ZENR_INLINED __attribute__((always_inline)) // of lambdas
 
 // The compiler's own header starts results from undefined registers, and warns of them.
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
 namespace zenr {
-namespace avx512 {
+namespace ZENR_LEVEL {
 namespace {
 
-inline __m512i both(__m256i low, __m256i high) {
-    return _mm512_inserti64x4(_mm512_castsi256_si512(low), high, 1);
+typedef float Floats __attribute__((vector_size(kSimdBytes)));
+typedef int Ints __attribute__((vector_size(kSimdBytes)));
+typedef uint32_t Words __attribute__((vector_size(kSimdBytes)));
+typedef uint16_t HalfWords __attribute__((vector_size(kSimdBytes)));
+constexpr int kWide = kSimdBytes / int(sizeof(float)); // voxels of a register
+
+// ---- What differs between the levels: conversions, and what compiler vectors have no operator for. ----
+
+#if defined(ZENR_LEVEL_avx512)
+ZENR_INLINE Ints joined(__m256i low, __m256i high) {
+    return (Ints)_mm512_inserti64x4(_mm512_castsi256_si512(low), high, 1);
 }
-inline __m512 both(__m256 low, __m256 high) {
-    return _mm512_castpd_ps(
-        _mm512_insertf64x4(_mm512_castps_pd(_mm512_castps256_ps512(low)), _mm256_castps_pd(high), 1));
+ZENR_INLINE Floats joined(__m256 low, __m256 high) {
+    return (Floats)_mm512_insertf32x8(_mm512_castps256_ps512(low), high, 1);
 }
-inline __m512d firstHalf(__m512 v) {
-    return _mm512_cvtps_pd(_mm512_castps512_ps256(v));
+ZENR_INLINE Floats narrowed(Doubles low, Doubles high) {
+    return joined(_mm512_cvtpd_ps(__m512d(low)), _mm512_cvtpd_ps(__m512d(high)));
 }
-inline __m512d secondHalf(__m512 v) {
-    return _mm512_cvtps_pd(_mm512_extractf32x8_ps(v, 1));
+ZENR_INLINE Ints integers(Doubles low, Doubles high) { // truncated
+    return joined(_mm512_cvttpd_epi32(__m512d(low)), _mm512_cvttpd_epi32(__m512d(high)));
 }
-inline __m512d firstHalf(__m512i v) {
-    return _mm512_cvtepi32_pd(_mm512_castsi512_si256(v));
+ZENR_INLINE Doubles lowHalf(Floats v) {
+    return (Doubles)_mm512_cvtps_pd(_mm512_castps512_ps256(__m512(v)));
 }
-inline __m512d secondHalf(__m512i v) {
-    return _mm512_cvtepi32_pd(_mm512_extracti64x4_epi64(v, 1));
+ZENR_INLINE Doubles highHalf(Floats v) {
+    return (Doubles)_mm512_cvtps_pd(_mm512_extractf32x8_ps(__m512(v), 1));
+}
+ZENR_INLINE Doubles lowHalf(Ints v) {
+    return (Doubles)_mm512_cvtepi32_pd(_mm512_castsi512_si256(__m512i(v)));
+}
+ZENR_INLINE Doubles highHalf(Ints v) {
+    return (Doubles)_mm512_cvtepi32_pd(_mm512_extracti64x4_epi64(__m512i(v), 1));
+}
+ZENR_INLINE Doubles truncated(Doubles v) {
+    return (Doubles)_mm512_roundscale_pd(__m512d(v), _MM_FROUND_TO_ZERO);
+}
+ZENR_INLINE Floats multiplyAdd(Floats a, Floats b, Floats c) {
+    return (Floats)_mm512_fmadd_ps(__m512(a), __m512(b), __m512(c));
+}
+ZENR_INLINE Doubles multiplyAdd(Doubles a, Doubles b, Doubles c) {
+    return (Doubles)_mm512_fmadd_pd(__m512d(a), __m512d(b), __m512d(c));
+}
+ZENR_INLINE Floats sizes(Floats v) {
+    return (Floats)_mm512_abs_ps(__m512(v));
+}
+ZENR_INLINE Floats larger(Floats a, Floats b) { // b where one of them is no number
+    return (Floats)_mm512_max_ps(__m512(a), __m512(b));
+}
+ZENR_INLINE Ints clamped(Ints v, int most) {
+    return (Ints)_mm512_min_epi32(_mm512_max_epi32(__m512i(v), _mm512_setzero_si512()), _mm512_set1_epi32(most));
+}
+ZENR_INLINE unsigned bitsOf(Ints flags) {
+    return _mm512_movepi32_mask(__m512i(flags));
+}
+ZENR_INLINE unsigned bitsOf(Flags flags) {
+    return _mm512_movepi64_mask(__m512i(flags));
+}
+ZENR_INLINE void storeVoxels(uint8_t* dst, Ints v) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm512_cvtepi32_epi8(__m512i(v)));
+}
+ZENR_INLINE void storeVoxels(uint16_t* dst, Ints v) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), _mm512_cvtepi32_epi16(__m512i(v)));
+}
+#else
+ZENR_INLINE Floats narrowed(Doubles low, Doubles high) {
+    return (Floats)_mm256_set_m128(_mm256_cvtpd_ps(__m256d(high)), _mm256_cvtpd_ps(__m256d(low)));
+}
+ZENR_INLINE Ints integers(Doubles low, Doubles high) { // truncated
+    return (Ints)_mm256_set_m128i(_mm256_cvttpd_epi32(__m256d(high)), _mm256_cvttpd_epi32(__m256d(low)));
+}
+ZENR_INLINE Doubles lowHalf(Floats v) {
+    return (Doubles)_mm256_cvtps_pd(_mm256_castps256_ps128(__m256(v)));
+}
+ZENR_INLINE Doubles highHalf(Floats v) {
+    return (Doubles)_mm256_cvtps_pd(_mm256_extractf128_ps(__m256(v), 1));
+}
+ZENR_INLINE Doubles lowHalf(Ints v) {
+    return (Doubles)_mm256_cvtepi32_pd(_mm256_castsi256_si128(__m256i(v)));
+}
+ZENR_INLINE Doubles highHalf(Ints v) {
+    return (Doubles)_mm256_cvtepi32_pd(_mm256_extracti128_si256(__m256i(v), 1));
+}
+ZENR_INLINE Doubles truncated(Doubles v) {
+    return (Doubles)_mm256_round_pd(__m256d(v), _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
+}
+ZENR_INLINE Floats multiplyAdd(Floats a, Floats b, Floats c) {
+    return (Floats)_mm256_fmadd_ps(__m256(a), __m256(b), __m256(c));
+}
+ZENR_INLINE Doubles multiplyAdd(Doubles a, Doubles b, Doubles c) {
+    return (Doubles)_mm256_fmadd_pd(__m256d(a), __m256d(b), __m256d(c));
+}
+ZENR_INLINE Floats sizes(Floats v) {
+    return (Floats)_mm256_andnot_ps(_mm256_set1_ps(-0.f), __m256(v));
+}
+ZENR_INLINE Floats larger(Floats a, Floats b) { // b where one of them is no number
+    return (Floats)_mm256_max_ps(__m256(a), __m256(b));
+}
+ZENR_INLINE Ints clamped(Ints v, int most) {
+    return (Ints)_mm256_min_epi32(_mm256_max_epi32(__m256i(v), _mm256_setzero_si256()), _mm256_set1_epi32(most));
+}
+ZENR_INLINE unsigned bitsOf(Ints flags) {
+    return unsigned(_mm256_movemask_ps(_mm256_castsi256_ps(__m256i(flags))));
+}
+ZENR_INLINE unsigned bitsOf(Flags flags) {
+    return unsigned(_mm256_movemask_pd(_mm256_castsi256_pd(__m256i(flags))));
+}
+ZENR_INLINE __m128i words8(Ints v) {
+    return _mm_packus_epi32(_mm256_castsi256_si128(__m256i(v)), _mm256_extracti128_si256(__m256i(v), 1));
+}
+ZENR_INLINE void storeVoxels(uint8_t* dst, Ints v) {
+    const __m128i words = words8(v);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(dst), _mm_packus_epi16(words, words));
+}
+ZENR_INLINE void storeVoxels(uint16_t* dst, Ints v) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), words8(v));
+}
+#endif
+
+// ---- From here on the levels are alike. ----
+
+// Numbers that sums run in: a register of floats, or two of doubles.
+struct WideFloats {
+    Floats v;
+    static ZENR_INLINE WideFloats of(Doubles low, Doubles high) { return {narrowed(low, high)}; }
+    static ZENR_INLINE WideFloats of(Ints v) { return {__builtin_convertvector(v, Floats)}; }
+    static ZENR_INLINE WideFloats of(Floats v) { return {v}; }
+    static ZENR_INLINE WideFloats all(double x) { return {Floats{} + float(x)}; }
+};
+struct WideDoubles {
+    Doubles low, high;
+    static ZENR_INLINE WideDoubles of(Doubles low, Doubles high) { return {low, high}; }
+    static ZENR_INLINE WideDoubles of(Ints v) { return {lowHalf(v), highHalf(v)}; }
+    static ZENR_INLINE WideDoubles of(Floats v) { return {lowHalf(v), highHalf(v)}; }
+    static ZENR_INLINE WideDoubles all(double x) { return {Doubles{} + x, Doubles{} + x}; }
+};
+template <class Real> struct WideOf { using Type = WideDoubles; };
+template <> struct WideOf<float> { using Type = WideFloats; };
+
+ZENR_INLINE WideFloats blend(WideFloats a, WideFloats b, WideFloats f) {
+    return {multiplyAdd(b.v - a.v, f.v, a.v)};
+}
+ZENR_INLINE WideDoubles blend(WideDoubles a, WideDoubles b, WideDoubles f) {
+    return {multiplyAdd(b.low - a.low, f.low, a.low), multiplyAdd(b.high - a.high, f.high, a.high)};
 }
 
-// Numbers that sums run in: sixteen floats, or twice eight doubles.
-struct Floats16 {
-    __m512 v;
-    static Floats16 of(__m512d low, __m512d high) { return {both(_mm512_cvtpd_ps(low), _mm512_cvtpd_ps(high))}; }
-    static Floats16 of(__m512i v) { return {_mm512_cvtepi32_ps(v)}; }
-    static Floats16 of(__m512 v) { return {v}; }
+// Base voxels along an axis whose last voxel is `high`, as whole numbers, and the fractions behind them: axisBase of each.
+ZENR_INLINE Doubles baseOf(Doubles s, int high, Doubles* fraction) {
+    const Doubles snapped = s + kSnap, end = Doubles{} + high, i = truncated(snapped);
+    *fraction = snapped >= end ? Doubles{} + 1 : s - i;
+    return snapped >= end ? end - 1 : i;
+}
+template <class Wide> struct Placed {
+    Ints base;
+    Wide fraction;
 };
-struct Doubles16 {
-    __m512d low, high;
-    static Doubles16 of(__m512d low, __m512d high) { return {low, high}; }
-    static Doubles16 of(__m512i v) { return {firstHalf(v), secondHalf(v)}; }
-    static Doubles16 of(__m512 v) { return {firstHalf(v), secondHalf(v)}; }
-};
-template <class Real> struct Real16Of { using Type = Doubles16; };
-template <> struct Real16Of<float> { using Type = Floats16; };
-inline Floats16 all16(float x) {
-    return {_mm512_set1_ps(x)};
-}
-inline Doubles16 all16(double x) {
-    return {_mm512_set1_pd(x), _mm512_set1_pd(x)};
-}
-inline Floats16 blend(Floats16 a, Floats16 b, Floats16 f) {
-    return {_mm512_add_ps(a.v, _mm512_mul_ps(_mm512_sub_ps(b.v, a.v), f.v))};
-}
-inline __m512d blend(__m512d a, __m512d b, __m512d f) {
-    return _mm512_add_pd(a, _mm512_mul_pd(_mm512_sub_pd(b, a), f));
-}
-inline Doubles16 blend(Doubles16 a, Doubles16 b, Doubles16 f) {
-    return {blend(a.low, b.low, f.low), blend(a.high, b.high, f.high)};
+template <class Wide> ZENR_INLINE Placed<Wide> placed(const double* s, int high) {
+    Doubles at[2], f[2];
+    __builtin_memcpy(at, s, sizeof at);
+    const Doubles low = baseOf(at[0], high, &f[0]), up = baseOf(at[1], high, &f[1]);
+    return {integers(low, up), Wide::of(f[0], f[1])};
 }
 
-// Base voxels along an axis whose last voxel is `high`, and the fractions behind them.
-template <class Real> struct Placed16 {
-    __m512i base;
-    Real fraction;
-};
-__attribute__((always_inline)) inline __m256i place8(__m512d at, int high, double snap, __m512d* fraction) {
-    const __m512d snapped = _mm512_add_pd(at, _mm512_set1_pd(snap));
-    const __mmask8 last = _mm512_cmp_pd_mask(snapped, _mm512_set1_pd(high), _CMP_GE_OQ);
-    const __m256i i = _mm512_cvttpd_epi32(snapped);
-    *fraction = _mm512_mask_mov_pd(_mm512_sub_pd(at, _mm512_cvtepi32_pd(i)), last, _mm512_set1_pd(1));
-    return _mm256_mask_mov_epi32(i, last, _mm256_set1_epi32(high - 1));
-}
-template <class Real>
-__attribute__((always_inline)) inline Placed16<Real> place16(__m512d low, __m512d up, int high, double snap) {
-    __m512d f[2];
-    const __m256i a = place8(low, high, snap, &f[0]), b = place8(up, high, snap, &f[1]);
-    return {both(a, b), Real::of(f[0], f[1])};
-}
-template <class Real> inline Placed16<Real> place16(const double* s, int high, double snap) {
-    return place16<Real>(_mm512_loadu_pd(s), _mm512_loadu_pd(s + 8), high, snap);
-}
-
-// Neighbours of sixteen voxels, tap(x) the first of voxel x: the pairs' first and second voxels.
-struct IntPairs16 {
-    __m512i first, second;
-};
-struct FloatPairs16 {
-    __m512 first, second;
-};
-template <class T> struct Pairs16 { using Type = IntPairs16; };
-template <> struct Pairs16<float> { using Type = FloatPairs16; };
-inline uint16_t pairAt(const uint8_t* p) {
+// Neighbours along x of a register of voxels, tap(x) the first of voxel x: first and second ones.
+template <class Numbers> struct Pairs { Numbers first, second; };
+ZENR_INLINE uint16_t pairAt(const uint8_t* p) {
     uint16_t v;
     __builtin_memcpy(&v, p, 2);
     return v;
 }
-inline int pairAt(const uint16_t* p) {
+ZENR_INLINE int pairAt(const uint16_t* p) {
     int v;
     __builtin_memcpy(&v, p, 4);
     return v;
 }
-inline double pairAt(const float* p) {
-    double v;
-    __builtin_memcpy(&v, p, 8);
-    return v;
-}
-template <class Tap> inline __m128i words8(const Tap& tap, int x) {
+template <class Tap> ZENR_INLINE __m128i eightPairs(const Tap& tap, int x) {
     __m128i v = _mm_cvtsi32_si128(pairAt(tap(x)));
     v = _mm_insert_epi16(v, pairAt(tap(x + 1)), 1);
     v = _mm_insert_epi16(v, pairAt(tap(x + 2)), 2);
@@ -123,71 +222,73 @@ template <class Tap> inline __m128i words8(const Tap& tap, int x) {
     v = _mm_insert_epi16(v, pairAt(tap(x + 6)), 6);
     return _mm_insert_epi16(v, pairAt(tap(x + 7)), 7);
 }
-template <class Tap> __attribute__((always_inline)) inline IntPairs16 pairs16(const uint8_t*, const Tap& tap) {
-    const __m512i v = _mm512_cvtepu16_epi32(_mm256_set_m128i(words8(tap, 8), words8(tap, 0)));
-    return {_mm512_and_si512(v, _mm512_set1_epi32(0xFF)), _mm512_srli_epi32(v, 8)};
+template <class Tap> ZENR_INLINE Pairs<Ints> pairs(const uint8_t*, const Tap& tap) {
+#if defined(ZENR_LEVEL_avx512)
+    const Ints v = (Ints)_mm512_cvtepu16_epi32(_mm256_set_m128i(eightPairs(tap, 8), eightPairs(tap, 0)));
+#else
+    const Ints v = (Ints)_mm256_cvtepu16_epi32(eightPairs(tap, 0));
+#endif
+    return {v & 0xFF, v >> 8};
 }
-template <class Tap> inline __m128i dwords4(const Tap& tap, int x) {
-    __m128i v = _mm_cvtsi32_si128(pairAt(tap(x)));
-    v = _mm_insert_epi32(v, pairAt(tap(x + 1)), 1);
-    v = _mm_insert_epi32(v, pairAt(tap(x + 2)), 2);
-    return _mm_insert_epi32(v, pairAt(tap(x + 3)), 3);
+template <class Tap> ZENR_INLINE __m256i eightWordPairs(const Tap& tap, int x) {
+    const auto four = [&](int i) {
+        __m128i v = _mm_cvtsi32_si128(pairAt(tap(i)));
+        v = _mm_insert_epi32(v, pairAt(tap(i + 1)), 1);
+        v = _mm_insert_epi32(v, pairAt(tap(i + 2)), 2);
+        return _mm_insert_epi32(v, pairAt(tap(i + 3)), 3);
+    };
+    return _mm256_set_m128i(four(x + 4), four(x));
 }
-template <class Tap> __attribute__((always_inline)) inline IntPairs16 pairs16(const uint16_t*, const Tap& tap) {
-    const __m512i v =
-        both(_mm256_set_m128i(dwords4(tap, 4), dwords4(tap, 0)), _mm256_set_m128i(dwords4(tap, 12), dwords4(tap, 8)));
-    return {_mm512_and_si512(v, _mm512_set1_epi32(0xFFFF)), _mm512_srli_epi32(v, 16)};
+template <class Tap> ZENR_INLINE Pairs<Ints> pairs(const uint16_t*, const Tap& tap) {
+#if defined(ZENR_LEVEL_avx512)
+    const Ints v = joined(eightWordPairs(tap, 0), eightWordPairs(tap, 8));
+#else
+    const Ints v = (Ints)eightWordPairs(tap, 0);
+#endif
+    return {v & 0xFFFF, (Ints)((Words)v >> 16)};
 }
-template <class Tap> inline __m128 twoPairs(const Tap& tap, int x) {
-    return _mm_castpd_ps(_mm_set_pd(pairAt(tap(x + 1)), pairAt(tap(x))));
+template <class Tap> ZENR_INLINE __m256 fourPairs(const Tap& tap, int a, int b) { // a, a + 1, b and b + 1
+    const auto two = [&](int i) {
+        const __m128 v = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(tap(i))));
+        return _mm_loadh_pi(v, reinterpret_cast<const __m64*>(tap(i + 1)));
+    };
+    return _mm256_set_m128(two(b), two(a));
 }
-template <class Tap> inline __m512 eightPairs(const Tap& tap, int x) {
-    return both(_mm256_set_m128(twoPairs(tap, x + 2), twoPairs(tap, x)),
-                _mm256_set_m128(twoPairs(tap, x + 6), twoPairs(tap, x + 4)));
-}
-template <class Tap> __attribute__((always_inline)) inline FloatPairs16 pairs16(const float*, const Tap& tap) {
+template <class Tap> ZENR_INLINE Pairs<Floats> pairs(const float*, const Tap& tap) {
+#if defined(ZENR_LEVEL_avx512)
     const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
     const __m512i odd = _mm512_add_epi32(even, _mm512_set1_epi32(1));
-    const __m512 low = eightPairs(tap, 0), high = eightPairs(tap, 8);
-    return {_mm512_permutex2var_ps(low, even, high), _mm512_permutex2var_ps(low, odd, high)};
+    const __m512 low = __m512(joined(fourPairs(tap, 0, 2), fourPairs(tap, 4, 6))),
+                 high = __m512(joined(fourPairs(tap, 8, 10), fourPairs(tap, 12, 14)));
+    return {(Floats)_mm512_permutex2var_ps(low, even, high), (Floats)_mm512_permutex2var_ps(low, odd, high)};
+#else
+    // Shuffles stay within halves of a register: this order of voxels makes up for it.
+    const __m256 low = fourPairs(tap, 0, 4), high = fourPairs(tap, 2, 6);
+    return {(Floats)_mm256_shuffle_ps(low, high, 0x88), (Floats)_mm256_shuffle_ps(low, high, 0xDD)};
+#endif
 }
 
-// Rounds sums to voxels; the result is the mask of those whose error leaves it open. As settled() for each.
-inline void storeVoxels16(uint8_t* dst, __m512i v) {
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm512_cvtepi32_epi8(v));
+// Rounds sums to voxels; the result is the bits of those whose error leaves it open. As settled() for each.
+ZENR_INLINE unsigned settle(uint8_t* dst, WideFloats sum, WideFloats error) {
+    const Floats at = sum.v + float(kHalfUp);
+    const Ints low = __builtin_convertvector(at - error.v, Ints), high = __builtin_convertvector(at + error.v, Ints);
+    storeVoxels(dst, clamped(low, 255));
+    return bitsOf(low != high);
 }
-inline void storeVoxels16(uint16_t* dst, __m512i v) {
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), _mm512_cvtepi32_epi16(v));
+ZENR_INLINE unsigned settle(uint16_t* dst, WideDoubles sum, WideDoubles error) {
+    const Doubles a = sum.low + kHalfUp, b = sum.high + kHalfUp;
+    const Ints low = integers(a - error.low, b - error.high), high = integers(a + error.low, b + error.high);
+    storeVoxels(dst, clamped(low, 65535));
+    return bitsOf(low != high);
 }
-inline __m512i clamped16(__m512i v, int most) {
-    return _mm512_min_epi32(_mm512_max_epi32(v, _mm512_setzero_si512()), _mm512_set1_epi32(most));
-}
-inline unsigned settle16(uint8_t* dst, Floats16 sum, Floats16 error, float half) {
-    const __m512 at = _mm512_add_ps(sum.v, _mm512_set1_ps(half));
-    const __m512i low = _mm512_cvttps_epi32(_mm512_sub_ps(at, error.v));
-    const __m512i high = _mm512_cvttps_epi32(_mm512_add_ps(at, error.v));
-    storeVoxels16(dst, clamped16(low, 255));
-    return _mm512_cmpneq_epi32_mask(low, high);
-}
-inline unsigned settle16(uint16_t* dst, Doubles16 sum, Doubles16 error, double half) {
-    const __m512d h = _mm512_set1_pd(half), a = _mm512_add_pd(sum.low, h), b = _mm512_add_pd(sum.high, h);
-    const __m512i low =
-        both(_mm512_cvttpd_epi32(_mm512_sub_pd(a, error.low)), _mm512_cvttpd_epi32(_mm512_sub_pd(b, error.high)));
-    const __m512i high =
-        both(_mm512_cvttpd_epi32(_mm512_add_pd(a, error.low)), _mm512_cvttpd_epi32(_mm512_add_pd(b, error.high)));
-    storeVoxels16(dst, clamped16(low, 65535));
-    return _mm512_cmpneq_epi32_mask(low, high);
-}
-inline unsigned settle16(float* dst, Doubles16 sum, Doubles16 error, double) {
-    const __m512 low =
-        both(_mm512_cvtpd_ps(_mm512_sub_pd(sum.low, error.low)), _mm512_cvtpd_ps(_mm512_sub_pd(sum.high, error.high)));
-    const __m512 high =
-        both(_mm512_cvtpd_ps(_mm512_add_pd(sum.low, error.low)), _mm512_cvtpd_ps(_mm512_add_pd(sum.high, error.high)));
-    _mm512_storeu_ps(dst, low);
-    return _mm512_cmpneq_epi32_mask(_mm512_castps_si512(low), _mm512_castps_si512(high));
+ZENR_INLINE unsigned settle(float* dst, WideDoubles sum, WideDoubles error) {
+    const Floats low = narrowed(sum.low - error.low, sum.high - error.high);
+    const Floats high = narrowed(sum.low + error.low, sum.high + error.high);
+    __builtin_memcpy(dst, &low, sizeof low);
+    return bitsOf((Ints)low != (Ints)high);
 }
 
 } // namespace
-} // namespace avx512
+} // namespace ZENR_LEVEL
 } // namespace zenr
 #endif
