@@ -9,9 +9,10 @@ namespace {
 
 inline constexpr int kChunk = 16;
 
-// Positions of a chunk: kChunk numbers an axis, all inside the box.
+// Positions of a chunk, all inside the box: kChunk numbers an axis, but for rows along x a single y and z.
 struct Positions {
     const double* s[3];
+    bool alongX = false;
 };
 
 // The stages of a chunk hand over through memory: vectors are stored and read voxel by voxel, and the other way round.
@@ -47,7 +48,8 @@ template <class Policy, class T>
 __attribute__((noinline)) void redo(const SampleSource<T>& src, const Positions& at, unsigned mask, T* out) {
     for (; mask; mask &= mask - 1) {
         const int x = __builtin_ctz(mask);
-        const double s[3] = {at.s[0][x], at.s[1][x], at.s[2][x]};
+        const int other = at.alongX ? 0 : x;
+        const double s[3] = {at.s[0][x], at.s[1][other], at.s[2][other]};
         out[x] = Policy::value(src, s);
     }
 }
@@ -74,17 +76,8 @@ struct Aligned {
     int count;
     double y, z;
     int first, span; // voxels of the line along x, beyond the box's ends too
+    Positions from(int i) const { return {{x + i, &y, &z}, true}; }
 };
-
-template <class Policy, class T>
-__attribute__((noinline)) void redoAligned(const SampleSource<T>& src, const Aligned& run, int x, unsigned mask,
-                                           T* out) {
-    for (; mask; mask &= mask - 1) {
-        const int i = __builtin_ctz(mask);
-        const double s[3] = {run.x[x + i], run.y, run.z};
-        out[i] = Policy::value(src, s);
-    }
-}
 
 // Repeats the line's first and last voxels within the box beyond it.
 template <class V, class T> inline void padLine(const SampleSource<T>& src, const Aligned& run, V* line) {

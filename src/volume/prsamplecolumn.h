@@ -73,9 +73,9 @@ struct Places {
 // For whole numbers as doubles, in which offsets are exact and cost one conversion.
 template <class T> ZENR_INLINE void locate(const SampleSource<T>& src, const Doubles (*at)[kParts], Places* places) {
     const Doubles step = Doubles{} + double(src.step), planeStep = Doubles{} + src.planeStep;
-    const auto flat = [&](int p) { return multiplyAdd(at[1][p], step, at[0][p]); };
-    const auto deep = [&](int p) { return multiplyAdd(at[2][p] - src.low[2], planeStep, flat(p)); };
-    const auto store = [](Ints v, int* to) { __builtin_memcpy(to, &v, sizeof v); };
+    const auto flat = [&](int p) ZENR_INLINED { return multiplyAdd(at[1][p], step, at[0][p]); };
+    const auto deep = [&](int p) ZENR_INLINED { return multiplyAdd(at[2][p] - src.low[2], planeStep, flat(p)); };
+    const auto store = [](Ints v, int* to) ZENR_INLINED { __builtin_memcpy(to, &v, sizeof v); };
     for (int p = 0; p < kParts; p += 2) {
         if (src.regular) {
             store(integers(deep(p), deep(p + 1)), &places->offset[p * kLanes]);
@@ -104,6 +104,14 @@ template <class T> inline void locate(const SampleSource<T>& src, const Column& 
         places->plane[x] = plane;
     }
 #endif
+}
+
+// A chunk's voxels whose bits are set.
+template <class T> inline void putThose(unsigned bits, const T* voxels, T* dst) {
+    for (bits &= kAll; bits; bits &= bits - 1) {
+        const int x = __builtin_ctz(bits);
+        dst[x] = voxels[x];
+    }
 }
 
 // Voxels by the definition: those of a mask.

@@ -179,7 +179,7 @@ template <class T, int mode> struct Cubic {
                 out[i] = settled<T>(sum, bound(error[i], most[i]), &doubt[i]);
                 any |= doubt[i];
             }
-            if (__builtin_expect(any != 0, 0)) redoAligned<Cubic>(src, run, x, maskOf(doubt), out);
+            if (__builtin_expect(any != 0, 0)) redo<Cubic>(src, run.from(x), maskOf(doubt), out);
         });
     }
 
@@ -367,7 +367,7 @@ template <class T, int mode> struct Cubic {
                 doubt = settle(out, sum, Wide::all(kErrorOf16));
             }
         }
-        if (__builtin_expect(doubt != 0, 0)) redoAligned<Cubic>(src, run, x, doubt, out);
+        if (__builtin_expect(doubt != 0, 0)) redo<Cubic>(src, run.from(x), doubt, out);
         return true;
     }
 #endif

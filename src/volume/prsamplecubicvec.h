@@ -130,7 +130,7 @@ template <class T> inline void sumColumns(const WideTaps<T>& taps, const double 
         const T* p = group.first + taps.offset[x];
         __m256d wy[4], total = _mm256_setzero_pd(), size = _mm256_setzero_pd();
         for (int j = 0; j < 4; ++j) wy[j] = _mm256_broadcast_sd(&w[1][j][x]);
-        const auto tap = [&](const T* q) {
+        const auto tap = [&](const T* q) ZENR_INLINED {
             const __m256d v = fourDoubles(q);
             if constexpr (sizeof(T) == 4) size = largerSize(v, size);
             return v;
@@ -213,7 +213,7 @@ struct RowWeights {
         const Ints odd = Ints{} + int(0xFFFF0000u), low = Ints{} + ((1 << kPiece) - 1) * 0x10001;
         for (int t = 0; t < 2; ++t) {
             const Ints a = nearestInts(w[t] * kWhole), b = nearestInts(w[t + 2] * kWhole);
-            const auto pair = [&](Ints first, Ints second) { return (first & ~odd) | (second & odd); };
+            const auto pair = [&](Ints first, Ints second) ZENR_INLINED { return (first & ~odd) | (second & odd); };
             upper[t] = pair(a >> kPiece, b << (16 - kPiece));
             lower[t] = pair(a, b << 16) & low;
         }

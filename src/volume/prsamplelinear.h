@@ -84,7 +84,7 @@ template <class T> struct Linear {
                     settled<T>(a[i] + (b[i] - a[i]) * f[i], sizeof(T) == 4 ? Real(most[i]) * 4 : kError, &doubt[i]);
                 any |= doubt[i];
             }
-            if (__builtin_expect(any != 0, 0)) redoAligned<Linear>(src, run, x, maskOf(doubt), out);
+            if (__builtin_expect(any != 0, 0)) redo<Linear>(src, run.from(x), maskOf(doubt), out);
         });
     }
 
@@ -97,7 +97,7 @@ template <class T> struct Linear {
         lineTaps<2>(line, at.base - run.first, tap);
         const unsigned doubt =
             settle(out, blend(WideFloats{tap[0]}, WideFloats{tap[1]}, at.fraction), WideFloats::all(kError));
-        if (__builtin_expect(doubt != 0, 0)) redoAligned<Linear>(src, run, x, doubt, out);
+        if (__builtin_expect(doubt != 0, 0)) redo<Linear>(src, run.from(x), doubt, out);
     }
 #else
     static constexpr int kRest = 0;

@@ -22,39 +22,50 @@ template <class T> struct Nearest {
     // The compiler would put small voxels together by shifts, which takes longer than to store them one by one.
     static void put(T* to, T voxel) { *static_cast<volatile T*>(to) = voxel; }
 
-#if defined(ZENR_LEVEL_avx512)
-    // Positions as floats, of a regular source: truncated, and one more where the double rule would round up, which
-    // holds for every float below 2^24. `there` says which are given. Returns those that are outside.
+#if defined(ZENR_WIDE)
+    // Chunks of a remap of a regular source, positions as floats: truncated, and one more where the double rule would
+    // round up, which holds for every float below 2^24.
     static constexpr bool kFloats = true;
-    static constexpr int kBelow = 1 << 24;
-    static unsigned floats(const SampleSource<T>& src, const float* const map[3], int x, unsigned there, T* dst,
-                           T* voxels) {
+    static bool takesFloats(const SampleSource<T>& src) {
+        constexpr int kBelow = 1 << 24;
+        return src.regular && src.high[0] < kBelow && src.high[1] < kBelow && src.high[2] < kBelow;
+    }
+    static void floats(const SampleSource<T>& src, const float* const map[3], int x, T* dst) {
         const int steps[3] = {1, int(src.step), src.planeStep};
-        __m512 s[3];
-        __mmask16 in = __mmask16(there);
-        for (int k = 0; k < 3; ++k) {
-            s[k] = _mm512_maskz_loadu_ps(__mmask16(there), map[k] + x);
-            in = _mm512_mask_cmp_ps_mask(in, s[k], _mm512_set1_ps(float(src.low[k])), _CMP_GE_OQ);
-            in = _mm512_mask_cmp_ps_mask(in, s[k], _mm512_set1_ps(float(src.high[k])), _CMP_LE_OQ);
+        Places places[kColumns];
+        unsigned in[kColumns];
+        for (int c = 0; c < kColumns; ++c) {
+            in[c] = 0;
+            for (int i = 0; i < kChunk; i += kWide) {
+                Floats s[3];
+                Ints there = ~Ints{};
+                for (int k = 0; k < 3; ++k) {
+                    __builtin_memcpy(&s[k], map[k] + x + c * kChunk + i, sizeof s[k]);
+                    there &= (s[k] >= float(src.low[k])) & (s[k] <= float(src.high[k]));
+                }
+                Ints flat = Ints{} - src.low[2] * src.planeStep;
+                for (int k = 0; k < 3; ++k) {
+                    const Floats at = there ? s[k] : Floats{} + float(src.low[k]);
+                    const Ints whole = __builtin_convertvector(at, Ints);
+                    const Ints up = at - __builtin_convertvector(whole, Floats) >= 0.49999991f;
+                    flat += (whole - up) * steps[k];
+                }
+                __builtin_memcpy(&places[c].offset[i], &flat, sizeof flat);
+                in[c] |= bitsOf(there) << i;
+            }
         }
-        if (!in) return kAll;
-        __m512i flat = _mm512_set1_epi32(-src.low[2] * src.planeStep);
-        for (int k = 0; k < 3; ++k) {
-            const __m512 at = _mm512_mask_mov_ps(_mm512_set1_ps(float(src.low[k])), in, s[k]);
-            const __m512 whole = _mm512_roundscale_ps(at, _MM_FROUND_TO_ZERO);
-            const __mmask16 up = _mm512_cmp_ps_mask(_mm512_sub_ps(at, whole), _mm512_set1_ps(0.49999991f), _CMP_GE_OQ);
-            __m512i i = _mm512_cvttps_epi32(whole);
-            i = _mm512_mask_add_epi32(i, up, i, _mm512_set1_epi32(1));
-            flat = _mm512_add_epi32(flat, k ? _mm512_mullo_epi32(i, _mm512_set1_epi32(steps[k])) : i);
-        }
-        alignas(64) int offset[kChunk];
-        _mm512_store_si512(offset, flat);
         stageDone();
         const T* const origin = src.planes[src.low[2]];
-        const unsigned out = ~unsigned(in) & kAll;
-        T* const to = out ? voxels : dst;
-        for (int i = 0; i < kChunk; ++i) put(to + i, origin[offset[i]]);
-        return out;
+        for (int c = 0; c < kColumns; ++c) {
+            const int* const offset = places[c].offset;
+            T* const to = dst + x + c * kChunk;
+            if (in[c] == kAll) {
+                for (int i = 0; i < kChunk; ++i) put(to + i, origin[offset[i]]);
+            } else {
+                for (unsigned bits = in[c]; bits; bits &= bits - 1)
+                    to[__builtin_ctz(bits)] = origin[offset[__builtin_ctz(bits)]];
+            }
+        }
     }
 #else
     static constexpr bool kFloats = false;

@@ -34,10 +34,12 @@ void remapChunks(const SampleSource<T>& src, T* dst, int count, const float* con
         any |= out[chunks];
     }
     if (!any) return Policy::columns(src, column, chunks, 0, reinterpret_cast<T(*)[kChunk]>(dst + x));
-    alignas(64) T voxels[kColumns][kChunk];
-    Policy::columns(src, column, chunks, 0, voxels);
-    for (int i = 0; i < count; ++i)
-        if (!(out[i / kChunk] >> (i % kChunk) & 1)) dst[x + i] = voxels[i / kChunk][i % kChunk];
+    alignas(64) T voxels[kChunk];
+    for (int c = 0; c < chunks; ++c) {
+        if (out[c] == kAll) continue;
+        Policy::columns(src, &column[c], 1, 0, &voxels);
+        putThose(~out[c], voxels, dst + x + c * kChunk);
+    }
 }
 
 template <class T, class Policy>
@@ -50,8 +52,15 @@ void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const 
         return;
     }
     constexpr int kMost = kColumns * kChunk;
-    for (int x = 0; x < count; x += kMost)
-        remapChunks<T, Policy>(src, dst, count - x < kMost ? count - x : kMost, map, x);
+    for (int x = 0; x < count; x += kMost) {
+        const int n = count - x < kMost ? count - x : kMost;
+        if constexpr (Policy::kFloats)
+            if (Policy::takesFloats(src) && n == kMost) {
+                Policy::floats(src, map, x, dst);
+                continue;
+            }
+        remapChunks<T, Policy>(src, dst, n, map, x);
+    }
 }
 
 } // namespace

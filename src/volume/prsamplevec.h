@@ -212,6 +212,11 @@ ZENR_INLINE int pairAt(const uint16_t* p) {
     __builtin_memcpy(&v, p, 4);
     return v;
 }
+ZENR_INLINE double pairAt(const float* p) {
+    double v;
+    __builtin_memcpy(&v, p, 8);
+    return v;
+}
 template <class Tap> ZENR_INLINE __m128i eightPairs(const Tap& tap, int x) {
     __m128i v = _mm_cvtsi32_si128(pairAt(tap(x)));
     v = _mm_insert_epi16(v, pairAt(tap(x + 1)), 1);
@@ -231,7 +236,7 @@ template <class Tap> ZENR_INLINE Pairs<Ints> pairs(const uint8_t*, const Tap& ta
     return {v & 0xFF, v >> 8};
 }
 template <class Tap> ZENR_INLINE __m256i eightWordPairs(const Tap& tap, int x) {
-    const auto four = [&](int i) {
+    const auto four = [&](int i) ZENR_INLINED {
         __m128i v = _mm_cvtsi32_si128(pairAt(tap(i)));
         v = _mm_insert_epi32(v, pairAt(tap(i + 1)), 1);
         v = _mm_insert_epi32(v, pairAt(tap(i + 2)), 2);
@@ -248,10 +253,7 @@ template <class Tap> ZENR_INLINE Pairs<Ints> pairs(const uint16_t*, const Tap& t
     return {v & 0xFFFF, (Ints)((Words)v >> 16)};
 }
 template <class Tap> ZENR_INLINE __m256 fourPairs(const Tap& tap, int a, int b) { // a, a + 1, b and b + 1
-    const auto two = [&](int i) {
-        const __m128 v = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(tap(i))));
-        return _mm_loadh_pi(v, reinterpret_cast<const __m64*>(tap(i + 1)));
-    };
+    const auto two = [&](int i) ZENR_INLINED { return _mm_castpd_ps(_mm_set_pd(pairAt(tap(i + 1)), pairAt(tap(i)))); };
     return _mm256_set_m128(two(b), two(a));
 }
 template <class Tap> ZENR_INLINE Pairs<Floats> pairs(const float*, const Tap& tap) {

@@ -60,22 +60,23 @@ void warpBlock(const SampleSource<T>& src, T* const* row, int rows, int x, int c
                const double advance[3], ptrdiff_t ahead) {
     alignas(64) T block[kChunk][kChunk];
     unsigned out[kChunk];
+    int place[kChunk], kept = 0; // columns with voxels inside
+    Column column[kColumns];
     const Whereabouts where = whereabouts(src, *at, advance, columns);
-    for (int done = 0; done < columns; done += kColumns) {
-        Column column[kColumns];
-        const int n = columns - done < kColumns ? columns - done : kColumns;
-        for (int c = 0; c < n; ++c) {
-            column[c] = *at;
-            out[done + c] = where == Whereabouts::edge ? putInside(src, &column[c]) : 0;
-            move(at, advance);
-        }
-        if (where != Whereabouts::outside) Policy::columns(src, column, n, ahead, block + done);
+    for (int c = 0; c < columns; ++c) {
+        Column* const next = &column[kept % kColumns];
+        *next = *at;
+        move(at, advance);
+        out[kept] = where == Whereabouts::inside ? 0 : where == Whereabouts::outside ? kAll : putInside(src, next);
+        if (out[kept] == kAll) continue;
+        place[kept++] = c;
+        if (kept % kColumns == 0) Policy::columns(src, column, kColumns, ahead, block + kept - kColumns);
     }
-    if (where == Whereabouts::outside) return;
+    if (const int n = kept % kColumns) Policy::columns(src, column, n, ahead, block + kept - n);
     if (where == Whereabouts::inside && columns == kChunk && rows == kChunk) return turned(block, row, x);
     for (int r = 0; r < rows; ++r)
-        for (int c = 0; c < columns; ++c)
-            if (!(out[c] >> r & 1)) row[r][x + c] = block[c][r];
+        for (int c = 0; c < kept; ++c)
+            if (!(out[c] >> r & 1)) row[r][x + place[c]] = block[c][r];
 }
 
 template <class T, class Policy>
