@@ -17,8 +17,10 @@ inline unsigned bitsOf(const Flags* flags) {
     return bits;
 }
 
-inline void move(Column* at, const double advance[3]) {
+ZENR_INLINE void move(Column* at, const double advance[3]) {
+#pragma GCC unroll 3
     for (int k = 0; k < 3; ++k)
+#pragma GCC unroll 4
         for (int p = 0; p < kParts; ++p) at->s[k][p] += advance[k];
 }
 
@@ -91,7 +93,9 @@ template <class T> ZENR_INLINE void locate(const SampleSource<T>& src, const Dou
 template <class T> inline void locate(const SampleSource<T>& src, const Column& at, double add, Places* places) {
 #if defined(ZENR_WIDE)
     Doubles whole[3][kParts];
+#pragma GCC unroll 3
     for (int k = 0; k < 3; ++k)
+#pragma GCC unroll 4
         for (int p = 0; p < kParts; ++p) whole[k][p] = truncated(at.s[k][p] + add);
     locate(src, whole, places);
 #else

@@ -287,6 +287,7 @@ template <class T, int mode> struct Cubic {
         Ints flat = {}, edge = Ints{} - !src.regular;
         Wide fraction[3];
         const int steps[3] = {1, int(src.step), src.planeStep}, origin[3] = {0, 0, src.low[2]};
+#pragma GCC unroll 3
         for (int k = 0; k < 3; ++k) {
             const auto axis = placed<WideFloats>(at.s[k], src.high[k]);
             edge |= (axis.base <= src.low[k]) | (axis.base >= src.high[k] - 1);
@@ -307,6 +308,7 @@ template <class T, int mode> struct Cubic {
             collectRows(taps, &rows);
             stageDone();
             Floats w[3][4];
+#pragma GCC unroll 3
             for (int k = 0; k < 3; ++k) weightPolynomials<mode, float>(fraction[k].v, w[k]);
             const Floats sum = sumOfRows(rows, RowWeights(w[0]), w[1], w[2]);
             doubt = settle(out, {sum * kRowUnit}, Wide::all(kErrorOf8));
@@ -315,6 +317,7 @@ template <class T, int mode> struct Cubic {
             TapColumns columns;
             alignas(64) double open[kWide] = {};
             unsigned apart = 0;
+#pragma GCC unroll 3
             for (int k = 0; k < 3; ++k)
                 apart |= weigh(fraction[k].low, weights.w[k], 0) | weigh(fraction[k].high, weights.w[k], kLanes);
             if (__builtin_expect(apart != 0, 0)) weighOpen(src, at, weights.w, open);

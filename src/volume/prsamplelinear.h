@@ -143,7 +143,9 @@ template <class T> struct Linear {
 
     static ZENR_INLINE void place(const SampleSource<T>& src, const Column& at, WidePlaces* places) {
         Doubles base[3][kParts];
+#pragma GCC unroll 3
         for (int k = 0; k < 3; ++k)
+#pragma GCC unroll 2
             for (int p = 0; p < kParts; p += 2) {
                 Doubles f[2];
                 for (int i = 0; i < 2; ++i) base[k][p + i] = baseOf(at.s[k][p + i], src.high[k], &f[i]);

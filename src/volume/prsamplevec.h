@@ -194,10 +194,11 @@ template <class Wide> struct Placed {
     Wide fraction;
 };
 template <class Wide> ZENR_INLINE Placed<Wide> placed(const double* s, int high) {
-    Doubles at[2], f[2];
-    __builtin_memcpy(at, s, sizeof at);
-    const Doubles low = baseOf(at[0], high, &f[0]), up = baseOf(at[1], high, &f[1]);
-    return {integers(low, up), Wide::of(f[0], f[1])};
+    Doubles a, b, f, g;
+    __builtin_memcpy(&a, s, sizeof a);
+    __builtin_memcpy(&b, s + kLanes, sizeof b);
+    const Doubles low = baseOf(a, high, &f), up = baseOf(b, high, &g);
+    return {integers(low, up), Wide::of(f, g)};
 }
 
 // Neighbours along x of a register of voxels, tap(x) the first of voxel x: first and second ones.
