@@ -62,8 +62,8 @@ template <class T> inline unsigned putInside(const SampleSource<T>& src, Column*
 }
 
 // Columns are sampled several at a time, in two stages: all of them are placed before the first voxel is fetched, so that
-// no load waits for an address that was just computed. More of them would drive source voxels out of the first cache.
-constexpr int kColumns = 4;
+// no load waits for an address that was just computed.
+constexpr int kColumns = kChunk;
 
 // Where the voxels of a column are: how far from the start of a regular source's first plane, or of which plane.
 struct Places {

@@ -46,7 +46,7 @@ inline Double4 load4(const float* p) {
 // are others: both together differ by less than 2^-49 for fractions from -1e-7 to 1 (where two weights change branch, but
 // are continuous).
 // Number is double, or float; Real is that or a vector of them.
-template <int mode, class Number, class Real> inline void weightPolynomials(Real f, Real w[4]) {
+template <int mode, class Number, class Real> ZENR_INLINE void weightPolynomials(Real f, Real w[4]) {
     const Real g = 1 - f;
     if constexpr (mode == 4) {
         constexpr Number half = 0.5, sixth = Number(1.0 / 6);
@@ -375,7 +375,7 @@ template <class T, int mode> struct Cubic {
     }
 #endif
 
-    static unsigned weigh(Doubles f, double (*w)[kWide], int at) {
+    static ZENR_INLINE unsigned weigh(Doubles f, double (*w)[kWide], int at) {
         // As weighAxis has it; but weights of whole positions are known.
         const Doubles before = kWeightError - (f + f),
                       error = before > kWeightError ? before : Doubles{} + kWeightError;

@@ -19,7 +19,7 @@ struct alignas(64) WideWeights {
 
 // Rounds four weights of a register of voxels to float, which differ from the weights defined by less than `error`. The
 // result is the bits of those voxels whose rounding that leaves open.
-inline unsigned roundWeights(const Doubles v[4], Doubles error, double (*w)[kWide], int at) {
+ZENR_INLINE unsigned roundWeights(const Doubles v[4], Doubles error, double (*w)[kWide], int at) {
     constexpr long long kUnit = 1LL << 29; // of a float's last place, in those of a double
     // Neither end of the interval is -0 where the error is 0.
     const Doubles back = 0 - error;
@@ -181,13 +181,13 @@ ZENR_INLINE Doubles weighted(const Doubles tap[4], const double (*w)[kWide], int
     return sum;
 }
 // The sums of kLanes voxels along x.
-inline Doubles sumRows(const double (*columns)[4], const double (*w)[kWide], int at) {
+ZENR_INLINE Doubles sumRows(const double (*columns)[4], const double (*w)[kWide], int at) {
     Doubles tap[4];
     turnOver(columns + at, tap);
     return weighted(tap, w, at);
 }
 // The largest of each of their four sizes, none of which is less than 0.
-inline Doubles largestOf(const double (*size)[4], int at) {
+ZENR_INLINE Doubles largestOf(const double (*size)[4], int at) {
     Doubles tap[4];
     turnOver(size + at, tap);
     const auto more = [](Doubles a, Doubles b) ZENR_INLINED { return a > b ? a : b; };
@@ -209,7 +209,7 @@ ZENR_INLINE Ints nearestInts(Floats v) {
 }
 struct RowWeights {
     Ints upper[2], lower[2];
-    explicit RowWeights(const Floats w[4]) {
+    ZENR_INLINE explicit RowWeights(const Floats w[4]) {
         const Ints odd = Ints{} + int(0xFFFF0000u), low = Ints{} + ((1 << kPiece) - 1) * 0x10001;
         for (int t = 0; t < 2; ++t) {
             const Ints a = nearestInts(w[t] * kWhole), b = nearestInts(w[t + 2] * kWhole);
@@ -248,7 +248,7 @@ inline void collectRows(const WideTaps<uint8_t>& taps, TapRows* rows) {
 }
 
 // In units of kRowUnit.
-inline Floats sumOfRows(const TapRows& rows, const RowWeights& wx, const Floats wy[4], const Floats wz[4]) {
+ZENR_INLINE Floats sumOfRows(const TapRows& rows, const RowWeights& wx, const Floats wy[4], const Floats wz[4]) {
     using Pieces = Simd<kSimdBytes>;
     const auto madd = [](Ints a, Ints b) ZENR_INLINED { return (Ints)Pieces::madd((Pieces::I16)a, (Pieces::I16)b); };
     Floats total = {};
@@ -269,7 +269,7 @@ inline Floats sumOfRows(const TapRows& rows, const RowWeights& wx, const Floats 
 
 #if defined(ZENR_LEVEL_avx512)
 // The sums of eight voxels of a line.
-inline Doubles sumLine(const double* line, __m256i at, const double (*w)[kWide], int x) {
+ZENR_INLINE Doubles sumLine(const double* line, __m256i at, const double (*w)[kWide], int x) {
     Doubles tap[4];
     lineTaps<4>(line, at, tap);
     return weighted(tap, w, x);

@@ -23,18 +23,18 @@ template <class T> struct Nearest {
     static void put(T* to, T voxel) { *static_cast<volatile T*>(to) = voxel; }
 
 #if defined(ZENR_WIDE)
-    // Chunks of a remap of a regular source, positions as floats: truncated, and one more where the double rule would
+    // Whole chunks of a remap of a regular source, positions as floats: truncated, and one more where the double rule would
     // round up, which holds for every float below 2^24.
     static constexpr bool kFloats = true;
     static bool takesFloats(const SampleSource<T>& src) {
         constexpr int kBelow = 1 << 24;
         return src.regular && src.high[0] < kBelow && src.high[1] < kBelow && src.high[2] < kBelow;
     }
-    static void floats(const SampleSource<T>& src, const float* const map[3], int x, T* dst) {
+    static void floats(const SampleSource<T>& src, const float* const map[3], int x, int chunks, T* dst) {
         const int steps[3] = {1, int(src.step), src.planeStep};
         Places places[kColumns];
         unsigned in[kColumns];
-        for (int c = 0; c < kColumns; ++c) {
+        for (int c = 0; c < chunks; ++c) {
             in[c] = 0;
             for (int i = 0; i < kChunk; i += kWide) {
                 Floats s[3];
@@ -56,7 +56,7 @@ template <class T> struct Nearest {
         }
         stageDone();
         const T* const origin = src.planes[src.low[2]];
-        for (int c = 0; c < kColumns; ++c) {
+        for (int c = 0; c < chunks; ++c) {
             const int* const offset = places[c].offset;
             T* const to = dst + x + c * kChunk;
             if (in[c] == kAll) {

@@ -54,12 +54,14 @@ void remapRow(const SampleSource<T>& src, T* dst, int count, const float* const 
     constexpr int kMost = kColumns * kChunk;
     for (int x = 0; x < count; x += kMost) {
         const int n = count - x < kMost ? count - x : kMost;
-        if constexpr (Policy::kFloats)
-            if (Policy::takesFloats(src) && n == kMost) {
-                Policy::floats(src, map, x, dst);
-                continue;
+        int done = 0;
+        if constexpr (Policy::kFloats) {
+            if (Policy::takesFloats(src)) {
+                Policy::floats(src, map, x, n / kChunk, dst);
+                done = n - n % kChunk;
             }
-        remapChunks<T, Policy>(src, dst, n, map, x);
+        }
+        if (done < n) remapChunks<T, Policy>(src, dst, n - done, map, x + done);
     }
 }
 

@@ -54,26 +54,25 @@ void warpRowsAlong(const SampleSource<T>& src, WarpTile<T>* tile, int x, int cou
     }
 }
 
-// Up to kChunk columns of rows side by side.
+// Up to kColumns columns of rows side by side.
 template <class T, class Policy>
 void warpBlock(const SampleSource<T>& src, T* const* row, int rows, int x, int columns, Column* at,
                const double advance[3], ptrdiff_t ahead) {
-    alignas(64) T block[kChunk][kChunk];
-    unsigned out[kChunk];
-    int place[kChunk], kept = 0; // columns with voxels inside
-    Column column[kColumns];
+    alignas(64) T block[kColumns][kChunk];
+    Column column[kColumns]; // those with voxels inside
+    unsigned out[kColumns];
+    int place[kColumns], kept = 0;
     const Whereabouts where = whereabouts(src, *at, advance, columns);
     for (int c = 0; c < columns; ++c) {
-        Column* const next = &column[kept % kColumns];
-        *next = *at;
+        column[kept] = *at;
         move(at, advance);
-        out[kept] = where == Whereabouts::inside ? 0 : where == Whereabouts::outside ? kAll : putInside(src, next);
-        if (out[kept] == kAll) continue;
-        place[kept++] = c;
-        if (kept % kColumns == 0) Policy::columns(src, column, kColumns, ahead, block + kept - kColumns);
+        if (where == Whereabouts::outside) continue;
+        out[kept] = where == Whereabouts::inside ? 0 : putInside(src, &column[kept]);
+        if (out[kept] != kAll) place[kept++] = c;
     }
-    if (const int n = kept % kColumns) Policy::columns(src, column, n, ahead, block + kept - n);
-    if (where == Whereabouts::inside && columns == kChunk && rows == kChunk) return turned(block, row, x);
+    if (kept == 0) return;
+    Policy::columns(src, column, kept, ahead, block);
+    if (where == Whereabouts::inside && columns == kColumns && rows == kChunk) return turned(block, row, x);
     for (int r = 0; r < rows; ++r)
         for (int c = 0; c < kept; ++c)
             if (!(out[c] >> r & 1)) row[r][x + place[c]] = block[c][r];
@@ -99,9 +98,9 @@ void warpRows(const SampleSource<T>& src, WarpTile<T>* tile, int x, int count, c
             for (int i = 0; i < kChunk; ++i) s[k][i] = tile->position[k][r + (i < rows ? i : rows - 1)];
         Column at;
         __builtin_memcpy(&at, s, sizeof at);
-        for (int c = 0; c < count; c += kChunk)
-            warpBlock<T, Policy>(src, tile->row + r, rows, x + c, count - c < kChunk ? count - c : kChunk, &at, advance,
-                                 tile->ahead);
+        for (int c = 0; c < count; c += kColumns)
+            warpBlock<T, Policy>(src, tile->row + r, rows, x + c, count - c < kColumns ? count - c : kColumns, &at,
+                                 advance, tile->ahead);
         __builtin_memcpy(s, &at, sizeof s);
         for (int k = 0; k < 3; ++k)
             for (int i = 0; i < rows; ++i) tile->position[k][r + i] = s[k][i];
