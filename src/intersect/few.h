@@ -26,7 +26,7 @@ ZENR_INLINE Components componentsOf(double x, double y, double z) {
     return _mm256_setr_pd(x, y, z, 0);
 }
 ZENR_INLINE Components componentsAt(const float* at) {
-    return _mm256_cvtps_pd(_mm_loadu_ps(at));
+    return _mm256_cvtps_pd(_mm_blend_ps(_mm_loadu_ps(at), _mm_setzero_ps(), 8)); // another float stands behind them
 }
 #else
 struct Components {
