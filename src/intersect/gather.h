@@ -291,7 +291,7 @@ ZENR_INLINE NextHits nextHits(const GatheringTile& tile, int v, Bits rays, int l
 struct LineRay {
     double point[3];
     Components direction;
-    float best, weight[2];
+    float best, weight[2] = {};
     int triangle; // the nearest so far
     const int* recent;
     int recentCount, previous;

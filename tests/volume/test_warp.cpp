@@ -590,17 +590,20 @@ TEST(SampleModes, WholePositionsAreCopied) {
         std::vector<uint8_t> buffer(static_cast<size_t>(bytes));
         for (int way = 0; way < 3; ++way) {
             std::fill(dst.begin(), dst.end(), NAN);
-            if (way == 0)
+            if (way == 0) {
                 ASSERT_EQ(zenrResize_32f_C1PV(s.data(), size, step, box, d.data(), step, box, 1, 1, 1, 0, 0, 0, mode,
                                               buffer.data()),
                           zenStsNoErr);
-            if (way == 1)
+            }
+            if (way == 1) {
                 ASSERT_EQ(zenrWarpAffine_32f_C1PV(s.data(), size, step, box, d.data(), step, box, identity, mode),
                           zenStsNoErr);
-            if (way == 2)
+            }
+            if (way == 2) {
                 ASSERT_EQ(zenrRemap_32f_C1PV(s.data(), size, step, box, x.data(), y.data(), z.data(), step, d.data(),
                                              step, size, mode),
                           zenStsNoErr);
+            }
             for (size_t i = 0; i < kVoxels; ++i)
                 ASSERT_NEAR(dst[i], src[i], mode == 4 ? 1e-12 : 0) << "way " << way << " mode " << mode;
         }
