@@ -89,9 +89,9 @@ ZENR_INLINE __m256 sizes(__m256 v) {
 
 // 0 where a half-way point between two floats lies within `error` last places of a sum, a positive number elsewhere; in
 // the order of lowWords.
-constexpr float kSmall = 0x1p-13f;
-constexpr int kGuardedError = 1 << 17;
-constexpr int kHalfwayError = 1 << 12;
+inline constexpr float kSmall = 0x1p-13f;
+inline constexpr int kGuardedError = 1 << 17;
+inline constexpr int kHalfwayError = 1 << 12;
 template <int error> ZENR_INLINE __m256i offHalfway(const Eight& s) {
     const __m256i distance = _mm256_add_epi32(lowWords(s), _mm256_set1_epi32((1 << 28) + error));
     return _mm256_and_si256(distance, _mm256_set1_epi32((1 << 29) - 2 * error));

@@ -10,9 +10,9 @@ namespace zenr {
 namespace ZENR_LEVEL {
 namespace {
 
-constexpr int kWindow = 768; // voxels in L1
-constexpr int kColumns = 512;
-constexpr int kBeyond = 24; // what whole registers may reach beyond a window
+inline constexpr int kWindow = 768; // voxels in L1
+inline constexpr int kColumns = 512;
+inline constexpr int kBeyond = 24; // what whole registers may reach beyond a window
 
 ZENR_INLINE void widen4(const uint8_t* s, double* d) {
     int four;

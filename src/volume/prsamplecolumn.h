@@ -63,7 +63,7 @@ template <class T> inline unsigned putInside(const SampleSource<T>& src, Column*
 
 // Columns are sampled several at a time, in two stages: all of them are placed before the first voxel is fetched, so that
 // no load waits for an address that was just computed.
-constexpr int kColumns = kChunk;
+inline constexpr int kColumns = kChunk;
 
 // Where the voxels of a column are: how far from the start of a regular source's first plane, or of which plane.
 struct Places {
@@ -128,7 +128,7 @@ __attribute__((noinline)) void redoColumn(const SampleSource<T>& src, const Colu
 
 // Asks for voxels that will be needed when this slice is done: of every fourth position, as a line serves several
 // columns, and which of them changes from column to column. Inlined, because the compiler drops calls that only ask.
-constexpr int kAskEvery = 4;
+inline constexpr int kAskEvery = 4;
 template <class T> ZENR_INLINE void ask(const T* origin, const int* offset, int count, ptrdiff_t ahead, int column) {
     if (!ahead) return;
     const T* const at = origin + ahead;

@@ -331,7 +331,7 @@ template <class T, int mode> struct Cubic {
                 const Wide size = {largestOf(columns.size, 0), largestOf(columns.size, kLanes)};
                 doubt = settle(out, sum, {size.low * (gap[0] * 2 + kShare), size.high * (gap[1] * 2 + kShare)});
                 const double most = kLargest;
-                doubt |= bitsOf(size.low > most) | bitsOf(size.high > most) << kLanes;
+                doubt |= bitsOf((Flags)(size.low > most)) | bitsOf((Flags)(size.high > most)) << kLanes;
             } else {
                 doubt = settle(out, sum, {gap[0] * 131072 + kErrorOf16, gap[1] * 131072 + kErrorOf16});
             }

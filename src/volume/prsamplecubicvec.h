@@ -30,11 +30,11 @@ ZENR_INLINE unsigned roundWeights(const Doubles v[4], Doubles error, double (*w)
         __builtin_memcpy(&w[t][at], &rounded, sizeof rounded);
         apart |= low ^ high;
     }
-    return bitsOf((apart & -kUnit) != 0);
+    return bitsOf((Flags)((apart & -kUnit) != 0));
 }
 
 // Where the taps of a register of voxels are. Voxel x's first is at first + offset[x] of its group of four voxels.
-constexpr int kGroup = 4;
+inline constexpr int kGroup = 4;
 template <class T> struct TapGroup {
     const T* first;
     ptrdiff_t step, planeStep;
@@ -197,9 +197,9 @@ ZENR_INLINE Doubles largestOf(const double (*size)[4], int at) {
 // ---- 8 bit: the four taps of a row are one number of 32 bits, so that all stages take voxels side by side. ----
 
 // Rows along x are summed in integers: weights in two pieces of 15 bits, of taps 0 and 2, and 1 and 3.
-constexpr int kPiece = 15;
-constexpr float kWhole = 1 << 29;           // weight 1, in units of the lower piece
-constexpr float kRowUnit = 1.f / (1 << 21); // of the sums of rows
+inline constexpr int kPiece = 15;
+inline constexpr float kWhole = 1 << 29;           // weight 1, in units of the lower piece
+inline constexpr float kRowUnit = 1.f / (1 << 21); // of the sums of rows
 ZENR_INLINE Ints nearestInts(Floats v) {
 #if defined(ZENR_LEVEL_avx512)
     return (Ints)_mm512_cvtps_epi32(__m512(v));

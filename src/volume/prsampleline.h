@@ -9,7 +9,7 @@ namespace avx512 {
 namespace {
 
 // Room that a window may take behind the last voxel of a line.
-constexpr int kLineRest = 32;
+inline constexpr int kLineRest = 32;
 
 // Sixteen rows become one line, as far as whole registers go; returns where they end. The compiler leaves conversions
 // from 8 bits one by one.

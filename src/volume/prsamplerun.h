@@ -6,10 +6,10 @@ namespace zenr {
 namespace ZENR_LEVEL {
 namespace {
 
-constexpr int kRun = 256; // voxels of a row whose positions are told at once
+inline constexpr int kRun = 256; // voxels of a row whose positions are told at once
 
-constexpr int kMantissa = 52;
-constexpr uint64_t kFraction = (uint64_t(1) << kMantissa) - 1;
+inline constexpr int kMantissa = 52;
+inline constexpr uint64_t kFraction = (uint64_t(1) << kMantissa) - 1;
 
 inline uint64_t bitsOf(double x) {
     return __builtin_bit_cast(uint64_t, x);
@@ -45,7 +45,7 @@ inline int evenCount(double first, double advance, double step, int most) {
     return 1;
 }
 
-alignas(64) constexpr double kCount[kChunk] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+alignas(64) inline constexpr double kCount[kChunk] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
 
 // The positions of a run along an axis, followed by room for a last chunk that is not full.
 struct AxisRun {

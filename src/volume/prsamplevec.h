@@ -13,8 +13,8 @@ namespace {
 
 typedef double Doubles __attribute__((vector_size(kSimdBytes)));
 typedef int64_t Flags __attribute__((vector_size(kSimdBytes))); // -1 or 0
-constexpr int kLanes = kSimdBytes / int(sizeof(double));
-constexpr int kParts = kChunk / kLanes;
+inline constexpr int kLanes = kSimdBytes / int(sizeof(double));
+inline constexpr int kParts = kChunk / kLanes;
 
 #if defined(ZENR_LEVEL_sse2)
 inline unsigned bitsOf(Flags flags) {
@@ -42,7 +42,7 @@ typedef float Floats __attribute__((vector_size(kSimdBytes)));
 typedef int Ints __attribute__((vector_size(kSimdBytes)));
 typedef uint32_t Words __attribute__((vector_size(kSimdBytes)));
 typedef uint16_t HalfWords __attribute__((vector_size(kSimdBytes)));
-constexpr int kWide = kSimdBytes / int(sizeof(float)); // voxels of a register
+inline constexpr int kWide = kSimdBytes / int(sizeof(float)); // voxels of a register
 
 // ---- What differs between the levels: conversions, and what compiler vectors have no operator for. ----
 

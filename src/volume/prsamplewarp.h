@@ -8,7 +8,7 @@ namespace zenr {
 namespace ZENR_LEVEL {
 namespace {
 
-constexpr int kAlignedRun = 64; // voxels of a row along x of the source that are sampled at once
+inline constexpr int kAlignedRun = 64; // voxels of a row along x of the source that are sampled at once
 
 // Whether a tile's rows go along x of the source, and slowly enough for its lines.
 template <class T> bool alongX(const WarpTile<T>& tile, const double advance[3]) {
