@@ -4,6 +4,7 @@
 #pragma once
 #include "intersect/constants.h"
 #include "intersect/lanes.h"
+#include "intersect/record.h"
 #include "zenr.h"
 
 namespace zenr {
@@ -120,7 +121,7 @@ ZENR_INLINE void share(Row& r, const double (&origin)[4]) {
     const Doubles oB = pick(r.b, from);
     r.u = r.pA - pick(r.a, from);
     r.w = oB - r.pB;
-    r.num = r.nB * (r.pB - oB) + r.nA * r.u + r.pK - pick(r.k, from);
+    r.num = numeratorOf(r, r.u, oB, pick(r.k, from));
 }
 
 // Tests a row, whose triangles are numbered as in `list`, for one ray after the other; returns the rays whose search ends
@@ -132,27 +133,22 @@ ZENR_INLINE Set testRow(const Row& r, const int* list, Rays&& rays, Set set) {
         const int ray = lowestOf(set);
         const Components toward = rays.toward(ray);
         const Doubles dA = pick(r.a, toward), dB = pick(r.b, toward), dK = pick(r.k, toward);
-        const Doubles det = r.nA * dA + r.nB * dB + dK;
-        Doubles u = r.u, w = r.w, num = r.num;
+        Solution s;
+        s.det = r.nA * dA + r.nB * dB + dK;
+        s.num = r.num;
+        Doubles u = r.u, w = r.w;
         if (Search::kOwnOrigins) {
             const Components from = rays.fromOf(ray);
             const Doubles oB = pick(r.b, from);
             u = r.pA - pick(r.a, from);
             w = oB - r.pB;
-            num = r.nB * (r.pB - oB) + r.nA * u + r.pK - pick(r.k, from);
+            s.num = numeratorOf(r, u, oB, pick(r.k, from));
         }
-        const Doubles x = dA * num - u * det;
-        const Doubles y = dB * num + w * det;
-        const Doubles beta = r.e2B * x - r.e2A * y;
-        const Doubles gamma = r.e1A * y - r.e1B * x;
-        const Doubles alpha = det - beta - gamma;
-        const Doubles zero = {};
-        Bits bits =
-            r.proper & lessEqual(zero, alpha * beta) & lessEqual(zero, beta * gamma) & lessEqual(zero, alpha * gamma);
-        if (Search::kGateDeterminant) bits &= ~less(absolute(det), all(double(kDeterminantGate)));
+        Bits bits = r.proper & insideEdges(r, dA, dB, u, w, s);
+        if (Search::kGateDeterminant) bits &= ~less(absolute(s.det), all(double(kDeterminantGate)));
         if (!bits) continue;
 
-        const Doubles quotient = num / det;
+        const Doubles quotient = s.num / s.det;
         for (; bits; bits &= bits - 1) {
             const int i = __builtin_ctz(bits);
             const float t = float(quotient[i]);
@@ -168,7 +164,7 @@ ZENR_INLINE Set testRow(const Row& r, const int* list, Rays&& rays, Set set) {
             if constexpr (Search::kSuccessive) {
                 if (rays.passesOver(ray, list[i])) continue;
             }
-            rays.take(ray, t, float(beta[i] / det[i]), float(gamma[i] / det[i]), list[i]);
+            rays.take(ray, t, float(s.beta[i] / s.det[i]), float(s.gamma[i] / s.det[i]), list[i]);
         }
     }
     return ended;
@@ -177,12 +173,10 @@ ZENR_INLINE Set testRow(const Row& r, const int* list, Rays&& rays, Set set) {
 // As many records as a register has floats, for a quick test: the test in single precision, with a bound on all errors,
 // turns away rays that surely pass outside a triangle, because one weight is surely positive and another surely negative,
 // or come away from its plane.
-struct QuickRow {
-    Floats nA, nB, pK, pA, pB, e1A, e1B, e2A, e2B;
+struct QuickRow : FloatRecords {
     Ints k, a, b;                       // the lowest two bits count
     Floats perApart, error;             // of a weight: so much more for each unit of distance
     Floats perApartBehind, errorBehind; // of the product of the distance's numerator and denominator
-    Bits proper;
 };
 
 constexpr float kBelieved = 1e11f; // from there on a bound may be wrong itself
@@ -193,21 +187,10 @@ struct Reach {
 };
 
 ZENR_INLINE void load(QuickRow& r, const int* list, int count, const ZenrTriangleAccel* accel, const Reach& reach) {
-    alignas(64) int number[kLanes];
-    const Ints numbers = firstOf(list, count); // lanes without a triangle read the first record, and are left out below
-    __builtin_memcpy(number, &numbers, sizeof number);
-    const auto rowFrom = [&](int lane, int word) {
-        return _mm_loadu_ps(reinterpret_cast<const float*>(accel + number[lane]) + word);
-    };
-    Floats axes, unused;
-    turnRows([&](int lane) { return rowFrom(lane, 0); }, axes, r.nA, r.pK, r.nB);
-    turnRows([&](int lane) { return rowFrom(lane, 4); }, r.pA, r.pB, r.e2A, r.e2B);
-    turnRows([&](int lane) { return rowFrom(lane, 6); }, unused, unused, r.e1A, r.e1B);
-    const Ints flags = (Ints)axes, order = flags & all(int32_t(63));
-    r.k = flags >> 4;
-    r.a = flags >> 2;
-    r.b = flags;
-    r.proper = ~equal(flags, Ints{}) & (count < kLanes ? (Bits(1) << count) - 1 : kAllLanes);
+    load(static_cast<FloatRecords&>(r), list, count, accel);
+    r.k = r.flags >> 4;
+    r.a = r.flags >> 2;
+    r.b = r.flags;
 
     // With e = 2^-24, R = `steep` and `apart` the three sizes of u, w and q together, each within 1e of its own:
     // the denominator is within 3e of R, the numerator within 4e of normal * apart, x and y within 12e of R * apart, beta
@@ -215,8 +198,6 @@ ZENR_INLINE void load(QuickRow& r, const int* list, int count, const ZenrTriangl
     // 2^-20 is 16e. The product of numerator and denominator is within 8e of normal * R * apart. The test in double adds
     // what is lost where coordinates along k cancel. What is added of `bulk` is for underflows; and where anything could
     // overflow it makes the bound too large to be believed (below), as do NaN and records of other axes.
-    const Bits known =
-        equal(order, all(int32_t(4 * 1 + 2))) | equal(order, all(int32_t(16 + 2))) | equal(order, all(int32_t(32 + 1)));
     const Floats one = all(1.f), direction = all(reach.direction);
     const Floats normal = absolute(r.nA) + absolute(r.nB) + one;
     const Floats edges = absolute(r.e1A) + absolute(r.e1B) + (absolute(r.e2A) + absolute(r.e2B));
@@ -224,7 +205,7 @@ ZENR_INLINE void load(QuickRow& r, const int* list, int count, const ZenrTriangl
     const Floats steep = normal * direction, bulk = (edges + one) * (steep + normal);
     r.perApart = about(edges * steep, all(0x1p-19f), bulk * all(1e-25f));
     r.error = about(steep, all(0x1p-20f), about(edges * direction, lost, bulk * all(1e-30f)));
-    r.error = select(known, r.error, all(__builtin_inff()));
+    r.error = select(r.isX | r.isY | r.isZ, r.error, all(__builtin_inff()));
     r.perApartBehind = normal * steep * all(0x1p-19f);
     r.errorBehind = about(steep, lost, bulk * all(1e-30f));
 }

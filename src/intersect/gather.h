@@ -113,8 +113,8 @@ ZENR_INLINE bool mayGather(const Tile& tile, Set64 rays, const float* box) {
 
 // Which coordinates a record projects to: those other than the axis numbered here, or 3 where no record of ours does so.
 ZENR_INLINE int projectionOf(const ZenrTriangleAccel& r) {
-    const uint32_t order = r.axes & 63u;
-    return order == 4 * 1 + 2 ? 0 : order == 16 + 2 ? 1 : order == 32 + 1 ? 2 : 3;
+    const int32_t order = int32_t(r.axes & 63u);
+    return order == kOrderX ? 0 : order == kOrderY ? 1 : order == kOrderZ ? 2 : 3;
 }
 
 // Notes a triangle for those rays that may meet it; returns the rays whose room is full.
@@ -203,18 +203,6 @@ ZENR_INLINE Set64 gatherLeaf(const ZenrKDTreeNode* leaf, const ZenrTriangleAccel
 
 // ---- One layer of searches, side by side --------------------------------------------------------------------------
 
-ZENR_INLINE Doubles select(Bits bits, Doubles a, Doubles b) {
-#if defined(__AVX512BW__)
-    return (Doubles)_mm512_mask_blend_pd((__mmask8)bits, (__m512d)b, (__m512d)a);
-#elif defined(__AVX2__)
-    const __m256i lane = _mm256_setr_epi64x(1, 2, 4, 8);
-    const __m256i mask = _mm256_cmpeq_epi64(_mm256_and_si256(_mm256_set1_epi64x(bits), lane), lane);
-    return (Doubles)_mm256_blendv_pd((__m256d)b, (__m256d)a, _mm256_castsi256_pd(mask));
-#else
-    return Doubles{bits & 1 ? a[0] : b[0], bits & 2 ? a[1] : b[1]};
-#endif
-}
-
 // What a register of rays meets next.
 struct NextHits {
     Bits hit;     // these meet their next triangle
@@ -223,7 +211,7 @@ struct NextHits {
     Ints triangle;
 };
 
-// A half of the rays, each against a triangle of its own; operation for operation as for one ray.
+// A half of the rays, each against a triangle of its own.
 template <int Half>
 ZENR_INLINE Bits insideEach(const Row& r, Bits isX, Bits isY, const GatheringTile& tile, int v, Solution& s) {
     const Doubles dX = toDoubles<Half>(tile.direction[0][v]), dY = toDoubles<Half>(tile.direction[1][v]),
@@ -233,14 +221,8 @@ ZENR_INLINE Bits insideEach(const Row& r, Bits isX, Bits isY, const GatheringTil
     const Doubles oA = select(isX, oY, oX), oB = select(isX | isY, oZ, oY), oK = select(isX, oX, select(isY, oY, oZ));
     s.det = r.nA * dA + r.nB * dB + dK;
     const Doubles u = r.pA - oA, w = oB - r.pB;
-    s.num = r.nB * (r.pB - oB) + r.nA * u + r.pK - oK;
-    const Doubles x = dA * s.num - u * s.det;
-    const Doubles y = dB * s.num + w * s.det;
-    s.beta = r.e2B * x - r.e2A * y;
-    s.gamma = r.e1A * y - r.e1B * x;
-    const Doubles alpha = s.det - s.beta - s.gamma;
-    const Doubles zero = {};
-    return lessEqual(zero, alpha * s.beta) & lessEqual(zero, s.beta * s.gamma) & lessEqual(zero, alpha * s.gamma);
+    s.num = numeratorOf(r, u, oB, oK);
+    return insideEdges(r, dA, dB, u, w, s);
 }
 
 // The searches of a layer for rays that have met all the triangles before it in the order of their places. Those that are

@@ -174,6 +174,17 @@ ZENR_INLINE Floats select(Bits bits, Floats a, Floats b) {
 ZENR_INLINE Ints select(Bits bits, Ints a, Ints b) {
     return (Ints)select(bits, (Floats)a, (Floats)b);
 }
+ZENR_INLINE Doubles select(Bits bits, Doubles a, Doubles b) {
+#if defined(__AVX512BW__)
+    return (Doubles)_mm512_mask_blend_pd((__mmask8)bits, (__m512d)b, (__m512d)a);
+#elif defined(__AVX2__)
+    const __m256i lane = _mm256_setr_epi64x(1, 2, 4, 8);
+    const __m256i mask = _mm256_cmpeq_epi64(_mm256_and_si256(_mm256_set1_epi64x(bits), lane), lane);
+    return (Doubles)_mm256_blendv_pd((__m256d)b, (__m256d)a, _mm256_castsi256_pd(mask));
+#else
+    return Doubles{bits & 1 ? a[0] : b[0], bits & 2 ? a[1] : b[1]};
+#endif
+}
 
 #if defined(__AVX2__) && !defined(__AVX512BW__)
 // The lanes of each set of bits one after the other.

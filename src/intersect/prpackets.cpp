@@ -699,6 +699,25 @@ void any(const RayBlock& block) {
     }
 }
 
+// Moves the rays of a vector along their directions.
+ZENR_INLINE void stepAlong(Tile& tile, int v, Floats t) {
+    for (int k = 0; k < 3; ++k) {
+        Doubles& low = tile.from[k][v][0];
+        Doubles& high = tile.from[k][v][1];
+        low = low + toDoubles<0>(tile.direction[k][v]) * toDoubles<0>(t);
+        high = high + toDoubles<1>(tile.direction[k][v]) * toDoubles<1>(t);
+    }
+}
+
+// Writes the hits of a layer, whose results begin at `at`.
+void storeLayer(const RayBlock& block, Tile& tile, const Place& place, size_t at, Set64 hit,
+                Floats (&total)[Tile::kVectors]) {
+    scatter(block.triangle + at, reinterpret_cast<int*>(tile.triangle), place, hit);
+    scatter(block.hit[0] + at, floatsOf(tile.weight[0]), place, hit);
+    scatter(block.hit[1] + at, floatsOf(tile.weight[1]), place, hit);
+    scatter(block.distance + at, floatsOf(total), place, hit);
+}
+
 // The successive hits of one ray from what was gathered; false where searches have to tell.
 bool multipleOfOne(const RayBlock& block, GatheringTile& tile, int ray, size_t at, float maximum) {
     const size_t stride = size_t(block.width) * size_t(block.height);
@@ -773,20 +792,12 @@ Set64 multipleAtOnce(const RayBlock& block, GatheringTile& tile, const Place& pl
             for (int w = 0; w < 2; ++w) tile.weight[w][v] = next.weight[w];
             along[v][0] = along[v][0] + toDoubles<0>(t);
             along[v][1] = along[v][1] + toDoubles<1>(t);
-            for (int k = 0; k < 3; ++k) {
-                Doubles& low = tile.from[k][v][0];
-                Doubles& high = tile.from[k][v][1];
-                low = low + toDoubles<0>(tile.direction[k][v]) * toDoubles<0>(t);
-                high = high + toDoubles<1>(tile.direction[k][v]) * toDoubles<1>(t);
-            }
+            stepAlong(tile, v, t);
             const Floats p = toFloats(along[v][0], along[v][1]);
             inside |= whole(less(tile.tmin[v], p) & less(p, tile.tmax[v] - all(kInside)), v);
             tile.best[v] = all(FLT_MAX);
         }
-        scatter(block.triangle + at, reinterpret_cast<int*>(tile.triangle), place, hit);
-        scatter(block.hit[0] + at, floatsOf(tile.weight[0]), place, hit);
-        scatter(block.hit[1] + at, floatsOf(tile.weight[1]), place, hit);
-        scatter(block.distance + at, floatsOf(total), place, hit);
+        storeLayer(block, tile, place, at, hit, total);
         if (layer + 1 == block.maxHits) break;
         scatter(block.distance + at + stride, floatsOf(tile.best), place, hit);
         left |= hit & ~inside;
@@ -831,12 +842,9 @@ bool multipleInLayers(const RayBlock& block, Tile& tile, const Place& place, Set
             total[v] = layer > 0 ? t + total[v] : t;
             tile.previous[v] = tile.recent[layer % kRing][v] = tile.triangle[v];
             Floats exit = all(FLT_MAX);
+            stepAlong(tile, v, t);
             for (int k = 0; k < 3; ++k) {
-                Doubles& low = tile.from[k][v][0];
-                Doubles& high = tile.from[k][v][1];
-                low = low + toDoubles<0>(tile.direction[k][v]) * toDoubles<0>(t);
-                high = high + toDoubles<1>(tile.direction[k][v]) * toDoubles<1>(t);
-                const Floats o = tile.origin[k][v] = toFloats(low, high);
+                const Floats o = tile.origin[k][v] = toFloats(tile.from[k][v][0], tile.from[k][v][1]);
                 const Floats inverse = tile.inverse[k][v];
                 exit = smaller(larger((all(block.box[k]) - o) * inverse, (all(block.box[3 + k]) - o) * inverse), exit);
             }
@@ -844,10 +852,7 @@ bool multipleInLayers(const RayBlock& block, Tile& tile, const Place& place, Set
             tile.tmax[v] = exit + all(kBehindBox);
             tile.best[v] = all(FLT_MAX);
         }
-        scatter(block.triangle + at, reinterpret_cast<int*>(tile.triangle), place, hit);
-        scatter(block.hit[0] + at, floatsOf(tile.weight[0]), place, hit);
-        scatter(block.hit[1] + at, floatsOf(tile.weight[1]), place, hit);
-        scatter(block.distance + at, floatsOf(total), place, hit);
+        storeLayer(block, tile, place, at, hit, total);
         rays = hit;
         if (layer + 1 == block.maxHits) break;
         // Only the first layer honours the caller's maximum distance.

@@ -14,6 +14,7 @@
 #include "intersect/few.h"
 #include "intersect/interior.h"
 #include "intersect/lanes.h"
+#include "intersect/record.h"
 #include "kdtree/kdtree.h"
 #include "zenr.h"
 
@@ -126,16 +127,11 @@ ZENR_INLINE void load(Triangle& r, const ZenrTriangleAccel& from, int number, co
     if constexpr (!Search::kOwnOrigins) {
         r.u = r.pA - tile.sharedFrom[r.a];
         r.w = tile.sharedFrom[r.b] - r.pB;
-        r.num = r.nB * (r.pB - tile.sharedFrom[r.b]) + r.nA * r.u + r.pK - tile.sharedFrom[r.k];
+        r.num = numeratorOf(r, r.u, tile.sharedFrom[r.b], tile.sharedFrom[r.k]);
     }
 }
 
-// Numerator and denominator of a half's distances and weights.
-struct Solution {
-    Doubles num, det, beta, gamma;
-};
-
-// The rays of a half that hit the triangle's plane inside it; operation for operation as for one ray.
+// The rays of a half that hit the triangle's plane inside it.
 template <class Search, int Half> ZENR_INLINE Bits inside(const Triangle& r, const Tile& tile, int v, Solution& s) {
     const Doubles dA = toDoubles<Half>(tile.direction[r.a][v]), dB = toDoubles<Half>(tile.direction[r.b][v]),
                   dK = toDoubles<Half>(tile.direction[r.k][v]);
@@ -146,15 +142,9 @@ template <class Search, int Half> ZENR_INLINE Bits inside(const Triangle& r, con
         const Doubles oB = tile.from[r.b][v][Half];
         u = all(r.pA) - tile.from[r.a][v][Half];
         w = oB - all(r.pB);
-        s.num = all(r.nB) * (all(r.pB) - oB) + all(r.nA) * u + all(r.pK) - tile.from[r.k][v][Half];
+        s.num = numeratorOf(r, u, oB, tile.from[r.k][v][Half]);
     }
-    const Doubles x = dA * s.num - u * s.det;
-    const Doubles y = dB * s.num + w * s.det;
-    s.beta = all(r.e2B) * x - all(r.e2A) * y;
-    s.gamma = all(r.e1A) * y - all(r.e1B) * x;
-    const Doubles alpha = s.det - s.beta - s.gamma;
-    const Doubles zero = {};
-    Bits bits = lessEqual(zero, alpha * s.beta) & lessEqual(zero, s.beta * s.gamma) & lessEqual(zero, alpha * s.gamma);
+    Bits bits = insideEdges(r, dA, dB, u, w, s);
     if (Search::kGateDeterminant) bits &= ~less(absolute(s.det), all(double(kDeterminantGate)));
     return bits;
 }
@@ -179,31 +169,20 @@ struct Outline {
     Floats error;
     Floats plane[3];
     Floats reaches;
-    Bits regular; // lanes that are triangles
+    Bits proper;
 };
 
 template <bool Segment>
 ZENR_INLINE void outline(Outline& o, const ZenrTriangleAccel* accel, const int* list, int count, const float* origin,
                          float reach, float drift) {
-    static_assert(sizeof(ZenrTriangleAccel) == 40, "a record is read as rows of four floats");
-    alignas(64) int number[kLanes];
-    const Ints numbers = firstOf(list, count); // lanes without a triangle read the first record, and are left out below
-    __builtin_memcpy(number, &numbers, sizeof number);
-    const auto rowFrom = [&](int lane, int word) {
-        return _mm_loadu_ps(reinterpret_cast<const float*>(accel + number[lane]) + word);
-    };
-    Floats axes, nA, pK, nB, pA, pB, e2A, e2B, e1A, e1B, unused;
-    turnRows([&](int lane) { return rowFrom(lane, 0); }, axes, nA, pK, nB);
-    turnRows([&](int lane) { return rowFrom(lane, 4); }, pA, pB, e2A, e2B);
-    turnRows([&](int lane) { return rowFrom(lane, 6); }, unused, unused, e1A, e1B);
-
-    const Ints order = (Ints)axes & all(int32_t(63));
-    const Bits isX = equal(order, all(int32_t(4 * 1 + 2))), isY = equal(order, all(int32_t(16 + 2))),
-               isZ = equal(order, all(int32_t(32 + 1)));
+    FloatRecords r;
+    load(r, list, count, accel);
+    const Floats nA = r.nA, nB = r.nB, pK = r.pK, e1A = r.e1A, e1B = r.e1B, e2A = r.e2A, e2B = r.e2B;
+    const Bits isX = r.isX, isY = r.isY, isZ = r.isZ;
     const Floats x = all(origin[0]), y = all(origin[1]), z = all(origin[2]);
     const Floats oA = select(isX, y, x), oB = select(isZ, y, z), oK = select(isX, x, select(isY, y, z));
 
-    const Floats u = pA - oA, w = oB - pB, q = pK - oK;
+    const Floats u = r.pA - oA, w = oB - r.pB, q = pK - oK;
     const Floats num = about(nA, u, q - nB * w);
     const Floats pullBeta = about(e2B, u, e2A * w), pullGamma = about(e1A, w, e1B * u);
     const Floats beta[3] = {e2B * num - pullBeta * nA, -(e2A * num) - pullBeta * nB, -pullBeta};
@@ -241,8 +220,7 @@ ZENR_INLINE void outline(Outline& o, const ZenrTriangleAccel* accel, const int* 
         const Floats unsure = about(about(all(reach), normal, size), all(0x1p-21f), lost);
         o.reaches = select(isX | isY | isZ, absolute(num) - unsure, all(-1.f));
     }
-    o.regular = ~equal((Ints)axes, Ints{});
-    o.regular &= count < kLanes ? (Bits(1) << count) - 1 : kAllLanes;
+    o.proper = r.proper;
 }
 
 // The triangles that some ray of a box may meet.
@@ -261,7 +239,7 @@ ZENR_INLINE Bits mayMeet(const Outline& o, const Tile& tile, int box) {
     // Twice the bound, because the rays are themselves bounded by rounded numbers.
     const Floats error = o.error + o.error;
     const Bits negative = less(smaller(smaller(high[0], high[1]), high[2]), -error);
-    return ~(negative & less(error, larger(larger(low[0], low[1]), low[2]))) & o.regular;
+    return ~(negative & less(error, larger(larger(low[0], low[1]), low[2]))) & o.proper;
 }
 
 // The rays of a vector of directions that may meet a triangle.
