@@ -47,9 +47,9 @@ template <class Prepare, class Work> double best(double seconds, const Prepare& 
     double least = 1e9, spent = 0;
     for (int i = 0; i < 2 || spent < seconds; ++i) {
         prepare();
-        const double begin = threadSeconds();
+        const double begin = processSeconds();
         work();
-        const double took = threadSeconds() - begin;
+        const double took = processSeconds() - begin;
         least = std::min(least, took);
         spent += took;
     }

@@ -28,7 +28,7 @@ const char kUsage[] =
 
 // The least time of a run.
 template <class Work> double best(bool wall, double budget, const Work& work) {
-    return leastSeconds(wall ? wallSeconds : threadSeconds, budget, work, 20);
+    return leastSeconds(wall ? wallSeconds : processSeconds, budget, work, 20);
 }
 
 template <class T> constexpr const char* kTypeName = sizeof(T) == 1 ? "8u" : sizeof(T) == 2 ? "16u" : "32f";

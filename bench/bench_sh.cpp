@@ -40,12 +40,12 @@ std::vector<double> measure(int n, const std::vector<std::function<void()>>& can
         for (size_t c = 0; c < candidates.size(); ++c) {
             candidates[c](); // warms the caches after the candidate before
             int calls = 0;
-            const double start = threadSeconds();
+            const double start = processSeconds();
             double spent;
             do {
                 for (int i = 0; i < 1 + 20000 / n; ++i) candidates[c]();
                 calls += 1 + 20000 / n;
-                spent = threadSeconds() - start;
+                spent = processSeconds() - start;
             } while (spent < turnSeconds);
             best[c] = std::min(best[c], spent / calls / n * 1e9);
         }

@@ -138,7 +138,7 @@ double row(const std::string& what, int n, const std::vector<T>& src, const doub
         }
     };
     zenSetNumThreads(1);
-    const double one = leastSeconds(threadSeconds, kBudget, run);
+    const double one = leastSeconds(processSeconds, kBudget, run);
     printf("%-28s %8.3f ns/voxel", name.c_str(), one / voxels * 1e9);
     double fastest = 0, threads = 0;
     if (peers && !alone && levelName.empty()) {
@@ -148,7 +148,7 @@ double row(const std::string& what, int n, const std::vector<T>& src, const doub
             printf("  %s %.2fx", who, time / one);
             fastest = fastest > 0 ? std::min(fastest, time) : time;
         };
-        report("plain", leastSeconds(threadSeconds, kBudget, [&] { plainWarp(task, src.data(), peer.data()); }));
+        report("plain", leastSeconds(processSeconds, kBudget, [&] { plainWarp(task, src.data(), peer.data()); }));
         // Both must have done the same work. Positions that lie on an edge may fall on its other side.
         size_t apart = 0;
         const double allowed = sizeof(T) == 4 ? 2e-3 : sizeof(T) == 2 ? 4 : 1;
@@ -159,12 +159,12 @@ double row(const std::string& what, int n, const std::vector<T>& src, const doub
         }
 #if defined(ZENR_BENCH_CIMG)
         CimgWarp<T> cimg(task, src.data());
-        report("CImg", leastSeconds(threadSeconds, kBudget, [&] { cimg.run(); }));
+        report("CImg", leastSeconds(processSeconds, kBudget, [&] { cimg.run(); }));
 #endif
 #if defined(ZENR_BENCH_VTK)
         if (matrix) {
             VtkWarp<T> vtk(task, src.data());
-            report("VTK", leastSeconds(threadSeconds, kBudget, [&] { vtk.run(); }));
+            report("VTK", leastSeconds(processSeconds, kBudget, [&] { vtk.run(); }));
         }
 #endif
         printf("  fastest peer %.2fx", fastest / one);

@@ -4,8 +4,8 @@
 #include <vtkImageInterpolator.h>
 #include <vtkImageResize.h>
 #include <vtkImageReslice.h>
-#include <vtkMultiThreader.h>
 #include <vtkNew.h>
+#include <vtkThreadedImageAlgorithm.h>
 
 #include "resize_peers.h"
 
@@ -18,7 +18,8 @@ template <class T> struct VtkResize<T>::State {
 };
 
 template <class T> VtkResize<T>::VtkResize(const ResizeTask& task, const T* src) : state_(new State) {
-    vtkMultiThreader::SetGlobalMaximumNumberOfThreads(1);
+    // Or it takes a pool of threads of its own, whatever their number is set to.
+    vtkThreadedImageAlgorithm::SetGlobalDefaultEnableSMP(false);
     State& s = *state_;
     s.image->SetDimensions(task.n, task.n, task.n);
     s.image->AllocateScalars(sizeof(T) == 1 ? VTK_UNSIGNED_CHAR : sizeof(T) == 2 ? VTK_UNSIGNED_SHORT : VTK_FLOAT, 1);

@@ -7,9 +7,10 @@ inline double secondsOf(clockid_t clock) {
     clock_gettime(clock, &t);
     return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
 }
-// The processor time of this thread, on which other load on the machine counts less; and the time of the wall for teams.
-inline double threadSeconds() {
-    return secondsOf(CLOCK_THREAD_CPUTIME_ID);
+// The processor time of this process, on which other load on the machine counts less, and which has that of threads a peer
+// starts unasked; and the time of the wall for teams.
+inline double processSeconds() {
+    return secondsOf(CLOCK_PROCESS_CPUTIME_ID);
 }
 inline double wallSeconds() {
     return secondsOf(CLOCK_MONOTONIC);

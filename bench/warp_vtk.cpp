@@ -3,8 +3,8 @@
 #include <vtkImageData.h>
 #include <vtkImageReslice.h>
 #include <vtkMatrix4x4.h>
-#include <vtkMultiThreader.h>
 #include <vtkNew.h>
+#include <vtkThreadedImageAlgorithm.h>
 
 #include "warp_peers.h"
 
@@ -14,7 +14,8 @@ template <class T> struct VtkWarp<T>::State {
 };
 
 template <class T> VtkWarp<T>::VtkWarp(const WarpPeerTask& task, const T* src) : state_(new State) {
-    vtkMultiThreader::SetGlobalMaximumNumberOfThreads(1);
+    // Or it takes a pool of threads of its own, whatever their number is set to.
+    vtkThreadedImageAlgorithm::SetGlobalDefaultEnableSMP(false);
     State& s = *state_;
     const int n = task.n;
     s.image->SetDimensions(n, n, n);
