@@ -23,15 +23,35 @@ template <> struct NearestGroup<float> {
     uint8_t voxels[8];
     int window[2];
 };
+// 64 bytes of columns that share one window of one or two whole registers, where the level permutes those.
+template <class T> struct NearestWide {
+    static constexpr int kColumns = 64 / int(sizeof(T));
+    uint8_t voxels[kColumns];
+    int window;
+};
+// Permutations move pairs of bytes: those that have the even columns' bytes, those that have the odd columns', and which
+// byte of a pair it is.
+template <> struct NearestWide<uint8_t> {
+    static constexpr int kColumns = 64;
+    uint8_t even[32];
+    uint8_t odd[32];
+    uint8_t turn[64];
+    int window;
+};
 // Where groups serve, they stand in the place of a table of columns.
 static_assert(sizeof(NearestGroup<uint8_t>) <= 32 * sizeof(int), "");
 static_assert(sizeof(NearestGroup<uint16_t>) <= 16 * sizeof(int), "");
 static_assert(sizeof(NearestGroup<float>) <= 8 * sizeof(int), "");
+static_assert(sizeof(NearestWide<uint8_t>) <= 64 * sizeof(int), "");
+static_assert(sizeof(NearestWide<uint16_t>) <= 32 * sizeof(int), "");
+static_assert(sizeof(NearestWide<float>) <= 16 * sizeof(int), "");
 
 template <class T> struct NearestKernels {
     RowNearest<T>* row;
     // n columns, at least those of a group; the last group has the last columns. Null at levels that have no shuffles.
     void (*rowGroups)(const T* src, const NearestGroup<T>* groups, int columns, T* dst, int n);
+    // Likewise. Null where registers of 64 bytes are not permuted.
+    void (*rowWide)(const T* src, const NearestWide<T>* groups, int registers, T* dst, int n);
 };
 
 struct AllNearestKernels {

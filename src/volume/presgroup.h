@@ -85,34 +85,56 @@ inline int groupColumns(const int* base, int n, int size, FloatGroup* groups) {
     return columns;
 }
 
-inline void place(NearestGroup<float>* g, int i, int voxel) {
+inline void placeVoxel(NearestGroup<float>* g, int i, int voxel) {
     g->voxels[i] = uint8_t(voxel);
 }
-template <class T> void place(NearestGroup<T>* g, int i, int voxel) {
+template <class T> void placeVoxel(NearestGroup<T>* g, int i, int voxel) {
     for (int byte = 0; byte < int(sizeof(T)); ++byte)
         g->bytes[i * int(sizeof(T)) + byte] = uint8_t(voxel * int(sizeof(T)) + byte);
 }
-// One tap a column. The last group has the last columns, some of which may be in the one before, too.
-template <class T, class Base> int groupNearest(const Base& base, int n, int size, NearestGroup<T>* groups) {
-    using Group = NearestGroup<T>;
-    if (n < Group::kColumns || size < Group::kVoxels) return 0;
-    const Windows<Base> windows = {base, n, size, Group::kVoxels};
-    for (int columns = Group::kVoxels; columns >= Group::kVoxels / 2; columns /= 2) {
-        bool fits = true;
-        for (int end = Group::kColumns; fits; end += Group::kColumns) {
-            const int begin = (end < n ? end : n) - Group::kColumns;
-            Group& g = groups[end / Group::kColumns - 1];
-            for (int i = 0; i < Group::kColumns; ++i) {
-                const int from = windows.at(begin + i / columns * columns);
-                const int voxel = windows.tap(begin + i, 0) - from;
-                fits = fits && voxel < Group::kVoxels;
-                g.window[i / columns * (columns == Group::kVoxels ? 2 : 1)] = from;
-                place(&g, i, voxel);
-            }
-            if (end >= n) break;
+template <class T> void place(NearestGroup<T>* g, int i, int columns, int from, int voxel) {
+    g->window[i / columns * (columns == NearestGroup<T>::kVoxels ? 2 : 1)] = from;
+    placeVoxel(g, i, voxel);
+}
+inline void placeVoxel(NearestWide<uint8_t>* g, int i, int voxel) {
+    (i & 1 ? g->odd : g->even)[i / 2] = uint8_t(voxel / 2);
+    g->turn[i] = uint8_t((i & 14) + (voxel & 1));
+}
+template <class T> void placeVoxel(NearestWide<T>* g, int i, int voxel) {
+    g->voxels[i] = uint8_t(voxel);
+}
+template <class T> void place(NearestWide<T>* g, int i, int, int from, int voxel) {
+    g->window = from;
+    placeVoxel(g, i, voxel);
+}
+// Groups of columns with one tap each, so many of which share a window; false where the windows are too narrow. The last
+// group has the last columns, some of which may be in the one before, too.
+template <class Group, class Base> bool fillGroups(const Windows<Base>& windows, int columns, Group* groups) {
+    const int n = windows.n;
+    if (n < Group::kColumns || windows.size < windows.voxels) return false;
+    for (int end = Group::kColumns;; end += Group::kColumns) {
+        const int begin = (end < n ? end : n) - Group::kColumns;
+        Group& g = groups[end / Group::kColumns - 1];
+        for (int i = 0; i < Group::kColumns; ++i) {
+            const int from = windows.at(begin + i / columns * columns);
+            const int voxel = windows.tap(begin + i, 0) - from;
+            if (voxel >= windows.voxels) return false;
+            place(&g, i, columns, from, voxel);
         }
-        if (fits) return columns;
+        if (end >= n) return true;
     }
+}
+template <class T, class Base> int groupNearest(const Base& base, int n, int size, NearestGroup<T>* groups) {
+    constexpr int kVoxels = NearestGroup<T>::kVoxels;
+    for (int columns = kVoxels; columns >= kVoxels / 2; columns /= 2)
+        if (fillGroups(Windows<Base>{base, n, size, kVoxels}, columns, groups)) return columns;
+    return 0;
+}
+// How many registers a window has.
+template <class T, class Base> int groupNearest(const Base& base, int n, int size, NearestWide<T>* groups) {
+    constexpr int kColumns = NearestWide<T>::kColumns;
+    for (int registers = 1; registers <= 2; ++registers)
+        if (fillGroups(Windows<Base>{base, n, size, registers * kColumns}, kColumns, groups)) return registers;
     return 0;
 }
 

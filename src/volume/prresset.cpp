@@ -443,20 +443,24 @@ inline ZenStatus copyPlane(const float* src, float* dst, int step, ZenrSize size
     return zeniCopy_32f_C1R(src, step, dst, step, size);
 }
 
-// A block's columns and rows in the source. Columns are in groups where `share`, how many of them share a window, is not
-// 0; otherwise the table has them one by one.
+// A block's columns and rows in the source. Columns are in wide groups where `registers`, how many a window has, is not 0;
+// in groups where `share`, how many of them share a window, is not 0; otherwise the table has them one by one.
 template <class T> struct NearestBlock {
     const NearestKernels<T>* kernels;
     int firstX, width;
     int firstY, height;
+    int registers;
     int share;
     int* columns;
     int* rows;
 
-    NearestGroup<T>* groups() const { return reinterpret_cast<NearestGroup<T>*>(columns); }
+    template <class Group> Group* groups() const { return reinterpret_cast<Group*>(columns); }
+    bool grouped() const { return registers || share; }
     void copyRow(const T* src, T* dst) const {
-        if (share)
-            kernels->rowGroups(src, groups(), share, dst, width);
+        if (registers)
+            kernels->rowWide(src, groups<NearestWide<T>>(), registers, dst, width);
+        else if (share)
+            kernels->rowGroups(src, groups<NearestGroup<T>>(), share, dst, width);
         else
             kernels->row(src, columns, dst, width);
     }
@@ -464,8 +468,13 @@ template <class T> struct NearestBlock {
 
 template <class T> void tabulate(const AxisMap* axis, const int* first, NearestBlock<T>* block) {
     const auto column = [&](int x) { return axis[0].nearest(first[0] + block->firstX + x); };
-    block->share = block->kernels->rowGroups ? groupNearest<T>(column, block->width, axis[0].size, block->groups()) : 0;
-    if (!block->share)
+    const NearestKernels<T>& k = *block->kernels;
+    block->registers = block->share = 0;
+    if (k.rowWide)
+        block->registers = groupNearest(column, block->width, axis[0].size, block->template groups<NearestWide<T>>());
+    if (!block->registers && k.rowGroups)
+        block->share = groupNearest(column, block->width, axis[0].size, block->template groups<NearestGroup<T>>());
+    if (!block->grouped())
         for (int i = 0; i < block->width; ++i) block->columns[i] = column(i);
     for (int i = 0; i < block->height; ++i) block->rows[i] = axis[1].nearest(first[1] + block->firstY + i);
 }
@@ -495,7 +504,7 @@ ZenStatus nearestSlices(const NearestBlock<T>& block, const Source& src, const A
         for (int y = 0; y < height; ++y) {
             T* const row = out.row(y);
             // In groups a row is gathered again as fast as it is copied, and without waiting for the stores of the one before.
-            if (!block.share && y > 0 && rows[y] == rows[y - 1])
+            if (!block.grouped() && y > 0 && rows[y] == rows[y - 1])
                 __builtin_memcpy(row, out.row(y - 1), size_t(width) * sizeof(T));
             else
                 block.copyRow(in.row(rows[y]), row);
