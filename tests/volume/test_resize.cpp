@@ -200,13 +200,13 @@ TYPED_TEST(Resize, WideRowsAndTeams) {
     }
 }
 
-// Columns that share windows of voxels, by two or more to a window, at both ends of a row; 16-bit voxels of 15 bits and
-// with one of 16; fractions next to 1, whose fixed-point weight is 1.
+// Columns that share windows of voxels, by two or more to a window or by a whole register of them, at both ends of a row;
+// 16-bit voxels of 15 bits and with one of 16; fractions next to 1, whose fixed-point weight is 1.
 TYPED_TEST(Resize, ColumnsInGroups) {
     using T = TypeParam;
     zenrtest::Floats r(29);
     const bool brief = zenrtest::rounds(30) == 1;
-    for (int width : {8, 17, 33, 70})
+    for (int width : {8, 17, 33, 70, 130})
         for (double factor : {0.37, 0.5, 2.0 / 3, 0.97, 1.0, 1.5, 2.3})
             for (double shift : {0.0, 1e-6, -1.3}) {
                 const ZenrVolume v = {width, 3, 2}, w = {int(width * factor) + 1, 3, 2};
