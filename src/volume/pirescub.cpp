@@ -367,7 +367,7 @@ const CubicKernels kCubic = {boundOf<uint8_t>,
                              kReach};
 
 extern const QuickCubicKernels kQuickCubic;
-const QuickCubicKernels kQuickCubic = {quickRow, quickColumn, quickDepth, quickVoxel};
+const QuickCubicKernels kQuickCubic = {boundOf<uint8_t>, quickRow, quickColumn, quickDepth, quickVoxel};
 
 } // namespace ZENR_LEVEL
 } // namespace zenr

@@ -82,6 +82,7 @@ struct CubicKernels {
 //
 // A voxel whose sum + 1/2 lies within 2^-11 of an integer is in doubt, and done again by the chain.
 struct QuickCubicKernels {
+    void (*bound)(const uint8_t* v, int n, RowBound* bound);
     // As above, weights and rows in float.
     void (*row)(const uint8_t* row, float* dst, const int* index, const float* weights, int weightStep, int n);
     void (*col)(const float* const rows[4], const float* weights, float* dst, int n);

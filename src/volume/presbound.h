@@ -8,8 +8,8 @@ namespace zenr {
 // `least` is 0 if nothing more is known. Otherwise all elements are finite, and multiples of one power of two that is
 // not below 2^-24 * least; without `mixed` none is negative, and none but zeros falls below `least`.
 //
-// Elements outside [begin, end) are 0, of either sign: sums of nothing but those are exact. The background of a scan
-// makes up much of a volume.
+// Elements outside [begin, end) are +0, and so is any sum of nothing but those: some weight is positive. The background
+// of a scan makes up much of a volume.
 struct RowBound {
     float most = 0;
     float least = 0x1p127f;
@@ -64,6 +64,25 @@ static inline RowBound countedFrom(const RowBound& b, int x) {
 }
 static inline FarBound countedFrom(const FarBound& b, int) {
     return b;
+}
+
+// The elements of a row that take computing: sixteen or more, from a multiple of sixteen on, as far as there are as many.
+struct Part {
+    int begin, end;
+};
+static inline Part partOf(const RowBound& b, int n) {
+    int begin = b.begin > 0 ? b.begin & ~15 : 0;
+    const int end = b.end < n ? (b.end + 15) & ~15 : n;
+    if (b.begin >= b.end || begin >= n || end <= 0) return {0, 0};
+    if (end > n - 16 && begin > n - 16) begin = n > 16 ? n - 16 : 0;
+    return {begin, end < n ? end : n};
+}
+static inline Part partOf(const FarBound&, int n) {
+    return {0, n};
+}
+template <class Element> static inline void clearOutside(const Part& part, Element* dst, int n) {
+    __builtin_memset(dst, 0, unsigned(part.begin) * sizeof(Element));
+    __builtin_memset(dst + part.end, 0, unsigned(n - part.end) * sizeof(Element));
 }
 
 // Elements so close to each other (and zeros) that sums with short weights are exact in double: in units of 2^-10 of

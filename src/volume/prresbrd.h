@@ -29,13 +29,14 @@ template <class P> struct DepthTaps {
     typename P::Weights weights;
 };
 
-// Voxels of a row whose bits are set in `doubts`, by the chain of all passes; how many.
+// Voxels of a row whose bits are set in `doubts`, counted from column `part.begin` on, by the chain of all passes; how
+// many.
 inline int settleVoxels(const ResizeBlock<QuickCubic>& block, const DepthTaps<QuickCubic>& taps, int y,
-                        const uint64_t* doubts, uint8_t* dst) {
+                        const Part& part, const uint64_t* doubts, uint8_t* dst) {
     int count = 0;
-    for (int word = 0; word * 64 < block.width; ++word) {
+    for (int word = 0; part.begin + word * 64 < part.end; ++word) {
         for (uint64_t bits = doubts[word]; bits; bits &= bits - 1, ++count) {
-            const int x = word * 64 + __builtin_ctzll(bits);
+            const int x = part.begin + word * 64 + __builtin_ctzll(bits);
             int columns[4], rows[4];
             QuickCubic::borderTaps(block.axis[0], block.index[x], columns);
             QuickCubic::borderTaps(block.axis[1], block.rowBase[y], rows);
@@ -57,18 +58,22 @@ inline int settleVoxels(const ResizeBlock<QuickCubic>& block, const DepthTaps<Qu
 template <class P> int depthRows(const ResizeBlock<P>& block, const DepthTaps<P>& taps, Slice<typename P::Voxel> dst) {
     int again = 0;
     for (int y = 0; y < block.height; ++y) {
-        const typename P::Inter* rows[P::kTaps];
         typename P::Bound bound;
-        for (int k = 0; k < P::kTaps; ++k) {
-            rows[k] = block.ringPlane(taps.plane[k]) + ptrdiff_t(y) * block.stride;
-            join(&bound, block.ringBounds(taps.plane[k])[y]);
-        }
+        for (int k = 0; k < P::kTaps; ++k) join(&bound, block.ringBounds(taps.plane[k])[y]);
+        const Part part = partOf(bound, block.width);
+        typename P::Voxel* const row = dst.row(y);
+        clearOutside(part, row, block.width);
+        if (part.begin == part.end) continue;
+        const typename P::Inter* rows[P::kTaps];
+        for (int k = 0; k < P::kTaps; ++k)
+            rows[k] = block.ringPlane(taps.plane[k]) + ptrdiff_t(y) * block.stride + part.begin;
+        const int n = part.end - part.begin;
         if constexpr (P::kDoubts) {
             uint64_t doubts[kMostColumns / 64];
-            block.kernels->dep(rows, taps.weights.tap, dst.row(y), doubts, block.width);
-            again += settleVoxels(block, taps, y, doubts, dst.row(y));
+            block.kernels->dep(rows, taps.weights.tap, row + part.begin, doubts, n);
+            again += settleVoxels(block, taps, y, part, doubts, row);
         } else {
-            P::depth(*block.kernels, rows, taps.weights, bound, dst.row(y), block.width);
+            P::depth(*block.kernels, rows, taps.weights, countedFrom(bound, part.begin), row + part.begin, n);
         }
     }
     return again;

@@ -143,22 +143,24 @@ void groupedColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, c
 // The same, by row kernels that see to the border themselves.
 template <class P>
 void wholeRow(const ResizeBlock<P>& block, const typename P::Voxel* src, const typename P::Bound& bound, Care care,
-              typename P::RowInter* dst) {
+              typename P::RowInter* dst, const Part& part) {
     if constexpr (P::kWholeRows)
-        P::row(*block.kernels, src, dst, block.index, block.weights, block.weightStep, block.guarded, bound, care,
-               block.width, block.axis[0].size);
+        P::row(*block.kernels, src, dst + part.begin, block.index + part.begin, block.weights + part.begin,
+               block.weightStep, block.guarded + part.begin, countedFrom(bound, part.begin), care,
+               part.end - part.begin, block.axis[0].size);
 }
 // The same, the interior by itself.
 template <class P>
 void singleColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, const typename P::Bound& bound, Care care,
-                   typename P::RowInter* dst) {
-    const int interior = block.columns.interior;
-    const int trailing = block.columns.trailing;
+                   typename P::RowInter* dst, const Part& part) {
+    const auto within = [&](int x) { return x < part.begin ? part.begin : x < part.end ? x : part.end; };
+    const int interior = within(block.columns.interior);
+    const int trailing = within(block.columns.trailing);
     if (trailing > interior)
         P::row(*block.kernels, src, dst + interior, block.index + interior, block.weights + interior, block.weightStep,
                block.guarded + interior, countedFrom(bound, interior), care, trailing - interior);
-    borderColumns<P>(block, src, bound, care, dst, 0, interior);
-    borderColumns<P>(block, src, bound, care, dst, trailing, block.width);
+    borderColumns<P>(block, src, bound, care, dst, part.begin, interior);
+    borderColumns<P>(block, src, bound, care, dst, trailing, part.end);
 }
 
 // A source row, resampled along x, and the bounds of the result. (Bounds are written in place: a copy of a record waits
@@ -169,12 +171,17 @@ void resampleRow(const ResizeBlock<P>& block, const typename P::Voxel* src, type
     P::sourceBound(*block.kernels, src + block.firstColumn, block.usedColumns, bound);
     moveRange(block, bound);
     const Care care = P::rowCare(*bound, block.exactColumns, block.columnGrowth);
-    if (block.groupWidth)
+    if (block.groupWidth) {
         groupedColumns(block, src, *bound, care, dst);
-    else if (block.wholeRows)
-        wholeRow(block, src, *bound, care, dst);
-    else
-        singleColumns(block, src, *bound, care, dst);
+    } else {
+        const Part part = partOf(*bound, block.width);
+        clearOutside(part, dst, block.width);
+        if (part.begin == part.end) {
+        } else if (block.wholeRows)
+            wholeRow(block, src, *bound, care, dst, part);
+        else
+            singleColumns(block, src, *bound, care, dst, part);
+    }
     grow(*bound, block.columnGrowth, bound);
 }
 
@@ -193,7 +200,6 @@ void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, 
             for (int k = 0; k < P::kTaps; ++k) taps[k] = block.rowBase[y] + P::kFirstTap + k;
 
         // Rows that the last destination row left in the ring stay; the others are resampled along x.
-        const typename P::RowInter* rows[P::kTaps];
         typename P::Bound bound;
         for (int k = 0; k < P::kTaps; ++k) {
             const int slot = taps[k] & (P::kTaps - 1);
@@ -201,11 +207,18 @@ void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, 
                 tags->row[slot] = taps[k];
                 resampleRow(block, src.row(taps[k]), block.ringRow(taps[k]), &tags->bound[slot]);
             }
-            rows[k] = block.ringRow(taps[k]);
             join(&bound, tags->bound[slot]);
         }
         const typename P::Weights& weights = block.rowWeights[y];
-        P::column(*block.kernels, rows, weights, bound, plane + ptrdiff_t(y) * block.stride, block.width);
+        typename P::Inter* const row = plane + ptrdiff_t(y) * block.stride;
+        const Part part = partOf(bound, block.width);
+        clearOutside(part, row, block.width);
+        if (part.begin < part.end) {
+            const typename P::RowInter* rows[P::kTaps];
+            for (int k = 0; k < P::kTaps; ++k) rows[k] = block.ringRow(taps[k]) + part.begin;
+            P::column(*block.kernels, rows, weights, countedFrom(bound, part.begin), row + part.begin,
+                      part.end - part.begin);
+        }
         grow(bound, P::growth(weights), &bounds[y]);
     }
 }

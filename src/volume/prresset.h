@@ -282,7 +282,7 @@ struct QuickCubic : Cubic<uint8_t> {
     static constexpr bool kDoubts = true;
     static constexpr bool kWholeRows = false;
     static bool exactColumn(const Weights&) { return true; }
-    static void sourceBound(const Kernels&, const uint8_t*, int n, RowBound* bound) { *bound = {0, 0, false, 0, n}; }
+    static void sourceBound(const Kernels& k, const uint8_t* src, int n, RowBound* bound) { k.bound(src, n, bound); }
     static void row(const Kernels& k, const uint8_t* src, float* dst, const int* index, const float* weights,
                     int weightStep, const int*, const RowBound&, Care, int n) {
         k.row(src, dst, index, weights, weightStep, n);
