@@ -316,12 +316,21 @@ ZENR_INLINE unsigned smallerThan(const Taps& s, float threshold) {
 }
 #endif
 
+// Bits of those of eight elements from x on that lie in [begin, end), one of them at least.
+ZENR_INLINE unsigned within8(ptrdiff_t x, const RowBound& bound) {
+    const int before = bound.begin > x ? int(bound.begin - x) : 0;
+    const int after = x + 8 > bound.end ? int(x + 8 - bound.end) : 0;
+    return 0xFFu >> after & 0xFFu << before;
+}
+
 // Eight elements of a row pass. With `exempt`, op tells which need no test.
 template <bool exempt, int error, class Op>
-ZENR_INLINE void roundTaps8(const Op& op, float threshold, bool normal, double* dst, ptrdiff_t x) {
+ZENR_INLINE void roundTaps8(const Op& op, const RowBound& bound, float threshold, bool normal, double* dst,
+                            ptrdiff_t x) {
     const Taps s = op.taps8(x);
     putTaps(dst + x, s, normal);
-    const unsigned needed = exempt ? op.guarded8(x) : 0xFF;
+    const unsigned within = error == kGuardedError ? within8(x, bound) : 0xFF;
+    const unsigned needed = exempt ? op.guarded8(x) & within : within;
     const unsigned near = nearHalfway<error>(s) & needed;
     const unsigned small = error == kGuardedError ? smallerThan(s, threshold) & needed : 0;
     if (__builtin_expect((near | small) != 0, 0) && (near || !op.template zeros<8>(int(x))))
@@ -346,19 +355,19 @@ ZENR_INLINE void roundTaps(const Op& op, const RowBound& bound, Care care, doubl
         if (care == Care::halfway) {
             if (close)
                 return each([&](ptrdiff_t x) __attribute__((always_inline)) {
-                    roundTaps8<true, kHalfwayError>(op, threshold, normal, dst, x);
+                    roundTaps8<true, kHalfwayError>(op, bound, threshold, normal, dst, x);
                 });
             return each([&](ptrdiff_t x) __attribute__((always_inline)) {
-                roundTaps8<false, kHalfwayError>(op, threshold, normal, dst, x);
+                roundTaps8<false, kHalfwayError>(op, bound, threshold, normal, dst, x);
             });
         }
     }
     if (close)
         return each([&](ptrdiff_t x) __attribute__((always_inline)) {
-            roundTaps8<true, kGuardedError>(op, threshold, normal, dst, x);
+            roundTaps8<true, kGuardedError>(op, bound, threshold, normal, dst, x);
         });
     each([&](ptrdiff_t x)
-             __attribute__((always_inline)) { roundTaps8<false, kGuardedError>(op, threshold, normal, dst, x); });
+             __attribute__((always_inline)) { roundTaps8<false, kGuardedError>(op, bound, threshold, normal, dst, x); });
 }
 
 // A row of sums of rows.

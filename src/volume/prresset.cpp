@@ -102,8 +102,15 @@ inline int firstFrom(const int* index, int width, int base) {
     return low;
 }
 
+// The same, where it is a few columns from x on.
+inline int firstNear(const int* index, int width, int base, int x) {
+    if (x > 0 && index[x - 1] >= base) return firstFrom(index, width, base);
+    while (x < width && index[x] < base) ++x;
+    return x;
+}
+
 // Moves begin and end of a bound from the source columns that are read to the block's columns: to those that have a tap
-// in between, or a few more. Taps beyond the row are its end voxels.
+// in between. Taps beyond the row are its end voxels.
 template <class P> void moveRange(const ResizeBlock<P>& block, RowBound* bound) {
     const int* const index = block.index;
     const int width = block.width;
@@ -119,13 +126,13 @@ template <class P> void moveRange(const ResizeBlock<P>& block, RowBound* bound) 
         const int base = block.firstColumn + bound->begin - P::kFirstTap - P::kTaps + 1;
         int x = about(base) - margin;
         x = x < 0 ? 0 : x < width ? x : width;
-        bound->begin = x == 0 || index[x - 1] < base ? x : firstFrom(index, width, base);
+        bound->begin = firstNear(index, width, base, x);
     }
     if (bound->end < block.usedColumns) {
         const int base = block.firstColumn + bound->end - P::kFirstTap;
-        int x = about(base) + margin;
+        int x = about(base) - margin;
         x = x < 0 ? 0 : x < width ? x : width;
-        bound->end = x == width || index[x] >= base ? x : firstFrom(index, width, base);
+        bound->end = firstNear(index, width, base, x);
     } else {
         bound->end = width;
     }
@@ -161,6 +168,13 @@ void singleColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, co
                block.guarded + interior, countedFrom(bound, interior), care, trailing - interior);
     borderColumns<P>(block, src, bound, care, dst, part.begin, interior);
     borderColumns<P>(block, src, bound, care, dst, trailing, part.end);
+}
+
+// Asks for the voxels of a source row ahead of time.
+template <class P> void askAhead(const ResizeBlock<P>& block, const typename P::Voxel* src) {
+    const char* const from = reinterpret_cast<const char*>(src + block.firstColumn);
+    const size_t bytes = size_t(block.usedColumns) * sizeof(typename P::Voxel);
+    for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(from + i);
 }
 
 // A source row, resampled along x, and the bounds of the result. (Bounds are written in place: a copy of a record waits
@@ -205,6 +219,7 @@ void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, 
             const int slot = taps[k] & (P::kTaps - 1);
             if (tags->row[slot] != taps[k]) {
                 tags->row[slot] = taps[k];
+                askAhead(block, src.row(block.axis[1].clamped(taps[k] + 2)));
                 resampleRow(block, src.row(taps[k]), block.ringRow(taps[k]), &tags->bound[slot]);
             }
             join(&bound, tags->bound[slot]);
