@@ -366,8 +366,9 @@ ZENR_INLINE void roundTaps(const Op& op, const RowBound& bound, Care care, doubl
         return each([&](ptrdiff_t x) __attribute__((always_inline)) {
             roundTaps8<true, kGuardedError>(op, bound, threshold, normal, dst, x);
         });
-    each([&](ptrdiff_t x)
-             __attribute__((always_inline)) { roundTaps8<false, kGuardedError>(op, bound, threshold, normal, dst, x); });
+    each([&](ptrdiff_t x) __attribute__((always_inline)) {
+        roundTaps8<false, kGuardedError>(op, bound, threshold, normal, dst, x);
+    });
 }
 
 // A row of sums of rows.

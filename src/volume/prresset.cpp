@@ -190,8 +190,7 @@ void resampleRow(const ResizeBlock<P>& block, const typename P::Voxel* src, type
     } else {
         const Part part = partOf(*bound, block.width);
         clearOutside(part, dst, block.width);
-        if (part.begin == part.end) {
-        } else if (block.wholeRows)
+        if (block.wholeRows && part.begin < part.end)
             wholeRow(block, src, *bound, care, dst, part);
         else
             singleColumns(block, src, *bound, care, dst, part);

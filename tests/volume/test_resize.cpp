@@ -323,6 +323,43 @@ TEST(ResizeRounding, CubicSumsOfAllRanges) {
     }
 }
 
+// Something in the midst of zeros, or zeros of either sign: sums of nothing but zeros are not formed, those next to them
+// are, whatever stands there.
+TYPED_TEST(Resize, ZerosAround) {
+    using T = TypeParam;
+    zenrtest::Floats r(81);
+    const double factors[] = {1.5, 2.0 / 3, 1.37, 2, 0.3};
+    for (int round = 0; round < zenrtest::rounds(40); ++round) {
+        const ZenrVolume v = {150, 5, 5};
+        TestVolume<T> src(v, 0, false, false, Guarded<T>::atEnd);
+        const int kind = round % 5;
+        for (int z = 0; z < v.depth; ++z)
+            for (int y = 0; y < v.height; ++y) {
+                const int from = r.bits() % 3 ? int(r.bits() % 150) : 0;
+                const int to = r.bits() % 3 ? from + int(r.bits() % 60) : 150;
+                for (int x = 0; x < v.width; ++x) {
+                    const bool inside = r.bits() % 4 != 0 && x >= from && x < to && (y + z + round) % 4 != 0;
+                    const uint32_t bits = r.bits();
+                    T value = inside ? T(bits >> 8) : T(0);
+                    if constexpr (sizeof(T) == 4) {
+                        if (kind == 0 && inside && bits % 16 == 0) value = bits & 16 ? INFINITY : NAN;
+                        if (kind == 1) value = inside ? ldexpf(float(bits >> 8), -150) : 0.f;
+                        if (kind == 2) value = inside ? (bits & 16 ? -value : value * 1e-9f) : bits % 64 ? 0.f : -0.f;
+                    }
+                    src.at(x, y, z) = value;
+                }
+            }
+        const double f = factors[round % 5 == 0 ? round / 5 % 5 : round % 5];
+        const ZenrVolume w = {int(150 * f), int(5 * f), int(5 * f)};
+        Arguments a = {
+            {0, 0, 0, 150, 5, 5}, {0, 0, 0, w.width, w.height, w.depth}, {f, f, f}, {}, kModes[1 + round / 2 % 5]};
+        if (round % 3 == 0) a.shift[0] = 0.4 * int(r.bits() % 20) - 4;
+        TestVolume<T> dst(w, 0, false, false, Guarded<T>::atEnd);
+        checkCase(src, dst, a, true, {1}, 0);
+        if (this->HasFatalFailure()) FAIL() << "round " << round;
+    }
+}
+
 // What the error bound of those sums supposes.
 TEST(ResizeWeights, SizesAddUpToLittle) {
     for (int mode : {4, 5, 6, 7})
