@@ -1,6 +1,7 @@
 // The linear passes of volume resize, once per level.
 #include "volume/pireslin.h"
 
+#include "volume/presbracket.h"
 #include "volume/presfixed.h"
 #include "volume/presguard.h"
 #include "volume/presscan.h"
@@ -30,6 +31,7 @@ inline bool anyFar(const uint16_t* v, int n) {
     return any > 0x7FFF;
 }
 
+#if !defined(ZENR_LEVEL_avx512)
 struct RowLines {
     const float* s;
     const int* index;
@@ -147,12 +149,17 @@ void rowGroupsFloat(const float* src, const FloatGroup* groups, int count, int c
     else
         roundTaps(GroupLines<4>{src, groups, weights, guarded}, bound, care, dst, 0, 8 * count);
 }
+#else
+constexpr decltype(LinearKernels<float>::rowGroups) rowGroupsFloat = nullptr;
+#endif
+#endif
+
+#if defined(__AVX2__)
 template <class T>
 void rowGroupsFixed(const T* src, const FixedGroup* groups, int count, int columns, bool far, uint16_t* dst) {
     (columns == 8 ? groupRows<8, T> : groupRows<4, T>)(src, groups, count, far, dst);
 }
 #else
-constexpr decltype(LinearKernels<float>::rowGroups) rowGroupsFloat = nullptr;
 template <class T> constexpr decltype(LinearKernels<T>::rowGroups) rowGroupsFixed = nullptr;
 #endif
 
@@ -193,14 +200,12 @@ void blendVoxels(const uint16_t* p0, const uint16_t* p1, uint16_t w, bool, uint8
 }
 
 // r1*f + r0*(1 - f). The products are exact where 1 - f is a float; otherwise it and r0's product err by 2^-53 each.
-// Where the operands are finite, r0 + (r1 - r0)*f is the same number, and takes fewer roundings; only, two zeros below 0
-// add up to one below 0, which has to be seen to if the rows are `mixed`.
-template <bool mixed> struct Blends {
-    static constexpr bool kInterpolates = true;
-    static constexpr int kRows = 2;
-    const double* rows[2];
+template <class Element> struct BlendSums {
+    const Element* rows[2];
     double f, rest;
     double restError; // 0 where 1 - f is a float
+    BlendSums(const Element* r0, const Element* r1, float w)
+        : rows{r0, r1}, f(w), rest(1 - f), restError(float(rest) == rest && 1 - rest == f ? 0 : 1) {}
     Sum sum(int x) const {
         const double a = rows[1][x] * f;
         const double b = rows[0][x] * rest;
@@ -211,6 +216,36 @@ template <bool mixed> struct Blends {
         const long double w = f;
         return rows[1][x] * w + rows[0][x] * (1 - w);
     }
+};
+struct LineSums {
+    const float* rows[2];
+    double f;
+    Sum sum(int x) const { return linearSum(rows[0][x], rows[1][x], f); }
+    long double exact(int x) const {
+        const long double s0 = rows[0][x];
+        return s0 + (rows[1][x] - s0) * f;
+    }
+};
+
+#if defined(ZENR_LEVEL_avx512)
+void rowBracket(const float* src, const BracketGroup* groups, int reach, const float* weights, float* dst, int n) {
+    if (reach == 16) return bracketRow(GroupTaps<16>{src, groups, weights}, dst, n);
+    if (reach == 32) return bracketRow(GroupTaps<32>{src, groups, weights}, dst, n);
+    bracketRow(GroupTaps<0>{src, groups, weights}, dst, n);
+}
+void blendBracket(const float* r0, const float* r1, float w, float* dst, int n) {
+    bracketRow(RowTaps<BlendSums<float>, true>({r0, r1, w}, bracketOf(w)), dst, n);
+}
+void depthBracket(const float* p0, const float* p1, float w, float* dst, int n) {
+    bracketRow(RowTaps<LineSums, false>({{p0, p1}, w}, bracketOf(w)), dst, n);
+}
+#else
+// Where the operands are finite, r0 + (r1 - r0)*f is the same number, and takes fewer roundings; only, two zeros below 0
+// add up to one below 0, which has to be seen to if the rows are `mixed`.
+template <bool mixed> struct Blends : BlendSums<double> {
+    using BlendSums::BlendSums;
+    static constexpr bool kInterpolates = true;
+    static constexpr int kRows = 2;
 #if defined(__AVX2__)
     ZENR_INLINE Eight size(int x) const {
         return plus(absolute(widen8(rows[0] + x)), absolute(widen8(rows[1] + x)));
@@ -233,26 +268,16 @@ template <bool mixed> struct Blends {
 #endif
 };
 
-template <bool mixed>
-void blendFloatAs(const double* r0, const double* r1, float w, const RowBound& bound, Care care, float* dst, int n) {
-    const long double rest = 1 - static_cast<long double>(w);
-    roundRows(Blends<mixed>{{r0, r1}, w, double(rest), rest == float(rest) ? 0. : 1.}, bound, care, isShort(w), dst, n);
-}
-
 void blendFloat(const double* r0, const double* r1, float w, const RowBound& bound, Care care, float* dst, int n) {
-    (bound.mixed ? blendFloatAs<true> : blendFloatAs<false>)(r0, r1, w, bound, care, dst, n);
+    if (bound.mixed)
+        roundRows(Blends<true>(r0, r1, w), bound, care, isShort(w), dst, n);
+    else
+        roundRows(Blends<false>(r0, r1, w), bound, care, isShort(w), dst, n);
 }
 
-struct Lines {
+struct Lines : LineSums {
     static constexpr bool kInterpolates = true;
     static constexpr int kRows = 2;
-    const float* rows[2];
-    double f;
-    Sum sum(int x) const { return linearSum(rows[0][x], rows[1][x], f); }
-    long double exact(int x) const {
-        const long double s0 = rows[0][x];
-        return s0 + (rows[1][x] - s0) * f;
-    }
 #if defined(__AVX2__)
     ZENR_INLINE Eight size(int x) const {
         return plus(absolute(widen8(rows[0] + x)), absolute(widen8(rows[1] + x)));
@@ -274,14 +299,14 @@ struct Lines {
 };
 
 void depthFloat(const float* p0, const float* p1, float w, const RowBound& bound, Care care, float* dst, int n) {
-    roundRows(Lines{{p0, p1}, w}, bound, care, isShort(w), dst, n);
+    roundRows(Lines{{{p0, p1}, w}}, bound, care, isShort(w), dst, n);
 }
+#endif
 
 } // namespace
 
 constexpr auto ownpi_CoefLinear8pl = &rowFixed<uint8_t, 128, 8>;
 constexpr auto ownpi_CoefLinear16pl = &rowFixed<uint16_t, 8192, 14>;
-constexpr auto ownpi_CoefLinear32pl = &rowFloat;
 // Two Q6 rows: into Q6, or into final voxels.
 static void ownpi_SummLinear8pl(const uint16_t* r0, const uint16_t* r1, uint16_t w, bool, uint16_t* dst, int n) {
     blendWords(r0, r1, w, false, dst, n);
@@ -290,16 +315,29 @@ static void ownpi_SummLinear8pl(const uint16_t* r0, const uint16_t* r1, uint16_t
     blendVoxels(r0, r1, w, false, dst, n);
 }
 constexpr auto ownpi_SummLinear16pl = &blendWords;
-constexpr auto ownpi_SummLinear32pl = &blendFloat;
 constexpr auto ownpr_DepLinear8pl = &blendVoxels;
 constexpr auto ownpr_DepLinear16pl = &blendWords;
+#if defined(ZENR_LEVEL_avx512)
+constexpr auto ownpi_CoefLinear32pl = &rowBracket;
+constexpr auto ownpi_SummLinear32pl = &blendBracket;
+constexpr auto ownpr_DepLinear32pl = &depthBracket;
+#else
+constexpr auto ownpi_CoefLinear32pl = &rowFloat;
+constexpr auto ownpi_SummLinear32pl = &blendFloat;
 constexpr auto ownpr_DepLinear32pl = &depthFloat;
+#endif
 
 extern const AllLinearKernels kLinear;
 const AllLinearKernels kLinear = {
     {anyFar, rowGroupsFixed<uint8_t>, ownpi_CoefLinear8pl, ownpi_SummLinear8pl, ownpr_DepLinear8pl},
     {anyFar, rowGroupsFixed<uint16_t>, ownpi_CoefLinear16pl, ownpi_SummLinear16pl, ownpr_DepLinear16pl},
+#if defined(ZENR_LEVEL_avx512)
+    {},
+    {ownpi_CoefLinear32pl, ownpi_SummLinear32pl, ownpr_DepLinear32pl},
+#else
     {boundOf, rowGroupsFloat, ownpi_CoefLinear32pl, ownpi_SummLinear32pl, ownpr_DepLinear32pl},
+    {},
+#endif
     ownpi_SummLinear8pl,
 };
 

@@ -51,6 +51,22 @@ struct FloatGroup {
     int window[2];
 };
 
+// Sixteen of a row of floats in single precision (presbracket.h): taps[k] has tap k of each, counted from voxel `window`
+// on, low and high the ends of their weights.
+struct alignas(64) BracketGroup {
+    int taps[2][16];
+    float low[16], high[16];
+    int window;
+};
+struct Bracket {
+    float low, high;
+};
+constexpr Bracket bracketOf(float weight) {
+    if (weight == 0 || weight >= 0x1p-10f) return {weight, weight};
+    if (weight < 0x1p-100f) return {0, 0x1p-99f};
+    return {weight * (1 - 0x1p-21f), weight * (1 + 0x1p-21f)};
+}
+
 // `far` says that voxels above 32767 may occur; 8-bit rows never are.
 template <class T> struct LinearKernels {
     using Weight = typename LinearTypes<T>::Weight;
@@ -78,10 +94,19 @@ template <> struct LinearKernels<float> {
     void (*dep)(const float* p0, const float* p1, float w, const RowBound& bound, Care care, float* dst, int n);
 };
 
+// The same in single precision; null at levels that have no instructions for it.
+struct BracketKernels {
+    // `reach` voxels from its window on hold all taps of a group, or any number where it is 0.
+    void (*rowGroups)(const float* src, const BracketGroup* groups, int reach, const float* weights, float* dst, int n);
+    void (*col)(const float* r0, const float* r1, float w, float* dst, int n);
+    void (*dep)(const float* p0, const float* p1, float w, float* dst, int n);
+};
+
 struct AllLinearKernels {
     LinearKernels<uint8_t> u8;
     LinearKernels<uint16_t> u16;
-    LinearKernels<float> f32;
+    LinearKernels<float> f32; // null where those in single precision are not
+    BracketKernels single;
     // Two Q6 rows into final 8-bit values, where no depth pass follows.
     void (*plane8)(const uint16_t* r0, const uint16_t* r1, uint16_t w, uint8_t* dst, int n);
 };

@@ -22,6 +22,9 @@ struct FarBound {
     bool far = false;
 };
 
+// Where passes find out by themselves.
+struct NoBound {};
+
 // How far a pass may move bounds: factors of `most`, and of `least` with and without negative elements.
 struct Growth {
     float most;
@@ -44,6 +47,7 @@ static inline void join(RowBound* a, const RowBound& b) {
 static inline void join(FarBound* a, const FarBound& b) {
     a->far = a->far || b.far;
 }
+static inline void join(NoBound*, const NoBound&) {}
 static inline float grownLeast(const RowBound& b, const Growth& g) {
     return b.least * (b.mixed ? g.mixed : g.positive);
 }
@@ -57,12 +61,16 @@ static inline void grow(const RowBound& b, const Growth& g, RowBound* to) {
 static inline void grow(const FarBound& b, const Growth&, FarBound* to) {
     to->far = b.far;
 }
+static inline void grow(const NoBound&, const Growth&, NoBound*) {}
 
 // The same bounds, for elements counted from column x on.
 static inline RowBound countedFrom(const RowBound& b, int x) {
     return {b.most, b.least, b.mixed, b.begin - x, b.end - x};
 }
 static inline FarBound countedFrom(const FarBound& b, int) {
+    return b;
+}
+static inline NoBound countedFrom(const NoBound& b, int) {
     return b;
 }
 
@@ -78,6 +86,9 @@ static inline Part partOf(const RowBound& b, int n) {
     return {begin, end < n ? end : n};
 }
 static inline Part partOf(const FarBound&, int n) {
+    return {0, n};
+}
+static inline Part partOf(const NoBound&, int n) {
     return {0, n};
 }
 template <class Element> static inline void clearOutside(const Part& part, Element* dst, int n) {

@@ -23,16 +23,14 @@ template <class Base> struct Windows {
     // Where the window of columns from x on begins.
     int at(int x) const { return tap(x, 0) < size - voxels ? tap(x, 0) : size - voxels; }
 
-    // How many columns may share a window: eight, four, or none.
-    int share() const {
-        if (size < voxels) return 0;
-        for (int columns = 8; columns >= 4; columns /= 2) {
-            int x = 0;
-            while (x < n && tap(x + columns - 1, 1) - at(x) < voxels) x += columns;
-            if (x >= n) return columns;
-        }
-        return 0;
+    // Whether a window holds the taps of so many columns everywhere.
+    bool holds(int columns) const {
+        int x = 0;
+        while (x < n && tap(x + columns - 1, 1) - at(x) < voxels) x += columns;
+        return size >= voxels && x >= n;
     }
+    // How many columns may share a window: eight, four, or none.
+    int share() const { return holds(8) ? 8 : holds(4) ? 4 : 0; }
 };
 
 // These fill in the groups and return how many columns share a window; 0 where groups do not serve.
@@ -83,6 +81,24 @@ inline int groupColumns(const int* base, int n, int size, FloatGroup* groups) {
         }
     }
     return columns;
+}
+
+// Returns the voxels that all taps of a group are found in, 16 or 32, or 0 for any number.
+inline int groupColumns(const int* base, const float* weights, int n, int size, BracketGroup* groups) {
+    const auto at = [&](int x) { return base[x]; };
+    using At = Windows<decltype(at)>;
+    const int reach = At{at, n, size, 16}.holds(16) ? 16 : At{at, n, size, 32}.holds(16) ? 32 : 0;
+    const At windows = {at, n, size, reach};
+    for (int x = 0; x < int(unsigned(n + 15) & ~15u); ++x) {
+        BracketGroup& g = groups[x / 16];
+        const int i = x % 16;
+        if (i == 0) g.window = reach ? windows.at(x) : windows.tap(x, 0);
+        for (int k = 0; k < 2; ++k) g.taps[k][i] = windows.tap(x, k) - g.window;
+        const Bracket w = bracketOf(weights[x < n ? x : n - 1]);
+        g.low[i] = w.low;
+        g.high[i] = w.high;
+    }
+    return reach;
 }
 
 inline void placeVoxel(NearestGroup<float>* g, int i, int voxel) {

@@ -27,6 +27,10 @@ namespace {
 
 constexpr int kAlign = 64;
 
+// Passes in single precision need no bounds, nor anything but groups for their rows.
+template <class P> constexpr bool kBrackets = false;
+template <> constexpr bool kBrackets<BracketLinear> = true;
+
 constexpr size_t roundUp(size_t n, size_t multiple) {
     return (n + multiple - 1) / multiple * multiple;
 }
@@ -36,6 +40,8 @@ template <class P> const typename P::Kernels& kernelsOf(Level level) {
         return quickCubicKernels(level);
     else if constexpr (P::kTaps == 4)
         return cubicKernels(level);
+    else if constexpr (kBrackets<P>)
+        return linearKernels(level).single;
     else if constexpr (sizeof(typename P::Voxel) == 1)
         return linearKernels(level).u8;
     else if constexpr (sizeof(typename P::Voxel) == 2)
@@ -182,20 +188,24 @@ template <class P> void askAhead(const ResizeBlock<P>& block, const typename P::
 template <class P>
 void resampleRow(const ResizeBlock<P>& block, const typename P::Voxel* src, typename P::RowInter* dst,
                  typename P::Bound* bound) {
-    P::sourceBound(*block.kernels, src + block.firstColumn, block.usedColumns, bound);
-    moveRange(block, bound);
-    const Care care = P::rowCare(*bound, block.exactColumns, block.columnGrowth);
-    if (block.groupWidth) {
-        groupedColumns(block, src, *bound, care, dst);
+    if constexpr (kBrackets<P>) {
+        block.kernels->rowGroups(src, block.groups, block.groupWidth, block.weights, dst, block.width);
     } else {
-        const Part part = partOf(*bound, block.width);
-        clearOutside(part, dst, block.width);
-        if (block.wholeRows && part.begin < part.end)
-            wholeRow(block, src, *bound, care, dst, part);
-        else
-            singleColumns(block, src, *bound, care, dst, part);
+        P::sourceBound(*block.kernels, src + block.firstColumn, block.usedColumns, bound);
+        moveRange(block, bound);
+        const Care care = P::rowCare(*bound, block.exactColumns, block.columnGrowth);
+        if (block.groupWidth) {
+            groupedColumns(block, src, *bound, care, dst);
+        } else {
+            const Part part = partOf(*bound, block.width);
+            clearOutside(part, dst, block.width);
+            if (block.wholeRows && part.begin < part.end)
+                wholeRow(block, src, *bound, care, dst, part);
+            else
+                singleColumns(block, src, *bound, care, dst, part);
+        }
+        grow(*bound, block.columnGrowth, bound);
     }
-    grow(*bound, block.columnGrowth, bound);
 }
 
 } // namespace
@@ -586,6 +596,9 @@ ZenStatus resizeVolume(Level level, Source src, ZenrVolume srcVolume, Destinatio
     buffer += skip;
     bytes -= skip;
     if (mode == kNearest) return resizeNearest<T>(level, src, srcVolume, dst, geometry, buffer, bytes);
+    if constexpr (sizeof(T) == 4)
+        if (mode == kLinear && linearKernels(level).single.col)
+            return resizeInterpolated(BracketLinear{{mode}}, level, src, srcVolume, dst, geometry, buffer, bytes);
     if (mode == kLinear)
         return resizeInterpolated(Linear<T>{mode}, level, src, srcVolume, dst, geometry, buffer, bytes);
     return resizeInterpolated(Cubic<T>{mode}, level, src, srcVolume, dst, geometry, buffer, bytes);

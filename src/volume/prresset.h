@@ -181,6 +181,28 @@ template <> struct Linear<float> {
     }
 };
 
+// The same passes in single precision; rows are always done in groups.
+struct BracketLinear : Linear<float> {
+    using RowInter = float;
+    using Weight = float;
+    using Bound = NoBound;
+    using Kernels = BracketKernels;
+    using Group = BracketGroup;
+    static constexpr int kGroup = 16;
+
+    static Growth growth(const Weights&) { return {1, 1, 1}; }
+    static void store(const Weights& w, Weight* column, int) { *column = w; }
+    static int group(const int* index, const Weight* weights, int n, int size, Group* groups) {
+        return groupColumns(index, weights, n, size, groups);
+    }
+    static void column(const Kernels& k, const float* const* r, const Weights& w, const Bound&, float* dst, int n) {
+        k.col(r[0], r[1], w, dst, n);
+    }
+    static void depth(const Kernels& k, const float* const* p, const Weights& w, const Bound&, float* dst, int n) {
+        k.dep(p[0], p[1], w, dst, n);
+    }
+};
+
 template <class T> struct Cubic {
     using Voxel = T;
     using Inter = float;

@@ -276,6 +276,53 @@ TEST(ResizeRounding, RangesOfFloats) {
     }
 }
 
+// Linear passes of floats where rounding is at its most delicate: few bits far apart, whose sums fall next to half-way
+// points and powers of two; specials beside anything; denormals; neighbours; fractions of all sizes, short ones too.
+TEST(ResizeRounding, LinearFloatsOfAllKinds) {
+    zenrtest::Floats r(87);
+    const double factors[] = {1, 1.5, 2.0 / 3, 2, 0.5, 3, 0.3, 1.37, 0.91, 0.06};
+    const double shifts[] = {0, 0.25, 0.001, 1e-5, -1e-6, 1e-9, 0.0009765625, 0.37, -1e-13};
+    const auto voxel = [&](int kind) {
+        const uint32_t bits = r.bits();
+        const float few = ldexpf(1 + float(bits % 8) / 8, -int(bits / 8 % 30));
+        switch (kind) {
+        case 0:
+            return bits / 1024 % 2 ? -few : few;
+        case 1:
+            return r.any();
+        case 2:
+            return ldexpf(float(int(bits % 16384) - 8192), -149);
+        case 3:
+            return 1 + float(bits % 9) * 0x1p-23f;
+        case 4:
+            return ldexpf(1 + float(bits % 8388608) / 8388608, -int(r.bits() % 70));
+        default:
+            return bits % 3 ? r.moderate() : bits % 2 ? -0.f : 3e38f;
+        }
+    };
+    for (int round = 0; round < zenrtest::rounds(360); ++round) {
+        const ZenrVolume v = {1 + int(r.bits() % 90), 1 + int(r.bits() % 5), 1 + int(r.bits() % 5)};
+        const int kinds[2] = {round % 6, int(r.bits() % 6)};
+        const uint32_t mix = 1 + r.bits() % 30;
+        TestVolume<float> src(v, 0, false, false, Guarded<float>::atEnd);
+        for (size_t i = 0; i < src.memory().size(); ++i) src.memory()[i] = voxel(kinds[r.bits() % mix ? 0 : 1]);
+        Arguments a = {{0, 0, 0, v.width, v.height, v.depth}, {0, 0, 0, 0, 0, 0}, {}, {}, 2};
+        const int size[3] = {v.width, v.height, v.depth};
+        int made[3];
+        for (int k = 0; k < 3; ++k) {
+            a.factor[k] = factors[r.bits() % 10];
+            a.shift[k] = shifts[r.bits() % 9];
+            const int most = int(size[k] * a.factor[k]) + 2;
+            made[k] = k == 0 || most < 9 ? most : 9;
+        }
+        const ZenrVolume w = {made[0], made[1], made[2]};
+        a.dstRoi = {0, 0, 0, w.width, w.height, w.depth};
+        TestVolume<float> dst(w, 0, false, false, Guarded<float>::atEnd);
+        checkCase(src, dst, a, true, {1}, round & 1);
+        if (::testing::Test::HasFatalFailure()) FAIL() << "round " << round;
+    }
+}
+
 // 8-bit volumes in which few, many or nearly all cubic sums lie half-way between two voxels.
 TEST(ResizeRounding, CubicSumsInDoubt) {
     zenrtest::Floats r(79);
