@@ -529,8 +529,9 @@ ZenStatus nearestSlices(const NearestBlock<T>& block, const Source& src, const A
         const int plane = depth.nearest(z);
         Slice<T> out = dst.slice(z);
         out.base = out.row(firstY) + firstX;
-        if (plane == last) {
-            // The same source plane as for the slice before: its result is copied.
+        // What the row or the slice before it had, too, is copied. In groups it is gathered again: that takes no longer, reads
+        // less memory than a slice has, and does not wait for the stores of the row before.
+        if (plane == last && !block.grouped()) {
             const T* const before = dst.slice(z - 1).row(firstY) + firstX;
             const ZenStatus status = copyPlane(before, out.base, int(out.step * ptrdiff_t(sizeof(T))), {width, height});
             if (status != zenStsNoErr) return status;
@@ -540,7 +541,6 @@ ZenStatus nearestSlices(const NearestBlock<T>& block, const Source& src, const A
         const Slice<const T> in = src.slice(plane);
         for (int y = 0; y < height; ++y) {
             T* const row = out.row(y);
-            // In groups a row is gathered again as fast as it is copied, and without waiting for the stores of the one before.
             if (!block.grouped() && y > 0 && rows[y] == rows[y - 1])
                 __builtin_memcpy(row, out.row(y - 1), size_t(width) * sizeof(T));
             else
