@@ -206,7 +206,7 @@ TYPED_TEST(Resize, ColumnsInGroups) {
     using T = TypeParam;
     zenrtest::Floats r(29);
     const bool brief = zenrtest::rounds(30) == 1;
-    for (int width : {8, 17, 33, 70, 130})
+    for (int width : {8, 17, 33, 64, 70, 128, 130})
         for (double factor : {0.37, 0.5, 2.0 / 3, 0.97, 1.0, 1.5, 2.3})
             for (double shift : {0.0, 1e-6, -1.3}) {
                 const ZenrVolume v = {width, 3, 2}, w = {int(width * factor) + 1, 3, 2};
@@ -226,6 +226,26 @@ TYPED_TEST(Resize, ColumnsInGroups) {
                     if (this->HasFatalFailure()) FAIL();
                 }
             }
+}
+
+// Sources that caches do not hold, whose rows are asked for ahead of time; upwards, too.
+TYPED_TEST(Resize, NearestReductionsOfLargeSources) {
+    using T = TypeParam;
+    if (zenrtest::rounds(30) == 1) GTEST_SKIP() << "the same without large sources is tested elsewhere";
+    zenrtest::Floats r(31);
+    const ZenrVolume v = {1100, 110, 110}, w = {110, 22, 22};
+    for (bool upwards : {false, true}) {
+        TestVolume<T> src(v, 1, upwards, false, upwards ? Guarded<T>::atStart : Guarded<T>::atEnd);
+        TestVolume<T> dst(w, 3, !upwards, false, Guarded<T>::atEnd);
+        for (size_t i = 0; i < src.memory().size(); ++i) src.memory()[i] = randomVoxel<T>(r, 2);
+        const Arguments a = {{0, 0, 0, v.width, v.height, v.depth},
+                             {0, 0, 0, w.width, w.height, w.depth},
+                             {0.1, 0.2, 0.2},
+                             {},
+                             kNearest};
+        checkCase(src, dst, a, true, {1, 2}, upwards);
+        if (this->HasFatalFailure()) FAIL();
+    }
 }
 
 // Sources made of one value, or of rows whose sums lie half-way between two floats, reach the tests of doubt.
