@@ -38,13 +38,11 @@ template <> struct NearestWide<uint8_t> {
     uint8_t turn[64];
     int window;
 };
-// Where groups serve, they stand in the place of a table of columns.
-static_assert(sizeof(NearestGroup<uint8_t>) <= 32 * sizeof(int), "");
-static_assert(sizeof(NearestGroup<uint16_t>) <= 16 * sizeof(int), "");
-static_assert(sizeof(NearestGroup<float>) <= 8 * sizeof(int), "");
-static_assert(sizeof(NearestWide<uint8_t>) <= 64 * sizeof(int), "");
-static_assert(sizeof(NearestWide<uint16_t>) <= 32 * sizeof(int), "");
-static_assert(sizeof(NearestWide<float>) <= 16 * sizeof(int), "");
+// Where groups serve, they stand in the place of a table of columns, whose length is a multiple of sixteen. It is tightest
+// where there is a column more than one group has, which takes a second group.
+template <class Group> constexpr bool kFits = 2 * sizeof(Group) <= ((Group::kColumns + 16) & ~15) * sizeof(int);
+static_assert(kFits<NearestGroup<uint8_t>> && kFits<NearestGroup<uint16_t>> && kFits<NearestGroup<float>>, "");
+static_assert(kFits<NearestWide<uint8_t>> && kFits<NearestWide<uint16_t>> && kFits<NearestWide<float>>, "");
 
 template <class T> struct NearestKernels {
     RowNearest<T>* row;
