@@ -22,14 +22,39 @@ ZENR_INLINE unsigned nonzero16(const float* v) {
     const __m256i high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(v + 8));
     return 0xFFFF & ~lanes16(_mm256_castsi256_ps(isZero(low)), _mm256_castsi256_ps(isZero(high)));
 }
-#endif
-inline void closeBound(const float* v, int n, RowBound* bound) {
-    boundOf(v, n, bound);
-#if defined(__AVX2__)
+ZENR_INLINE unsigned nonzero16(const uint16_t* v) {
+    const __m256i all = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(v));
+    const __m256i zero = _mm256_cmpeq_epi16(all, _mm256_setzero_si256());
+    const __m128i bytes = _mm_packs_epi16(_mm256_castsi256_si128(zero), _mm256_extracti128_si256(zero, 1));
+    return 0xFFFF & ~unsigned(_mm_movemask_epi8(bytes));
+}
+template <class T> ZENR_INLINE void closeEnds(const T* v, RowBound* bound) {
     if (bound->end - bound->begin < 16) return;
     const unsigned first = nonzero16(v + bound->begin), last = nonzero16(v + bound->end - 16);
     if (first) bound->begin += __builtin_ctz(first);
     if (last) bound->end -= __builtin_clz(last) - 16;
+}
+#endif
+inline void closeBound(const float* v, int n, RowBound* bound) {
+    boundOf(v, n, bound);
+#if defined(__AVX2__)
+    closeEnds(v, bound);
+#endif
+}
+// Few 16-bit volumes have voxels of all sizes.
+inline void closeBound(const uint16_t* v, int n, RowBound* bound) {
+    boundOf(v, n, bound);
+#if defined(__AVX2__)
+    closeEnds(v, bound);
+    if (bound->end - bound->begin < 16) return;
+    __m256i most = _mm256_setzero_si256();
+    inGroups<16>(
+        bound->begin, bound->end, [&](ptrdiff_t x) __attribute__((always_inline)) {
+            most = _mm256_max_epu16(most, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(v + x)));
+        });
+    const __m128i half = _mm_max_epu16(_mm256_castsi256_si128(most), _mm256_extracti128_si256(most, 1));
+    const __m128i least = _mm_minpos_epu16(_mm_xor_si128(half, _mm_set1_epi16(-1)));
+    bound->most = float(0xFFFF & ~_mm_extract_epi16(least, 0));
 #endif
 }
 
@@ -52,24 +77,26 @@ template <class T> struct RowSums {
 #if defined(__AVX2__)
 struct WindowSums {
     static constexpr bool kInterpolates = false;
-    const double* weights[4];
+    const double* weights;
+    ptrdiff_t step; // of weights
     const int* guarded;
     Window window;
-    WindowSums(const double* w, int step, const int* g, const Window& v)
-        : weights{w, w + step, w + 2 * step, w + 3 * step}, guarded(g), window(v) {}
     Sum sum(int x) const {
         const double* const t = window.taps(x);
-        return cubicSum(weights[0][x] * t[0], weights[1][x] * t[1], weights[2][x] * t[2], weights[3][x] * t[3]);
+        const double* const w = weights + x;
+        return cubicSum(w[0] * t[0], w[step] * t[1], w[2 * step] * t[2], w[3 * step] * t[3]);
     }
     long double exact(int x) const {
         const double* const t = window.taps(x);
-        return exactSum(t[0], t[1], t[2], t[3], weights[0][x], weights[1][x], weights[2][x], weights[3][x]);
+        const double* const w = weights + x;
+        return exactSum(t[0], t[1], t[2], t[3], w[0], w[step], w[2 * step], w[3 * step]);
     }
     ZENR_INLINE Taps taps8(ptrdiff_t x) const {
         Taps t[4];
         four8(window, x, t);
-        Taps s = times(t[0], weights[0] + x);
-        for (int k = 1; k < 4; ++k) s = multiplyAdd(t[k], weights[k] + x, s);
+        const double* const w = weights + x;
+        Taps s = times(t[0], w);
+        for (int k = 1; k < 4; ++k) s = multiplyAdd(t[k], w + k * step, s);
         return s;
     }
     ZENR_INLINE Eight eight(int x) const { return halves(taps8(x)); }
@@ -94,7 +121,7 @@ void rowCubic(const T* row, double* dst, const int* index, const double* weights
         return throughWindows<4, -1, double>(
             sums.s, size, index, n,
             [&](const Window& window, int begin, int end) {
-                roundTaps(WindowSums(weights, weightStep, guarded, window), bound, care, dst, begin, end);
+                roundTaps(WindowSums{weights, weightStep, guarded, window}, bound, care, dst, begin, end);
             },
             [&](int begin, int count) { roundRun(sums, dst, begin, count); });
 #endif
@@ -374,7 +401,7 @@ constexpr int kReach = kWindow;
 constexpr int kReach = 0;
 #endif
 const CubicKernels kCubic = {boundOf<uint8_t>,
-                             boundOf<uint16_t>,
+                             closeBound,
                              closeBound,
                              ownpi_RowCubic8pl,
                              ownpi_RowCubic16pl,

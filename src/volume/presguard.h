@@ -165,7 +165,9 @@ __attribute__((noinline)) void settle(Op op, Element* dst, int x, unsigned near,
     for (unsigned doubt = near | small; doubt; doubt &= doubt - 1) {
         const int i = x + __builtin_ctz(doubt);
         const Sum s = op.sum(i);
-        dst[i] = s.residue == 0 ? float(s.value) : float(op.exact(i));
+        int open = 0; // with this element's own operands for a bound
+        const float rounded = roundDoubtfully(s.value, s.size, &open);
+        dst[i] = !open ? rounded : s.residue == 0 ? float(s.value) : float(op.exact(i));
     }
 }
 
@@ -204,8 +206,15 @@ template <class Op, class Element> ZENR_INLINE void roundExact16(const Op& op, E
     if (__builtin_expect(_mm256_movemask_ps(_mm256_or_ps(low, high)) != 0, 0))
         settle<16>(op, dst, x, lanes16(low, high), 0);
 }
-template <class Op, class Element>
-ZENR_INLINE void roundGuarded16(const Op& op, __m256 threshold, Element* dst, int x) {
+// `edge` is set for groups that may reach beyond the bound's begin and end: zeros there are not small.
+ZENR_INLINE __m256 thresholdWithin(__m256 threshold, const RowBound& bound, int x) {
+    const __m256i at = _mm256_add_epi32(_mm256_set1_epi32(x), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+    const __m256i out = _mm256_cmpgt_epi32(_mm256_set1_epi32(bound.begin), at);
+    const __m256i in = _mm256_andnot_si256(out, _mm256_cmpgt_epi32(_mm256_set1_epi32(bound.end), at));
+    return _mm256_and_ps(threshold, _mm256_castsi256_ps(in));
+}
+template <bool edge, class Op, class Element>
+ZENR_INLINE void roundGuarded16(const Op& op, const RowBound& bound, __m256 threshold, Element* dst, int x) {
     const Eight a = op.eight(x), b = op.eight(x + 8);
     const __m256 low = floats(a), high = floats(b);
     put8(dst + x, low);
@@ -213,12 +222,16 @@ ZENR_INLINE void roundGuarded16(const Op& op, __m256 threshold, Element* dst, in
     const __m256i off[2] = {offHalfway<kGuardedError>(a), offHalfway<kGuardedError>(b)};
     // As integers, NaNs are the largest sizes.
     const __m256i size[2] = {_mm256_castps_si256(sizes(low)), _mm256_castps_si256(sizes(high))};
-    const __m256i small = _mm256_cmpgt_epi32(_mm256_castps_si256(threshold), _mm256_min_epu32(size[0], size[1]));
+    const __m256 under[2] = {edge ? thresholdWithin(threshold, bound, x) : threshold,
+                             edge ? thresholdWithin(threshold, bound, x + 8) : threshold};
+    const __m256i small = edge ? _mm256_or_si256(_mm256_cmpgt_epi32(_mm256_castps_si256(under[0]), size[0]),
+                                                 _mm256_cmpgt_epi32(_mm256_castps_si256(under[1]), size[1]))
+                               : _mm256_cmpgt_epi32(_mm256_castps_si256(threshold), _mm256_min_epu32(size[0], size[1]));
     const __m256i any = _mm256_or_si256(small, isZero(_mm256_min_epu32(off[0], off[1])));
     if (__builtin_expect(_mm256_testz_si256(any, any), 1) || op.template zeros<16>(x)) return;
     settle<16>(
         op, dst, x, lanes16(orderedLanes(isZero(off[0])), orderedLanes(isZero(off[1]))),
-        lanes16(_mm256_cmp_ps(sizes(low), threshold, _CMP_LT_OQ), _mm256_cmp_ps(sizes(high), threshold, _CMP_LT_OQ)));
+        lanes16(_mm256_cmp_ps(sizes(low), under[0], _CMP_LT_OQ), _mm256_cmp_ps(sizes(high), under[1], _CMP_LT_OQ)));
 }
 
 template <class Op, class Element> ZENR_INLINE void roundHalfway16(const Op& op, Element* dst, int x) {
@@ -316,59 +329,72 @@ ZENR_INLINE unsigned smallerThan(const Taps& s, float threshold) {
 }
 #endif
 
-// Bits of those of eight elements from x on that lie in [begin, end), one of them at least.
+// Bits of those of eight elements from x on that lie in [begin, end).
 ZENR_INLINE unsigned within8(ptrdiff_t x, const RowBound& bound) {
-    const int before = bound.begin > x ? int(bound.begin - x) : 0;
-    const int after = x + 8 > bound.end ? int(x + 8 - bound.end) : 0;
-    return 0xFFu >> after & 0xFFu << before;
+    const ptrdiff_t before = bound.begin - x, after = x + 8 - bound.end;
+    return 0xFFu >> (after < 0 ? 0 : after < 8 ? after : 8) & 0xFFu << (before < 0 ? 0 : before < 8 ? before : 8);
 }
 
-// Eight elements of a row pass. With `exempt`, op tells which need no test.
-template <bool exempt, int error, class Op>
-ZENR_INLINE void roundTaps8(const Op& op, const RowBound& bound, float threshold, bool normal, double* dst,
-                            ptrdiff_t x) {
+// Eight elements of a row pass. With `exempt`, op tells which need no test; with `edge`, those outside the bound's begin
+// and end are zeros, which are not small.
+template <bool exempt, int error, bool normal, bool edge, class Op>
+ZENR_INLINE void roundTaps8(const Op& op, const RowBound& bound, float threshold, double* dst, ptrdiff_t x) {
     const Taps s = op.taps8(x);
     putTaps(dst + x, s, normal);
-    const unsigned within = error == kGuardedError ? within8(x, bound) : 0xFF;
+    const unsigned within = edge ? within8(x, bound) : 0xFF;
     const unsigned needed = exempt ? op.guarded8(x) & within : within;
+    if (exempt && !needed) return; // many groups or none, and the same in every row
     const unsigned near = nearHalfway<error>(s) & needed;
     const unsigned small = error == kGuardedError ? smallerThan(s, threshold) & needed : 0;
     if (__builtin_expect((near | small) != 0, 0) && (near || !op.template zeros<8>(int(x))))
         settle<8>(op, dst, int(x), near, small);
+}
+template <bool exempt, int error, bool normal, class Op>
+ZENR_INLINE void roundTapsOf(const Op& op, const RowBound& bound, double* __restrict dst, int begin, int end) {
+    const float threshold = guardThreshold(bound.most);
+    const auto group = [&](ptrdiff_t x) __attribute__((always_inline)) {
+        roundTaps8<exempt, error, normal, false>(op, bound, threshold, dst, x);
+    };
+    if constexpr (Op::kInterpolates) {
+        const auto plain = [&](ptrdiff_t x) __attribute__((always_inline)) {
+            putTaps(dst + x, op.taps8(x), normal);
+        };
+        inGroupsWithin<8>(begin, end, bound.begin, bound.end, plain, group);
+    } else {
+        // Cubic rows are without their zeros already, but for fewer than sixteen at either end.
+        const auto edge = [&](ptrdiff_t x) __attribute__((always_inline)) {
+            roundTaps8<exempt, error, normal, true>(op, bound, threshold, dst, x);
+        };
+        const int first = end - begin > 16 ? begin + 16 : end, last = end - first > 16 ? end - 16 : first;
+        inGroups<8>(begin, first, edge);
+        inGroups<8>(first, last, group);
+        inGroups<8>(last, end, edge);
+    }
+}
+template <bool normal, class Op>
+ZENR_INLINE void roundTapsAs(const Op& op, const RowBound& bound, Care care, double* __restrict dst, int begin,
+                             int end) {
+    if (care == Care::none)
+        return inGroups<8>(
+            begin, end, [&](ptrdiff_t x) __attribute__((always_inline)) { putTaps(dst + x, op.taps8(x), normal); });
+    const bool close = isClose(bound);
+    if constexpr (Op::kInterpolates) {
+        if (care == Care::halfway)
+            return close ? roundTapsOf<true, kHalfwayError, normal>(op, bound, dst, begin, end)
+                         : roundTapsOf<false, kHalfwayError, normal>(op, bound, dst, begin, end);
+    }
+    close ? roundTapsOf<true, kGuardedError, normal>(op, bound, dst, begin, end)
+          : roundTapsOf<false, kGuardedError, normal>(op, bound, dst, begin, end);
 }
 
 // Elements [begin, end) of a row pass, eight or more; begin and end of `bound` are those of the result. Where short
 // weights need no test, no sum but 0 is below 2^-34 of the least element.
 template <class Op>
 ZENR_INLINE void roundTaps(const Op& op, const RowBound& bound, Care care, double* __restrict dst, int begin, int end) {
-    const float threshold = guardThreshold(bound.most);
-    const bool close = isClose(bound);
-    const bool normal = bound.least >= 0x1p-90f && bound.most < 0x1p126f;
-    const auto plain = [&](ptrdiff_t x) __attribute__((always_inline)) {
-        putTaps(dst + x, op.taps8(x), normal);
-    };
-    const auto each = [&](const auto& group) __attribute__((always_inline)) {
-        inGroupsWithin<8>(begin, end, bound.begin, bound.end, plain, group);
-    };
-    if (care == Care::none) return inGroups<8>(begin, end, plain);
-    if constexpr (Op::kInterpolates) {
-        if (care == Care::halfway) {
-            if (close)
-                return each([&](ptrdiff_t x) __attribute__((always_inline)) {
-                    roundTaps8<true, kHalfwayError>(op, bound, threshold, normal, dst, x);
-                });
-            return each([&](ptrdiff_t x) __attribute__((always_inline)) {
-                roundTaps8<false, kHalfwayError>(op, bound, threshold, normal, dst, x);
-            });
-        }
-    }
-    if (close)
-        return each([&](ptrdiff_t x) __attribute__((always_inline)) {
-            roundTaps8<true, kGuardedError>(op, bound, threshold, normal, dst, x);
-        });
-    each([&](ptrdiff_t x) __attribute__((always_inline)) {
-        roundTaps8<false, kGuardedError>(op, bound, threshold, normal, dst, x);
-    });
+    if (bound.least >= 0x1p-90f && bound.most < 0x1p126f)
+        roundTapsAs<true>(op, bound, care, dst, begin, end);
+    else
+        roundTapsAs<false>(op, bound, care, dst, begin, end);
 }
 
 // A row of sums of rows.
@@ -390,7 +416,17 @@ ZENR_INLINE void roundRows(const Op& op, const RowBound& bound, Care care, bool 
     }
     if (shortWeights) return each([&](int x) __attribute__((always_inline)) { roundExact16(op, dst, x); });
     const __m256 threshold = _mm256_set1_ps(guardThreshold(bound.most));
-    each([&](int x) __attribute__((always_inline)) { roundGuarded16(op, threshold, dst, x); });
+    if constexpr (Op::kInterpolates) {
+        each([&](int x) __attribute__((always_inline)) { roundGuarded16<false>(op, bound, threshold, dst, x); });
+    } else {
+        roundGuarded16<true>(op, bound, threshold, dst, 0);
+        if (n > 32)
+            inGroups<16>(
+                16, n - 16, [&](int x) __attribute__((always_inline)) {
+                    roundGuarded16<false>(op, bound, threshold, dst, x);
+                });
+        roundGuarded16<true>(op, bound, threshold, dst, n - 16);
+    }
 }
 
 // Sums for integer voxels: + 1/2, truncated, with 14 fraction bits. Below 2^17 in size, which three passes of weights

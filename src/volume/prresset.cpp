@@ -108,11 +108,14 @@ inline int firstFrom(const int* index, int width, int base) {
     return low;
 }
 
-// The same, where it is a few columns from x on.
-inline int firstNear(const int* index, int width, int base, int x) {
-    if (x > 0 && index[x - 1] >= base) return firstFrom(index, width, base);
-    while (x < width && index[x] < base) ++x;
-    return x;
+// The same, where it is most likely one of `most` columns from x on, or the one behind them.
+inline int firstNear(const int* index, int width, int base, int x, int most) {
+    if ((x > 0 && index[x - 1] >= base) || (x + most < width && index[x + most] < base))
+        return firstFrom(index, width, base);
+    const int last = x + most < width ? x + most : width;
+    int before = 0;
+    for (int i = x; i < last; ++i) before += index[i] < base; // a loop that ends early would end unforeseen
+    return x + before;
 }
 
 // Moves begin and end of a bound from the source columns that are read to the block's columns: to those that have a tap
@@ -132,13 +135,13 @@ template <class P> void moveRange(const ResizeBlock<P>& block, RowBound* bound) 
         const int base = block.firstColumn + bound->begin - P::kFirstTap - P::kTaps + 1;
         int x = about(base) - margin;
         x = x < 0 ? 0 : x < width ? x : width;
-        bound->begin = firstNear(index, width, base, x);
+        bound->begin = firstNear(index, width, base, x, 2 * margin + 1);
     }
     if (bound->end < block.usedColumns) {
         const int base = block.firstColumn + bound->end - P::kFirstTap;
         int x = about(base) - margin;
         x = x < 0 ? 0 : x < width ? x : width;
-        bound->end = firstNear(index, width, base, x);
+        bound->end = firstNear(index, width, base, x, 2 * margin + 1);
     } else {
         bound->end = width;
     }
@@ -390,7 +393,7 @@ int resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& src
 }
 
 // Blocks have as many rows as keep the ring of planes in L2.
-constexpr size_t kRingBytes = 256 << 10;
+constexpr size_t kRingBytes = 512 << 10;
 
 // Columns and rows of a block, within the destination range.
 struct BlockArea {
@@ -421,7 +424,10 @@ void resizeShare(const P& policy, Level level, const Source& src, ZenrVolume src
     int columns = least(g.count[0], kMostColumns);
     while (scratchBytes<P>(columns, 1) > bytes) columns = (columns + 1) / 2;
     const size_t ringRow = P::kTaps * roundUp(size_t(columns), kAlign) * sizeof(typename P::Inter);
-    int rows = least(g.count[1], kRingBytes / ringRow > 8 ? long(kRingBytes / ringRow) : 8);
+    int rows = kRingBytes / ringRow > 8 ? int(kRingBytes / ringRow) : 8;
+    // All of a size, and none for a few rows more: each block begins with rows that the one before had, too.
+    const int blocks = int((g.count[1] + (long long)rows - 1 - rows / 8) / rows);
+    rows = blocks > 1 ? int((g.count[1] + (long long)blocks - 1) / blocks) : g.count[1];
     while (scratchBytes<P>(columns, rows) > bytes) --rows;
 
     for (int x = 0; x < g.count[0]; x += least(columns, g.count[0] - x)) {

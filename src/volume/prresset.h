@@ -253,7 +253,7 @@ template <class T> struct Cubic {
     // lose none of 53 bits unless a weight is tiny.
     static bool exactColumn(const Weights& w) {
         for (double tap : w.tap) {
-            constexpr double kLeast = sizeof(T) == 1 ? 0x1p-20 : 0x1p-12;
+            constexpr double kLeast = sizeof(T) == 1 ? 0x1p-21 : 0x1p-13;
             const bool tiny = tap != 0 && tap < kLeast && tap > -kLeast;
             if (sizeof(T) == 4 ? !isShort(tap) : tiny) return false;
         }
