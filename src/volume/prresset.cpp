@@ -179,11 +179,20 @@ void singleColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, co
     borderColumns<P>(block, src, bound, care, dst, trailing, part.end);
 }
 
-// Asks for the voxels of a source row ahead of time. (Rows of smaller voxels come as fast by themselves.)
+// Source rows are asked for ahead of time: a row to come soon; or, by passes that take them faster than they come, one
+// further ahead, into L2, where the source is too large for caches, and smaller ones take a tenth longer that way. Cubic
+// passes of small voxels are slow enough for rows to come by themselves.
+constexpr double kFarSource = 12 << 20;
+template <class P> constexpr bool kAsksFar = kBrackets<P> || (P::kTaps == 2 && sizeof(typename P::Voxel) < 4);
+template <class P> constexpr int kAskRows = kAsksFar<P> ? 32 / int(sizeof(typename P::Voxel)) : 2;
+template <class P> bool asksAhead(const AxisMap* axis) {
+    if (!kAsksFar<P>) return sizeof(typename P::Voxel) == 4;
+    return double(axis[0].size) * axis[1].size * axis[2].size * sizeof(typename P::Voxel) > kFarSource;
+}
 template <class P> void askAhead(const ResizeBlock<P>& block, const typename P::Voxel* src) {
     const char* const from = reinterpret_cast<const char*>(src + block.firstColumn);
     const size_t bytes = size_t(block.usedColumns) * sizeof(typename P::Voxel);
-    for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(from + i);
+    for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(from + i, 0, kAsksFar<P> ? 2 : 3);
 }
 
 // A source row, resampled along x, and the bounds of the result. (Bounds are written in place: a copy of a record waits
@@ -231,7 +240,7 @@ void planeRows(const ResizeBlock<P>& block, Slice<const typename P::Voxel> src, 
             const int slot = taps[k] & (P::kTaps - 1);
             if (tags->row[slot] != taps[k]) {
                 tags->row[slot] = taps[k];
-                if (sizeof(typename P::Voxel) == 4) askAhead(block, src.row(block.axis[1].clamped(taps[k] + 2)));
+                if (block.asksAhead) askAhead(block, src.row(block.axis[1].clamped(taps[k] + kAskRows<P>)));
                 resampleRow(block, src.row(taps[k]), block.ringRow(taps[k]), &tags->bound[slot]);
             }
             join(&bound, tags->bound[slot]);
@@ -348,6 +357,7 @@ template <class P> void tabulateRows(const P& policy, ResizeBlock<P>* block, int
         block->rowWeights[y] = policy.weights(s.fraction);
     }
     block->rows = divide<P>(block->rowBase, block->height, block->axis[1].size);
+    block->asksAhead = asksAhead<P>(block->axis);
 }
 
 // One source plane, resampled into its slot of the ring of planes.
@@ -489,7 +499,6 @@ inline ZenStatus copyPlane(const float* src, float* dst, int step, ZenrSize size
 // Reductions leave rows out, and what fetches lines unasked starts anew at each row. Where the source is too large for
 // caches, rows are asked for so many destination rows ahead; enlargements and small sources take a tenth longer that way.
 constexpr int kRowsAhead = 8;
-constexpr double kFarSource = 12 << 20;
 
 // A block's columns and rows in the source. Columns are in wide groups where `registers`, how many a window has, is not 0;
 // in groups where `share`, how many of them share a window, is not 0; otherwise the table has them one by one.

@@ -341,6 +341,7 @@ template <class P> struct ResizeBlock {
     Runs rows;
     double columnsPerVoxel;
     bool wholeRows;  // their kernel sees to the border
+    bool asksAhead;  // for source rows that are to come
     int firstColumn; // source columns that are read
     int usedColumns;
     int* index;                  // per column: base
