@@ -75,8 +75,9 @@ template <class T> struct RowSums {
 };
 
 #if defined(__AVX2__)
-struct WindowSums {
+template <class T> struct WindowSums {
     static constexpr bool kInterpolates = false;
+    static constexpr bool kFewGuarded = sizeof(T) < 4;
     const double* weights;
     ptrdiff_t step; // of weights
     const int* guarded;
@@ -121,7 +122,7 @@ void rowCubic(const T* row, double* dst, const int* index, const double* weights
         return throughWindows<4, -1, double>(
             sums.s, size, index, n,
             [&](const Window& window, int begin, int end) {
-                roundTaps(WindowSums{weights, weightStep, guarded, window}, bound, care, dst, begin, end);
+                roundTaps(WindowSums<T>{weights, weightStep, guarded, window}, bound, care, dst, begin, end);
             },
             [&](int begin, int count) { roundRun(sums, dst, begin, count); });
 #endif

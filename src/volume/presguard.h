@@ -227,8 +227,18 @@ ZENR_INLINE void roundGuarded16(const Op& op, const RowBound& bound, __m256 thre
     const __m256i small = edge ? _mm256_or_si256(_mm256_cmpgt_epi32(_mm256_castps_si256(under[0]), size[0]),
                                                  _mm256_cmpgt_epi32(_mm256_castps_si256(under[1]), size[1]))
                                : _mm256_cmpgt_epi32(_mm256_castps_si256(threshold), _mm256_min_epu32(size[0], size[1]));
+#if defined(ZENR_LEVEL_avx512)
+    const __m256i mask = _mm256_set1_epi32((1 << 29) - 2 * kGuardedError);
+    const __m256i shift = _mm256_set1_epi32((1 << 28) + kGuardedError);
+    const unsigned near = _mm256_testn_epi32_mask(_mm256_add_epi32(lowWords(a), shift), mask) |
+                          _mm256_testn_epi32_mask(_mm256_add_epi32(lowWords(b), shift), mask);
+    const __m256 least = _mm256_range_ps(low, high, 0xA); // the lesser size; of a number and a NaN, the number's
+    const unsigned tiny = edge ? _mm256_movepi32_mask(small) : _mm256_cmp_ps_mask(least, threshold, _CMP_LT_OQ);
+    if (__builtin_expect((near | tiny) == 0, 1) || op.template zeros<16>(x)) return;
+#else
     const __m256i any = _mm256_or_si256(small, isZero(_mm256_min_epu32(off[0], off[1])));
     if (__builtin_expect(_mm256_testz_si256(any, any), 1) || op.template zeros<16>(x)) return;
+#endif
     settle<16>(
         op, dst, x, lanes16(orderedLanes(isZero(off[0])), orderedLanes(isZero(off[1]))),
         lanes16(_mm256_cmp_ps(sizes(low), under[0], _CMP_LT_OQ), _mm256_cmp_ps(sizes(high), under[1], _CMP_LT_OQ)));
@@ -343,7 +353,9 @@ ZENR_INLINE void roundTaps8(const Op& op, const RowBound& bound, float threshold
     putTaps(dst + x, s, normal);
     const unsigned within = edge ? within8(x, bound) : 0xFF;
     const unsigned needed = exempt ? op.guarded8(x) & within : within;
-    if (exempt && !needed) return; // many groups or none, and the same in every row
+    if constexpr (exempt && !Op::kInterpolates) {
+        if (Op::kFewGuarded && !needed) return; // for the same groups in every row
+    }
     const unsigned near = nearHalfway<error>(s) & needed;
     const unsigned small = error == kGuardedError ? smallerThan(s, threshold) & needed : 0;
     if (__builtin_expect((near | small) != 0, 0) && (near || !op.template zeros<8>(int(x))))
