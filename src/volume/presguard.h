@@ -295,16 +295,16 @@ ZENR_INLINE Taps times(const Taps& a, const double* b) {
 ZENR_INLINE Taps multiplyAdd(const Taps& a, const double* b, const Taps& c) {
     return {_mm512_fmadd_pd(a.all, _mm512_loadu_pd(b), c.all)};
 }
-// Rounded to float, as doubles. Where the float is certain to be a normal number or 0, the sum's 2^29-fold, added and
-// taken away, leaves 24 bits, rounded to even as conversions do, of the sum; only the sign of 0 is lost.
+// Rounded to float, as doubles. Where the float is certain to be a normal number or 0: the sum times 2^29 + 1, less what
+// that is without the sum (Veltkamp's splitting). The difference is rounded to 24 bits of the sum, also where the product
+// next below a power of two is rounded to one bit less; ties go to even, as in conversions.
 ZENR_INLINE void putTaps(double* dst, const Taps& s, bool normal) {
     if (__builtin_expect(!normal, 0)) {
         const Eight half = halves(s);
         return put8(dst, floats(half));
     }
-    const __m512d scale = _mm512_set1_pd(0x1p29), sign = _mm512_set1_pd(-0.);
-    const __m512d r = _mm512_fnmadd_pd(s.all, scale, _mm512_fmadd_pd(s.all, scale, s.all));
-    _mm512_storeu_pd(dst, _mm512_or_pd(r, _mm512_and_pd(s.all, sign)));
+    const __m512d scaled = _mm512_fmadd_pd(s.all, _mm512_set1_pd(0x1p29), s.all);
+    _mm512_storeu_pd(dst, _mm512_sub_pd(scaled, _mm512_sub_pd(scaled, s.all)));
 }
 // Bits of the sums that have a half-way point within `error`, and of those below a threshold.
 template <int error> ZENR_INLINE unsigned nearHalfway(const Taps& s) {
