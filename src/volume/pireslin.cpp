@@ -31,7 +31,6 @@ inline bool anyFar(const uint16_t* v, int n) {
     return any > 0x7FFF;
 }
 
-#if !defined(ZENR_LEVEL_avx512)
 struct RowLines {
     const float* s;
     const int* index;
@@ -149,17 +148,12 @@ void rowGroupsFloat(const float* src, const FloatGroup* groups, int count, int c
     else
         roundTaps(GroupLines<4>{src, groups, weights, guarded}, bound, care, dst, 0, 8 * count);
 }
-#else
-constexpr decltype(LinearKernels<float>::rowGroups) rowGroupsFloat = nullptr;
-#endif
-#endif
-
-#if defined(__AVX2__)
 template <class T>
 void rowGroupsFixed(const T* src, const FixedGroup* groups, int count, int columns, bool far, uint16_t* dst) {
     (columns == 8 ? groupRows<8, T> : groupRows<4, T>)(src, groups, count, far, dst);
 }
 #else
+constexpr decltype(LinearKernels<float>::rowGroups) rowGroupsFloat = nullptr;
 template <class T> constexpr decltype(LinearKernels<T>::rowGroups) rowGroupsFixed = nullptr;
 #endif
 
@@ -227,19 +221,6 @@ struct LineSums {
     }
 };
 
-#if defined(ZENR_LEVEL_avx512)
-void rowBracket(const float* src, const BracketGroup* groups, int reach, const float* weights, float* dst, int n) {
-    if (reach == 16) return bracketRow(GroupTaps<16>{src, groups, weights}, dst, n);
-    if (reach == 32) return bracketRow(GroupTaps<32>{src, groups, weights}, dst, n);
-    bracketRow(GroupTaps<0>{src, groups, weights}, dst, n);
-}
-void blendBracket(const float* r0, const float* r1, float w, float* dst, int n) {
-    bracketRow(RowTaps<BlendSums<float>, true>({r0, r1, w}, bracketOf(w)), dst, n);
-}
-void depthBracket(const float* p0, const float* p1, float w, float* dst, int n) {
-    bracketRow(RowTaps<LineSums, false>({{p0, p1}, w}, bracketOf(w)), dst, n);
-}
-#else
 // Where the operands are finite, r0 + (r1 - r0)*f is the same number, and takes fewer roundings; only, two zeros below 0
 // add up to one below 0, which has to be seen to if the rows are `mixed`.
 template <bool mixed> struct Blends : BlendSums<double> {
@@ -301,12 +282,32 @@ struct Lines : LineSums {
 void depthFloat(const float* p0, const float* p1, float w, const RowBound& bound, Care care, float* dst, int n) {
     roundRows(Lines{{{p0, p1}, w}}, bound, care, isShort(w), dst, n);
 }
+
+#if defined(ZENR_LEVEL_avx512)
+void rowBracket(const float* src, const BracketGroup* groups, int reach, const float* weights, float* dst, int n) {
+    if (reach == 16)
+        bracketRow(GroupTaps<16>{src, groups, weights}, dst, n);
+    else if (reach == 32)
+        bracketRow(GroupTaps<32>{src, groups, weights}, dst, n);
+    else
+        bracketRow(GroupTaps<0>{src, groups, weights}, dst, n);
+}
+void blendBracket(const float* r0, const float* r1, float w, float* dst, int n) {
+    bracketRow(RowTaps<BlendSums<float>, true>({r0, r1, w}, bracketOf(w)), dst, n);
+}
+int depthBracket(const float* p0, const float* p1, float w, float* dst, int n) {
+    return bracketRow(RowTaps<LineSums, false>({{p0, p1}, w}, bracketOf(w)), dst, n);
+}
+constexpr BracketKernels kBracket = {rowBracket, blendBracket, depthBracket};
+#else
+constexpr BracketKernels kBracket = {};
 #endif
 
 } // namespace
 
 constexpr auto ownpi_CoefLinear8pl = &rowFixed<uint8_t, 128, 8>;
 constexpr auto ownpi_CoefLinear16pl = &rowFixed<uint16_t, 8192, 14>;
+constexpr auto ownpi_CoefLinear32pl = &rowFloat;
 // Two Q6 rows: into Q6, or into final voxels.
 static void ownpi_SummLinear8pl(const uint16_t* r0, const uint16_t* r1, uint16_t w, bool, uint16_t* dst, int n) {
     blendWords(r0, r1, w, false, dst, n);
@@ -315,29 +316,17 @@ static void ownpi_SummLinear8pl(const uint16_t* r0, const uint16_t* r1, uint16_t
     blendVoxels(r0, r1, w, false, dst, n);
 }
 constexpr auto ownpi_SummLinear16pl = &blendWords;
+constexpr auto ownpi_SummLinear32pl = &blendFloat;
 constexpr auto ownpr_DepLinear8pl = &blendVoxels;
 constexpr auto ownpr_DepLinear16pl = &blendWords;
-#if defined(ZENR_LEVEL_avx512)
-constexpr auto ownpi_CoefLinear32pl = &rowBracket;
-constexpr auto ownpi_SummLinear32pl = &blendBracket;
-constexpr auto ownpr_DepLinear32pl = &depthBracket;
-#else
-constexpr auto ownpi_CoefLinear32pl = &rowFloat;
-constexpr auto ownpi_SummLinear32pl = &blendFloat;
 constexpr auto ownpr_DepLinear32pl = &depthFloat;
-#endif
 
 extern const AllLinearKernels kLinear;
 const AllLinearKernels kLinear = {
     {anyFar, rowGroupsFixed<uint8_t>, ownpi_CoefLinear8pl, ownpi_SummLinear8pl, ownpr_DepLinear8pl},
     {anyFar, rowGroupsFixed<uint16_t>, ownpi_CoefLinear16pl, ownpi_SummLinear16pl, ownpr_DepLinear16pl},
-#if defined(ZENR_LEVEL_avx512)
-    {},
-    {ownpi_CoefLinear32pl, ownpi_SummLinear32pl, ownpr_DepLinear32pl},
-#else
     {boundOf, rowGroupsFloat, ownpi_CoefLinear32pl, ownpi_SummLinear32pl, ownpr_DepLinear32pl},
-    {},
-#endif
+    kBracket,
     ownpi_SummLinear8pl,
 };
 

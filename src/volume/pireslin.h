@@ -99,13 +99,14 @@ struct BracketKernels {
     // `reach` voxels from its window on hold all taps of a group, or any number where it is 0.
     void (*rowGroups)(const float* src, const BracketGroup* groups, int reach, const float* weights, float* dst, int n);
     void (*col)(const float* r0, const float* r1, float w, float* dst, int n);
-    void (*dep)(const float* p0, const float* p1, float w, float* dst, int n);
+    // Tells how many were summed in double.
+    int (*dep)(const float* p0, const float* p1, float w, float* dst, int n);
 };
 
 struct AllLinearKernels {
     LinearKernels<uint8_t> u8;
     LinearKernels<uint16_t> u16;
-    LinearKernels<float> f32; // null where those in single precision are not
+    LinearKernels<float> f32;
     BracketKernels single;
     // Two Q6 rows into final 8-bit values, where no depth pass follows.
     void (*plane8)(const uint16_t* r0, const uint16_t* r1, uint16_t w, uint8_t* dst, int n);

@@ -76,12 +76,12 @@ ZENR_INLINE Settled settle16(__m512 s0, __m512 s1, __m512 f) {
 }
 
 // Elements of a row, a bit for each, whose ends differ: those of them that have no NaN among their taps, which makes
-// the result one, are computed in double, sixteen at a time.
-template <class Op> __attribute__((noinline)) void settleRow(Op op, const uint64_t* differ, int n, float* dst) {
+// the result one, are computed in double, sixteen at a time. Tells how many.
+template <class Op> __attribute__((noinline)) int settleRow(Op op, const uint64_t* differ, int n, float* dst) {
     constexpr int kMost = 256;
     alignas(64) int at[kMost + 16];
     alignas(64) float s0[kMost + 16], s1[kMost + 16], f[kMost + 16];
-    int count = 0;
+    int count = 0, all = 0;
     const __m512i lane = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
     for (int x = 0; x < n; x += 16) {
         const __mmask16 near = __mmask16(differ[x / 64] >> x % 64);
@@ -108,8 +108,10 @@ template <class Op> __attribute__((noinline)) void settleRow(Op op, const uint64
                 dst[at0] = sum.residue == 0 ? float(sum.value) : float(op.exact(at0));
             }
         }
+        all += count;
         count = 0;
     }
+    return all;
 }
 
 // Sixteen of a row.
@@ -119,8 +121,9 @@ template <class Op> ZENR_INLINE __mmask16 bracket16(const Op& op, float* dst, pt
     return _mm512_cmp_ps_mask(ends.low, ends.high, _CMP_NEQ_UQ);
 }
 
-// Elements [0, n) of a row, at most kMostColumns. What op.taps reads is there for whole groups of sixteen.
-template <class Op> ZENR_INLINE void bracketRow(const Op& op, float* __restrict dst, ptrdiff_t n) {
+// Elements [0, n) of a row, at most kMostColumns; how many of them were summed in double. What op.taps reads is there for
+// whole groups of sixteen.
+template <class Op> ZENR_INLINE int bracketRow(const Op& op, float* __restrict dst, ptrdiff_t n) {
     uint64_t differ[16];
     uint64_t any = 0;
     ptrdiff_t x = 0;
@@ -141,7 +144,7 @@ template <class Op> ZENR_INLINE void bracketRow(const Op& op, float* __restrict 
         }
         any |= differ[(n - 1) / 64] = last;
     }
-    if (__builtin_expect(any != 0, 0)) settleRow(op, differ, int(n), dst);
+    return __builtin_expect(any != 0, 0) ? settleRow(op, differ, int(n), dst) : 0;
 }
 
 // A row pass: `reach` voxels from its window on hold all taps of a group, or more do where it is 0.

@@ -62,6 +62,9 @@ template <int count> ZENR_INLINE void permuted8(const Window& w, ptrdiff_t x, Ta
         for (int k = 0; k < count; ++k) t[k].all = _mm512_i32gather_pd(at, p + k, 8);
     }
 }
+ZENR_INLINE void two8(const Window& w, ptrdiff_t x, Taps* t) {
+    permuted8<2>(w, x, t);
+}
 ZENR_INLINE void four8(const Window& w, ptrdiff_t x, Taps* t) {
     permuted8<4>(w, x, t);
 }

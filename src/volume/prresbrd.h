@@ -72,6 +72,8 @@ template <class P> int depthRows(const ResizeBlock<P>& block, const DepthTaps<P>
             uint64_t doubts[kMostColumns / 64];
             block.kernels->dep(rows, taps.weights.tap, row + part.begin, doubts, n);
             again += settleVoxels(block, taps, y, part, doubts, row);
+        } else if constexpr (P::kMostAgain) {
+            again += P::depth(*block.kernels, rows, taps.weights, bound, row, n);
         } else {
             P::depth(*block.kernels, rows, taps.weights, countedFrom(bound, part.begin), row + part.begin, n);
         }

@@ -50,6 +50,13 @@ template <class P> const typename P::Kernels& kernelsOf(Level level) {
         return linearKernels(level).f32;
 }
 
+// Whether the level has kernels for the quick policy.
+template <class P> bool hasQuick(Level level) {
+    using Quick = typename QuickPolicy<P>::Type;
+    if constexpr (kBrackets<Quick>) return kernelsOf<Quick>(level).col != nullptr;
+    return Quick::kMostAgain != 0;
+}
+
 constexpr int least(long long a, long long b) {
     return int(a < b ? a : b);
 }
@@ -90,9 +97,14 @@ template <class P> size_t layOut(Arena arena, int width, int height, ResizeBlock
     return arena.used();
 }
 
+// What a block needs under either policy.
 template <class P> size_t scratchBytes(int width, int height) {
+    using Quick = typename QuickPolicy<P>::Type;
     ResizeBlock<P> block;
-    return layOut<P>(Arena(nullptr), width, height, &block);
+    ResizeBlock<Quick> quick;
+    const size_t bytes = layOut<P>(Arena(nullptr), width, height, &block);
+    const size_t quickBytes = layOut<Quick>(Arena(nullptr), width, height, &quick);
+    return bytes > quickBytes ? bytes : quickBytes;
 }
 
 // The first column whose base index is not below `base`.
@@ -369,8 +381,8 @@ template <class P> void resamplePlane(const ResizeBlock<P>& block, Slice<const t
     kRoutines<P>.borderRows(block, src, p, block.rows.trailing, block.height, &tags);
 }
 
-// Destination slices [first, first + count) of a block of columns and rows; how many of them were done. A policy that
-// leaves doubts gives up once more than a 32nd of a slice had to be done again.
+// Destination slices [first, first + count) of a block of columns and rows; how many of them were done. A quick policy
+// gives up once it had to do too much of a slice again.
 template <class P, class Source, class Destination>
 int resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& src, const Destination& dst, int firstX,
                  int firstY, int first, int count) {
@@ -397,7 +409,7 @@ int resizeSlices(const P& policy, const ResizeBlock<P>& block, const Source& src
         Slice<typename P::Voxel> out = dst.slice(z);
         out.base = out.row(firstY) + firstX;
         const int again = inside ? depthRows(block, taps, out) : kRoutines<P>.borderSlice(block, s.base, taps, out);
-        if (P::kDoubts && again > block.width * block.height / 32) return i + 1;
+        if (P::kMostAgain && again > block.width * block.height / P::kMostAgain) return i + 1;
     }
     return count;
 }
@@ -444,10 +456,9 @@ void resizeShare(const P& policy, Level level, const Source& src, ZenrVolume src
         for (int y = 0; y < g.count[1]; y += least(rows, g.count[1] - y)) {
             const BlockArea area = {x, y, least(columns, g.count[0] - x), least(rows, g.count[1] - y)};
             int done = 0;
-            // The scratch memory of floats is smaller.
-            if constexpr (P::kTaps == 4 && sizeof(typename P::Voxel) == 1)
-                done = resizeBlock(QuickCubic{{policy.mode}}, level, src, srcVolume, dst, g, area, firstSlice,
-                                   sliceCount, scratch);
+            if (hasQuick<P>(level))
+                done = resizeBlock(typename QuickPolicy<P>::Type{{policy.mode}}, level, src, srcVolume, dst, g, area,
+                                   firstSlice, sliceCount, scratch);
             if (done < sliceCount)
                 resizeBlock(policy, level, src, srcVolume, dst, g, area, firstSlice + done, sliceCount - done, scratch);
         }
@@ -626,9 +637,6 @@ ZenStatus resizeVolume(Level level, Source src, ZenrVolume srcVolume, Destinatio
     buffer += skip;
     bytes -= skip;
     if (mode == kNearest) return resizeNearest<T>(level, src, srcVolume, dst, geometry, buffer, bytes);
-    if constexpr (sizeof(T) == 4)
-        if (mode == kLinear && linearKernels(level).single.col)
-            return resizeInterpolated(BracketLinear{{mode}}, level, src, srcVolume, dst, geometry, buffer, bytes);
     if (mode == kLinear)
         return resizeInterpolated(Linear<T>{mode}, level, src, srcVolume, dst, geometry, buffer, bytes);
     return resizeInterpolated(Cubic<T>{mode}, level, src, srcVolume, dst, geometry, buffer, bytes);
