@@ -296,6 +296,26 @@ TEST(ResizeRounding, RangesOfFloats) {
     }
 }
 
+// Smooth slices, then white noise, then smooth ones again: quick passes give up in the midst of a volume.
+TEST(ResizeRounding, NoiseAmongSmoothSlices) {
+    zenrtest::Floats r(91);
+    for (int round = 0; round < zenrtest::rounds(12); ++round) {
+        const ZenrVolume v = {70, 9, 12};
+        TestVolume<float> src(v, 0, false, false, Guarded<float>::atEnd);
+        for (size_t i = 0; i < src.memory().size(); ++i) {
+            const int z = int(i * 12 / src.memory().size());
+            const float noise = float(r.bits()) * 0x1p-32f;
+            src.memory()[i] = z / 4 == round % 3 || z / 4 == 1 ? noise : 1 + noise / 8;
+        }
+        const double f = round % 2 ? 2.0 / 3 : 1.5;
+        const ZenrVolume w = {int(70 * f), int(9 * f), int(12 * f)};
+        const Arguments a = {{0, 0, 0, 70, 9, 12}, {0, 0, 0, w.width, w.height, w.depth}, {f, f, f}, {}, 2};
+        TestVolume<float> dst(w, 0, false, false, Guarded<float>::atEnd);
+        checkCase(src, dst, a, true, {1}, 0);
+        if (::testing::Test::HasFatalFailure()) FAIL() << "round " << round;
+    }
+}
+
 // Passes of floats where rounding is at its most delicate: few bits far apart, whose sums fall next to half-way
 // points and powers of two; specials beside anything; denormals; neighbours; fractions of all sizes, short ones too.
 TEST(ResizeRounding, FloatsOfAllKinds) {
