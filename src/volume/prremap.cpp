@@ -82,8 +82,8 @@ struct RemapMaps {
 };
 
 template <class T>
-ZenStatus remapChecked(const T* const* pSrc, ZenrVolume srcVolume, int srcStep, ZenrBox srcRoi, const RemapMaps& maps,
-                       T* const* pDst, int dstStep, ZenrVolume dstVolume, int interpolation) {
+ZenStatus remapChecked(const T* const* pSrc, ZenrVolume srcVolume, int srcStep, const ZenrBox& srcRoi,
+                       const RemapMaps& maps, T* const* pDst, int dstStep, ZenrVolume dstVolume, int interpolation) {
     if (!pSrc || !pDst) return zenStsNullPtrErr;
     if (!maps.plane[0] || !maps.plane[1] || !maps.plane[2]) return zenStsNullPtrErr;
     if (badVolume(srcVolume)) return zenStsSizeErr;
