@@ -204,7 +204,8 @@ template <class P> bool asksAhead(const AxisMap* axis) {
 template <class P> void askAhead(const ResizeBlock<P>& block, const typename P::Voxel* src) {
     const char* const from = reinterpret_cast<const char*>(src + block.firstColumn);
     const size_t bytes = size_t(block.usedColumns) * sizeof(typename P::Voxel);
-    for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(from + i, 0, kAsksFar<P> ? 2 : 3);
+    constexpr int kLevels = kAsksFar<P> ? 2 : 3; // of caches
+    for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(from + i, 0, kLevels);
 }
 
 // A source row, resampled along x, and the bounds of the result. (Bounds are written in place: a copy of a record waits
