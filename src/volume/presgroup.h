@@ -113,7 +113,8 @@ template <class T> void place(NearestGroup<T>* g, int i, int columns, int from, 
     placeVoxel(g, i, voxel);
 }
 inline void placeVoxel(NearestWide<uint8_t>* g, int i, int voxel) {
-    (i & 1 ? g->odd : g->even)[i / 2] = uint8_t(voxel / 2);
+    uint8_t* const pairs = i & 1 ? g->odd : g->even; // (an array chosen in place is a copy in sanitizers' builds)
+    pairs[i / 2] = uint8_t(voxel / 2);
     g->turn[i] = uint8_t((i & 14) + (voxel & 1));
 }
 template <class T> void placeVoxel(NearestWide<T>* g, int i, int voxel) {
