@@ -36,10 +36,7 @@ struct RowLines {
     const int* index;
     const double* f;
     Sum sum(int x) const { return linearSum(s[index[x]], s[index[x] + 1], f[x]); }
-    long double exact(int x) const {
-        const long double s0 = s[index[x]];
-        return s0 + (s[index[x] + 1] - s0) * f[x];
-    }
+    long double exact(int x) const { return exactLine(s[index[x]], s[index[x] + 1], f[x]); }
 };
 
 #if defined(__AVX2__)
@@ -95,10 +92,7 @@ template <int columns> struct GroupLines {
         return s[g.window[x / 4 % 2] + g.taps[x / 4 % 2][x % 4 + 4 * k]];
     }
     Sum sum(int x) const { return linearSum(tap(x, 0), tap(x, 1), f[x]); }
-    long double exact(int x) const {
-        const long double s0 = tap(x, 0);
-        return s0 + (tap(x, 1) - s0) * f[x];
-    }
+    long double exact(int x) const { return exactLine(tap(x, 0), tap(x, 1), f[x]); }
     // Both taps of eight columns, in one order or the other.
     struct Both {
         __m256 a, b;
@@ -215,10 +209,7 @@ struct LineSums {
     const float* rows[2];
     double f;
     Sum sum(int x) const { return linearSum(rows[0][x], rows[1][x], f); }
-    long double exact(int x) const {
-        const long double s0 = rows[0][x];
-        return s0 + (rows[1][x] - s0) * f;
-    }
+    long double exact(int x) const { return exactLine(rows[0][x], rows[1][x], f); }
 };
 
 // Where the operands are finite, r0 + (r1 - r0)*f is the same number, and takes fewer roundings; only, two zeros below 0

@@ -155,10 +155,7 @@ template <int reach> struct GroupTaps {
 
     float tap(int x, int k) const { return s[groups[x / 16].window + groups[x / 16].taps[k][x % 16]]; }
     Sum sum(int x) const { return linearSum(tap(x, 0), tap(x, 1), weights[x]); }
-    long double exact(int x) const {
-        const long double s0 = tap(x, 0);
-        return s0 + (tap(x, 1) - s0) * weights[x];
-    }
+    long double exact(int x) const { return exactLine(tap(x, 0), tap(x, 1), weights[x]); }
     ZENR_INLINE Taps16 taps(ptrdiff_t x) const {
         const BracketGroup& g = groups[x / 16];
         const float* const window = s + g.window;

@@ -100,5 +100,8 @@ static inline Sum linearSum(double s0, double s1, double f) {
     return {value, sizeOf(s0) + sizeOf(s1),
             sizeOf(double(float(difference)) - difference) + lost(s1, -s0, difference) + lost(s0, product, value)};
 }
+static inline long double exactLine(long double s0, double s1, double f) {
+    return s0 + (s1 - s0) * f;
+}
 
 } // namespace zenr

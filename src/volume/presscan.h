@@ -23,8 +23,8 @@ ZENR_INLINE bool zeros16(const float* v) {
     return _mm256_testz_si256(all, all);
 }
 
-// A row without its zeros at both ends, as far as whole groups of sixteen go: nobody gains from knowing them to the
-// voxel.
+// A row without its zeros at both ends, as far as whole groups of sixteen go: linear passes gain nothing from knowing them
+// to the voxel.
 struct Middle {
     int begin, end;
 };

@@ -194,18 +194,23 @@ void singleColumns(const ResizeBlock<P>& block, const typename P::Voxel* src, co
 // Source rows are asked for ahead of time: a row to come soon; or, by passes that take them faster than they come, one
 // further ahead, into L2, where the source is too large for caches, and smaller ones take a tenth longer that way. Cubic
 // passes of small voxels are slow enough for rows to come by themselves.
-constexpr double kFarSource = 12 << 20;
+template <class T> bool isFarSource(const AxisMap* axis) {
+    return double(axis[0].size) * axis[1].size * axis[2].size * sizeof(T) >= 12 << 20;
+}
+// Into so many levels of caches, from the last on. (Functions that only do this are dropped where they are not inlined.)
+template <int levels, class T> inline __attribute__((always_inline)) void prefetchRow(const T* from, int count) {
+    for (ptrdiff_t x = 0; x < count; x += 64 / int(sizeof(T))) __builtin_prefetch(from + x, 0, levels);
+}
 template <class P> constexpr bool kAsksFar = kBrackets<P> || (P::kTaps == 2 && sizeof(typename P::Voxel) < 4);
 template <class P> constexpr int kAskRows = kAsksFar<P> ? 32 / int(sizeof(typename P::Voxel)) : 2;
 template <class P> bool asksAhead(const AxisMap* axis) {
     if (!kAsksFar<P>) return sizeof(typename P::Voxel) == 4;
-    return double(axis[0].size) * axis[1].size * axis[2].size * sizeof(typename P::Voxel) > kFarSource;
+    return isFarSource<typename P::Voxel>(axis);
 }
-template <class P> void askAhead(const ResizeBlock<P>& block, const typename P::Voxel* src) {
-    const char* const from = reinterpret_cast<const char*>(src + block.firstColumn);
-    const size_t bytes = size_t(block.usedColumns) * sizeof(typename P::Voxel);
-    constexpr int kLevels = kAsksFar<P> ? 2 : 3; // of caches
-    for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(from + i, 0, kLevels);
+template <class P>
+inline __attribute__((always_inline)) void askAhead(const ResizeBlock<P>& block, const typename P::Voxel* src) {
+    constexpr int kLevels = kAsksFar<P> ? 2 : 3;
+    prefetchRow<kLevels>(src + block.firstColumn, block.usedColumns);
 }
 
 // A source row, resampled along x, and the bounds of the result. (Bounds are written in place: a copy of a record waits
@@ -525,9 +530,6 @@ template <class T> struct NearestBlock {
     int firstColumn, endColumn; // of the source
     int rowsAhead;
 
-    void askFor(const T* src) const {
-        for (ptrdiff_t x = firstColumn; x < endColumn; x += 64 / int(sizeof(T))) __builtin_prefetch(src + x);
-    }
     template <class Group> Group* groups() const { return reinterpret_cast<Group*>(columns); }
     bool grouped() const { return registers || share; }
     void copyRow(const T* src, T* dst) const {
@@ -553,8 +555,7 @@ template <class T> void tabulate(const AxisMap* axis, const int* first, NearestB
     for (int i = 0; i < block->height; ++i) block->rows[i] = axis[1].nearest(first[1] + block->firstY + i);
     block->firstColumn = column(0);
     block->endColumn = column(block->width - 1) + 1;
-    const double bytes = double(sizeof(T)) * axis[0].size * axis[1].size * axis[2].size;
-    block->rowsAhead = axis[1].inverse > 1 && bytes >= kFarSource ? kRowsAhead : 0;
+    block->rowsAhead = axis[1].inverse > 1 && isFarSource<T>(axis) ? kRowsAhead : 0;
 }
 
 // A share of slices of a block.
@@ -582,7 +583,9 @@ ZenStatus nearestSlices(const NearestBlock<T>& block, const Source& src, const A
         const Slice<const T> in = src.slice(plane);
         for (int y = 0; y < height; ++y) {
             T* const row = out.row(y);
-            if (block.rowsAhead && y + block.rowsAhead < height) block.askFor(in.row(rows[y + block.rowsAhead]));
+            if (block.rowsAhead && y + block.rowsAhead < height)
+                prefetchRow<3>(in.row(rows[y + block.rowsAhead]) + block.firstColumn,
+                               block.endColumn - block.firstColumn);
             if (!block.grouped() && y > 0 && rows[y] == rows[y - 1])
                 __builtin_memcpy(row, out.row(y - 1), size_t(width) * sizeof(T));
             else

@@ -67,6 +67,7 @@ template <class P> struct ResizeBlock;
 
 // Interpolation policies. A policy knows its number of taps, how a base index becomes taps, and how its passes are
 // called; the worker knows everything else.
+
 // The border rule of linear taps: before the volume both are its first voxel, after it both its last.
 inline void linearBorderTaps(const AxisMap& axis, int base, int* taps) {
     taps[0] = axis.clamped(base);
@@ -193,7 +194,6 @@ struct BracketLinear : Linear<float> {
     using Group = BracketGroup;
     static constexpr int kGroup = 16;
 
-    static Growth growth(const Weights&) { return {1, 1, 1}; }
     static void store(const Weights& w, Weight* column, int) { *column = w; }
     static int group(const int* index, const Weight* weights, int n, int size, Group* groups) {
         return groupColumns(index, weights, n, size, groups);
@@ -235,7 +235,7 @@ template <class T> struct Cubic {
             while (w.unit != 0 && tap / w.unit != float(int(tap / w.unit))) w.unit = isShort(tap) ? w.unit / 2 : 0;
         return w;
     }
-    static void store(const Weights& w, Weight* column, int step) {
+    template <class Element> static void store(const Weights& w, Element* column, int step) {
         for (int k = 0; k < 4; ++k) column[ptrdiff_t(k) * step] = w.tap[k];
     }
 
@@ -302,9 +302,6 @@ struct QuickCubic : Cubic<uint8_t> {
     using Weight = float;
     using Kernels = QuickCubicKernels;
 
-    static void store(const Weights& w, float* column, int step) {
-        for (int k = 0; k < 4; ++k) column[ptrdiff_t(k) * step] = w.tap[k];
-    }
     static constexpr bool kDoubts = true;
     static constexpr int kMostAgain = 32;
     static constexpr bool kWholeRows = false;
